@@ -1,0 +1,128 @@
+// Shared GPU resource records and the dma-buf import helpers.
+#ifndef ZQGFX_AVS_COMMON_RESOURCE_H
+#define ZQGFX_AVS_COMMON_RESOURCE_H
+
+#include <EGL/egl.h>
+#include <EGL/eglext.h>
+#include <GLES3/gl31.h>
+#include <GLES2/gl2ext.h>
+
+#include <cstdint>
+
+#include "DebugLog.h"
+
+namespace zqgfx_gpu_avs {
+
+// One render target or texture. The engine whose array holds an entry creates and destroys it.
+struct drmSharedFramebuffer {
+    GLuint fbo_id;      // all bits set for a texture without framebuffer
+    GLuint texture_id;
+    void* vir_addr;     // CPU mapping of the backing buffer, or null
+    int32_t mem_fd;     // dma-buf of the backing buffer, -1 for a plain GL texture
+    int32_t mem_bpp;
+    int32_t width;
+    int32_t height;
+};
+
+// What the remap engine built for one slot of its descriptor table.
+struct textureAndFboStatus {
+    GLuint fbo_id;      // 0 for an input image
+    GLuint texture_id;
+    int width;
+    int height;
+};
+
+// One cached vertex buffer of a block's mesh, keyed by mesh index (camera * 10 + block).
+struct RemapVboInfo {
+    int mIndex;
+    int meshxStep;
+    int meshyStep;
+    int meshWidth;
+    int meshHeight;
+    GLfloat* mVertexes;  // CPU copy, malloc'ed, owned by the entry
+    GLuint mVboId;
+    RemapVboInfo(int index, int xStep, int yStep, int width, int height, GLfloat* vertexes, GLuint vbo)
+        : mIndex(index), meshxStep(xStep), meshyStep(yStep), meshWidth(width), meshHeight(height),
+          mVertexes(vertexes), mVboId(vbo)
+    {
+    }
+};
+
+// Driver capabilities, detected once when the context is made; every fallback branches on
+// this record alone. `portable` is the path chosen: true when the driver lacks dma-buf import
+// or YUV render targets and the library uploads and reads back through CPU mappings instead.
+struct AvsGpuCaps {
+    bool EGL_EXT_image_dma_buf_import;
+    bool EGL_EXT_image_dma_buf_import_modifiers;
+    bool EGL_KHR_fence_sync;
+    bool EGL_MESA_platform_surfaceless;
+    bool GL_OES_EGL_image_external;
+    bool GL_EXT_YUV_target;
+    bool portable;
+};
+
+// ---- EGL image import --------------------------------------------------------------------
+
+// DRM fourcc codes and the Arm AFBC modifier (16x16 superblocks, sparse) as the driver wants them.
+constexpr EGLint kFourccNV12 = 0x3231564E;
+constexpr EGLint kFourccYUV420_8BIT = 0x38305559;
+constexpr EGLint kFourccBGR888 = 0x34324742;
+constexpr EGLint kFourccR8 = 0x20203852;
+constexpr EGLint kAfbcModifierLo = 0x00000041;
+constexpr EGLint kAfbcModifierHi = 0x08000000;
+
+// A bounded EGL attribute list; push() refuses to run past the array.
+struct EglAttribList {
+    static constexpr int kCapacity = 32;
+    EGLint values[kCapacity];
+    int count = 0;
+    bool push(EGLint name, EGLint value);
+    void terminate();  // appends EGL_NONE
+    const EGLint* data() const { return values; }
+};
+
+// Image attribute lists, one builder per kind. `stride` is the pitch in bytes.
+EglAttribList yuvImageAttribs(uint32_t is_afbc, int fd, int width, int height, int stride);
+EglAttribList bgr888ImageAttribs(int fd, int width, int height, int pitch);
+EglAttribList r8ImageAttribs(int fd, int width, int height, int plane_offset);
+
+// The three EGL image entry points, looked up by name with eglGetProcAddress.
+struct EglImageProcs {
+    PFNEGLCREATEIMAGEKHRPROC createImage;
+    PFNEGLDESTROYIMAGEKHRPROC destroyImage;
+    PFNGLEGLIMAGETARGETTEXTURE2DOESPROC imageTargetTexture2D;
+};
+EglImageProcs lookupEglImageProcs();
+
+// Width rounded up to a multiple of 16: the pitch rule of every YUV buffer.
+inline int alignTo16(int value)
+{
+    return (value + 15) & ~15;
+}
+
+int create_yuv_fbo_by_fd(EGLDisplay dpy, uint32_t is_afbc, int memfd, int fbo_w, int fbo_h, GLuint* fbo_texture);
+int create_rgb_fbo_OES(EGLDisplay dpy, int memfd, int fbo_w, int fbo_h, GLuint* fbo_texture);
+int create_rgb_fbo_2D(EGLDisplay dpy, int memfd, int fbo_w, int fbo_h, unsigned int stride_in, GLuint* fbo_texture);
+int create_fbo_no_fd(int fbo_w, int fbo_h, GLuint* fbo_texture);
+
+bool checkGlError(const char* op);
+void printGLString(const char* name, GLenum s);
+
+}  // namespace zqgfx_gpu_avs
+
+// GL call trace: a debug line before the call, an error line when glGetError reports one, and a
+// debug "succeeded" line after it in any case. The error does not change the control flow.
+#define AVS_GL_TRACE_LINES(text, call, eol)                                                     \
+    do {                                                                                        \
+        AVS_LOGD(">>> %s (%s:%d)" eol, text, __FUNCTION__, __LINE__);                            \
+        call;                                                                                   \
+        GLenum avsTraceError = glGetError();                                                    \
+        if (avsTraceError != GL_NO_ERROR)                                                       \
+            AVS_LOGE("ERROR: <<< %s: failed: 0x%04x ( ) (%s:%d)" eol, text, avsTraceError,        \
+                     __FUNCTION__, __LINE__);                                                   \
+        AVS_LOGD("<<< %s: succeeded (%s:%d)" eol, text, __FUNCTION__, __LINE__);                 \
+    } while (0)
+
+#define AVS_GL_TRACE(text, call) AVS_GL_TRACE_LINES(text, call, "\n")
+
+#endif  // ZQGFX_AVS_COMMON_RESOURCE_H

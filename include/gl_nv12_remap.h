@@ -1,0 +1,137 @@
+// Remap engine: the thread's EGL context, the per-frame import of the caller's dma-bufs, the
+// mesh vertex buffers and the remap passes that warp every camera block into the panorama.
+#ifndef ZQGFX_AVS_GL_NV12_REMAP_H
+#define ZQGFX_AVS_GL_NV12_REMAP_H
+
+#include <cstdint>
+#include <vector>
+
+#include "common_resource.h"
+#include "zqgfx_gpu_avs.h"
+
+namespace zqgfx_gpu_avs {
+
+struct multibandResource;
+class PortableRemapIo;
+
+constexpr int kImportSlotCount = 100;
+constexpr int kMaxTextureSize = 16384;
+
+// Number of vertices of the triangle strip that draws a mesh of mesh_w x mesh_h nodes.
+inline int stripVertexCount(int mesh_w, int mesh_h)
+{
+    return ((mesh_w - 1) * 2 + 1) * (mesh_h - 1) + 1;
+}
+
+class ZQGL_Remap {
+public:
+    ~ZQGL_Remap();
+
+    // EGL context and programs
+    int ZQ_EGL_Init(multibandResource* resource);
+    int ZQ_EGL_Deinit();
+    GLuint loadShader(GLenum shaderType, const char* pSource);
+    GLuint createProgram(const char* pVertexSource, const char* pFragmentSource);
+    int setupGraphicsTest(GLuint program, int w1, int h1, int w2, int h2);
+    void checkEglError(const char* op, EGLBoolean returnVal);
+    int dumpFboPixels(int inWindowWidth, int inWindowHeight, int inSize, char* formatName,
+                      char* pPixelDataFront, int index);
+
+    // per-frame import
+    int create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, uint32_t outputIsAFBC, GLuint* out_fbo);
+    GLuint create_egl_texture(void* dpy, uint32_t is_afbc, int inputImgFd, int tex_width, int tex_height);
+    GLuint create_fbo_output(void* dpy, uint32_t is_afbc, int memfd, int fbo_w, int fbo_h, uint32_t stride,
+                             GLuint* Gtexturefbo);
+    int destroy_texture_and_fbo();
+
+    // remap passes
+    int glesRemapNonoverlapNew();
+    int glesRemapOverlapNew();
+    int renderFrameNew(GLuint program, int mesh_w, int mesh_h, GLuint verVBO, GLuint texVBO);
+    int glesRemapNonoverlapVBO();
+    int glesRemapOverlapVBO();
+    int renderFrameVBO(GLuint program, int mesh_w, int mesh_h, int index_offset, GLuint verVBO, GLuint texVBO);
+    int outputOverlapRemap(unsigned char*, int, int, int, int, unsigned char*);
+    int ZQGL_Output_Overlap();
+
+    // set-up, update, resize
+    int glesRemapInit(PSR_INITPARAMS_S* params, multibandResource* resource,
+                      std::vector<std::vector<float*>> meshx, std::vector<std::vector<float*>> meshy);
+    int glesRemapUpdate(PSR_INITPARAMS_S* params, multibandResource* resource,
+                        std::vector<std::vector<float*>> meshx, std::vector<std::vector<float*>> meshy);
+    int glesRemapResize(PSR_INITPARAMS_S* params, multibandResource* resource, int* do_blend_array, int bld_w,
+                        int bld_h);
+
+    // fences
+    void* gles_create_sync();
+    int gles_wait_sync(void* sync);
+
+    // mesh vertices and their buffer cache
+    void vertexesValuationStripNew(float* mesh_x, float* mesh_y, int step_x, int step_y, int mesh_width,
+                                   int mesh_height, int offset, int dst_width, int dst_height, int src_width,
+                                   int src_height, GLfloat* vertexes, GLfloat* texVertexes);
+    int create_remap_VBO_by_mesh(std::vector<std::vector<float*>> meshx, std::vector<std::vector<float*>> meshy);
+    int creatVbo(int index, float* meshx, float* meshy, int addr_offset, int mesh_w, int mesh_h, int step_x,
+                 int step_y, int src_width, int src_height);
+    RemapVboInfo* getVertexVboInfoByIndex(int index);
+    RemapVboInfo* getTexVertexVboInfoByIndex(int index);
+    bool deleteSpecificVboFromCache(std::vector<RemapVboInfo>* vboCachePtr, int index);
+    void deleteCachedVbo();
+    int glesRemapUpdateMesh(int index, int step_x, int step_y, int mesh_w, int mesh_h, void* meshx, void* meshy);
+
+    // Ends the frame on the portable path (pack of the canvas into the caller's NV12 buffer);
+    // nothing to do on the target path, where the GPU wrote the caller's buffer directly.
+    int finishOutputFrame();
+
+    PSR_INITPARAMS_T _remap_init_params;
+    EGLint majorVersion;
+    EGLint minorVersion;
+    EGLContext context;
+    EGLSurface surface;
+    EGLDisplay dpy;
+    GLuint gProgram;
+    GLuint gProgramRGB;
+    GLuint gProgramRGBtoYUV;
+    EGLint nonoverlapFance;
+    EGLint overlapFance;
+    GLuint gvPositionHandle;
+    GLuint gvTextureTexCoordsHandle;
+    GLuint gvTextureSamplerHandle;
+    GLuint gDstWidthHandle;
+    GLuint gDstHeightHandle;
+    GLuint gSrcWidthHandle;
+    GLuint gSrcHeightHandle;
+    GLuint framebuffer0;
+    GLuint fbo_texture0;
+    std::vector<GLuint> textureID;
+    std::vector<std::vector<drmSharedFramebuffer>> overlapFramebuffer;
+    GLfloat* gTriangleVertexes;
+    GLfloat* gTexVertexes;
+    GLfloat* nonoverlapVertexes;
+    GLfloat* nonoverlapTexVertexes;
+    GLfloat* overlapVertexes;
+    GLfloat* overlapTexVertexes;
+    GLuint nonoverlapVertexesVBO;
+    GLuint nonoverlapTexVertexesVBO;
+    GLuint overlapVertexesVBO;
+    GLuint overlapTexVertexesVBO;
+    std::vector<RemapVboInfo> vertexVboCache;
+    std::vector<RemapVboInfo> texVertexVboCache;
+    GLuint* cache_input_fd;
+    std::vector<textureAndFboStatus> create_texture_fbo_status;
+    GLuint vertexMultiBlendVBO;
+    GLuint texVertexMultiBlendVBO;
+    GLfloat* multiBlendVertexes;
+    GLfloat* multiBlendTexVertexes;
+    int const_blend_height;
+    int const_blend_width;
+
+    // Portable path only (null on the target path): CPU-mapped inputs and the output canvas.
+    PortableRemapIo* portableIo;
+    // Driver capabilities and the path chosen, detected by ZQ_EGL_Init.
+    AvsGpuCaps caps;
+};
+
+}  // namespace zqgfx_gpu_avs
+
+#endif  // ZQGFX_AVS_GL_NV12_REMAP_H

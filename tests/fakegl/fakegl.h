@@ -1,0 +1,73 @@
+// A scriptable fake EGL + GLES driver for tests. It defines the EGL and GLES entry points the
+// library calls, records every call with its arguments, hands out object names and lets a test
+// inject failures. It renders nothing.
+#ifndef ZQGFX_AVS_FAKEGL_H
+#define ZQGFX_AVS_FAKEGL_H
+
+#include <EGL/egl.h>
+#include <EGL/eglext.h>
+#include <GLES3/gl31.h>
+#include <GLES2/gl2ext.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace fakegl {
+
+struct Call {
+    std::string fn;                // entry point name, e.g. "glDrawArrays"
+    std::vector<int64_t> args;     // scalar arguments in order (enums, names, sizes; pointers as integers)
+    std::vector<EGLint> attribs;   // EGL attribute list, up to and including EGL_NONE
+    std::string text;              // string argument: shader source, attribute or uniform name
+};
+
+// What the next calls should do. Defaults describe a conforming target driver.
+struct Injection {
+    bool noDisplay = false;            // eglGetDisplay returns EGL_NO_DISPLAY
+    bool initializeFails = false;      // eglInitialize returns EGL_FALSE
+    int numConfigs = 1;                // configs reported by eglChooseConfig
+    bool noSurface = false;            // eglCreatePbufferSurface returns EGL_NO_SURFACE
+    bool noContext = false;            // eglCreateContext returns EGL_NO_CONTEXT
+    bool makeCurrentFails = false;
+    int nullImageFrom = 0;             // eglCreateImageKHR returns EGL_NO_IMAGE_KHR from this (1-based) call on; 0: never
+    GLenum framebufferStatus = GL_FRAMEBUFFER_COMPLETE;
+    int failCompileAt = 0;             // the n-th glCompileShader (1-based) fails; 0: none
+    std::string compileLog;            // info log of a failed compile; empty means length 0
+    int failLinkAt = 0;                // the n-th glLinkProgram (1-based) fails; 0: none
+    std::string linkLog;
+    bool noSync = false;               // eglCreateSyncKHR returns EGL_NO_SYNC_KHR
+    EGLint clientWaitResult = EGL_CONDITION_SATISFIED_KHR;
+    EGLint clientWaitError = EGL_SUCCESS;   // error pending after eglClientWaitSyncKHR
+    bool zeroBufferName = false;       // glGenBuffers hands out 0
+    std::string eglExtensions = "EGL_KHR_image_base EGL_EXT_image_dma_buf_import "
+                                "EGL_EXT_image_dma_buf_import_modifiers EGL_KHR_fence_sync";
+    std::string eglClientExtensions = "EGL_EXT_platform_base";
+    std::string glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external GL_EXT_YUV_target";
+    std::string glVersion = "OpenGL ES 3.1 fakegl";
+};
+
+void reset();                      // forget calls, objects and injections; names restart at 1
+Injection& inject();
+
+// Errors: queued values are returned by the next glGetError calls in order; an error armed
+// for a function is raised right after its n-th next call.
+void queueGlError(GLenum error);
+void failCall(const std::string& fn, GLenum error, int nth = 1);
+
+const std::vector<Call>& calls();
+std::vector<Call> callsTo(const std::string& fn);
+size_t countCalls(const std::string& fn);
+// Index in calls() of the first call to fn at or after `from`, or -1.
+long findCall(const std::string& fn, size_t from = 0);
+
+// Objects created and not yet deleted, by kind: "texture", "framebuffer", "buffer", "program",
+// "shader", "image", "sync", "surface", "context". Deleting a name twice or a name never
+// created is counted in doubleDeletes().
+size_t liveObjects(const std::string& kind);
+size_t createdObjects(const std::string& kind);
+size_t doubleDeletes();
+
+}  // namespace fakegl
+
+#endif  // ZQGFX_AVS_FAKEGL_H
