@@ -1,0 +1,23 @@
+// GLSL ES 3.10 sources of both engines, defined beside the engine that builds them.
+#ifndef ZQGFX_AVS_SHADER_TEXTS_H
+#define ZQGFX_AVS_SHADER_TEXTS_H
+
+namespace zqgfx_gpu_avs {
+
+// Remap engine (src/gl_nv12_remap*.cpp). The two YUV-sampling texts and the RGB-to-YUV text need
+// GL_EXT_YUV_target.
+extern const char* const gRemapVertexShader;
+extern const char* const gRemapFragmentShaderYUV;       // gProgram: YUV image in, YUV out
+extern const char* const gRemapFragmentShaderRGB;       // gProgramRGB: YUV image in, RGB out
+extern const char* const gRemapFragmentShaderRGBtoYUV;  // gProgramRGBtoYUV: RGB in, YUV out
+
+// Blend engine (src/gles_multiband_blend*.cpp). Only gFragmentShader_blendYUV needs GL_EXT_YUV_target.
+extern const char* const gVertexShader;
+extern const char* const gFragmentShader;
+extern const char* const gFragmentShader_lowest;
+extern const char* const gFragmentShader_blend;
+extern const char* const gFragmentShader_blendYUV;
+
+}  // namespace zqgfx_gpu_avs
+
+#endif  // ZQGFX_AVS_SHADER_TEXTS_H

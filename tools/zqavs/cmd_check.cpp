@@ -1,0 +1,54 @@
+// zqavs check CALIB_DIR: lint a calibration directory.
+#include <cstdio>
+
+#include "calib_check.h"
+#include "tool_common.h"
+
+namespace zqavs {
+
+void addCheckCommand(CLI::App& app, CheckOptions& options, ToolResult& result)
+{
+    CLI::App* cmd = app.add_subcommand("check", "Lint a calibration directory and show its blend plan");
+    cmd->add_option("CALIB_DIR", options.dir, "calibration directory")->required()->check(CLI::ExistingDirectory);
+    cmd->add_option("--cameras", options.cameras, "check this many camera sections (as numView would)")
+        ->check(CLI::Range(1, 10));
+    cmd->add_option("--overlay", options.overlay, "write the layout (blocks, seams, cameras) as a PNG");
+    cmd->callback([&options, &result] { result.code = runCheck(options); });
+}
+
+int runCheck(const CheckOptions& options)
+{
+    const CheckReport report = checkCalibration(options.dir, options.cameras);
+    for (const Finding& f : report.findings) {
+        if (f.line > 0)
+            printf("%s: %s:%d: %s\n", f.severity == Finding::Error ? "error" : "warning", f.file.c_str(), f.line,
+                   f.message.c_str());
+        else
+            printf("%s: %s: %s\n", f.severity == Finding::Error ? "error" : "warning", f.file.c_str(),
+                   f.message.c_str());
+    }
+    if (!report.plan.empty()) printf("blend plan:\n");
+    for (const SeamPlan& seam : report.plan) {
+        if (seam.blended)
+            printf("  camera %d -> %d: blended, columns %d..%d (%d wide, %d high, %d levels): %s\n", seam.camera,
+                   seam.neighbour, seam.startx, seam.startx + seam.width, seam.width, seam.height, seam.levels,
+                   seam.reason.c_str());
+        else
+            printf("  camera %d -> %d: not blended: %s\n", seam.camera, seam.neighbour, seam.reason.c_str());
+    }
+    if (!options.overlay.empty()) {
+        int height = 0;
+        const std::vector<unsigned char> rgb = drawLayoutOverlay(report.layout, report.plan, &height);
+        const int width = report.layout.bld_width > 0 ? report.layout.bld_width : 1;
+        if (!writePng(options.overlay, rgb.data(), width, height)) {
+            fprintf(stderr, "zqavs check: cannot write %s\n", options.overlay.c_str());
+            return kExitFailure;
+        }
+        printf("layout drawn into %s\n", options.overlay.c_str());
+    }
+    const int errors = report.count(Finding::Error), warnings = report.count(Finding::Warning);
+    printf("check: %d error%s, %d warning%s\n", errors, errors == 1 ? "" : "s", warnings, warnings == 1 ? "" : "s");
+    return errors > 0 ? kExitFailure : kExitSuccess;
+}
+
+}  // namespace zqavs

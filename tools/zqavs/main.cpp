@@ -1,0 +1,25 @@
+// zqavs: synthetic calibrations, stitching, calibration checks and benchmarks for libzqgfx_avs.
+#include <cstdio>
+
+#include "tool_common.h"
+
+int main(int argc, char** argv)
+{
+    using namespace zqavs;
+    CLI::App app{"zqavs: try, check and measure the libzqgfx_avs panorama stitcher"};
+    app.require_subcommand(1);
+    ToolResult result;
+    CheckOptions check;
+    addCheckCommand(app, check, result);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::CallForAllHelp& e) {
+        return app.exit(e);
+    } catch (const CLI::ParseError& e) {
+        app.exit(e);
+        return kExitUsage;
+    }
+    return result.code;
+}
