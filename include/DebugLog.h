@@ -65,6 +65,13 @@ struct AvsTimer {
         printf("\n");                                                                   \
     } while (0)
 
+// Error form in the name of `function`: for helpers that report on behalf of their caller.
+#define AVS_LOGE_IN(function, fmt, ...)                                                  \
+    do {                                                                                \
+        printf("libzqgfx_avs: %s,line=%d: " fmt, function, __LINE__, ##__VA_ARGS__);     \
+        printf("\n");                                                                   \
+    } while (0)
+
 // Trace form: written only above ANDROID_LOG_INFO.
 #define AVS_LOGD(fmt, ...)                                                               \
     do {                                                                                 \

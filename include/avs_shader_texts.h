@@ -18,6 +18,19 @@ extern const char* const gFragmentShader_lowest;
 extern const char* const gFragmentShader_blend;
 extern const char* const gFragmentShader_blendYUV;
 
+// Portable path (src/portable_yuv_shaders.cpp): the same programs without GL_EXT_YUV_target. Camera
+// images arrive as a luma texture (`outTexture`, unit 0) and a chroma texture (`outTextureUV`,
+// unit 1); YUV targets are RGBA8 canvases holding (Y, Cb, Cr, 1). BT.601 full range in shader code.
+extern const char* const gPortableRemapFragmentShaderYUV;
+extern const char* const gPortableRemapFragmentShaderRGB;
+extern const char* const gPortableRemapFragmentShaderRGBtoYUV;
+extern const char* const gPortableFragmentShader_blendYUV;
+// Pack pass of the canvas into NV12: attribute-less full-viewport triangle, luma four pixels per
+// RGBA8 texel, chroma two CbCr pairs (2 x 2 averages) per RGBA8 texel.
+extern const char* const gPortablePackVertexShader;
+extern const char* const gPortablePackLumaFragmentShader;
+extern const char* const gPortablePackChromaFragmentShader;
+
 }  // namespace zqgfx_gpu_avs
 
 #endif  // ZQGFX_AVS_SHADER_TEXTS_H

@@ -49,15 +49,17 @@ struct RemapVboInfo {
 };
 
 // Driver capabilities, detected once when the context is made; every fallback branches on
-// this record alone. `portable` is the path chosen: true when the driver lacks dma-buf import
-// or YUV render targets and the library uploads and reads back through CPU mappings instead.
+// this record alone. `has_X` is true when the driver offers extension X (the bare names are
+// macros of the EGL and GL headers). `portable` is the path chosen: true when the driver lacks
+// dma-buf import or YUV render targets and the library uploads and reads back through CPU
+// mappings instead.
 struct AvsGpuCaps {
-    bool EGL_EXT_image_dma_buf_import;
-    bool EGL_EXT_image_dma_buf_import_modifiers;
-    bool EGL_KHR_fence_sync;
-    bool EGL_MESA_platform_surfaceless;
-    bool GL_OES_EGL_image_external;
-    bool GL_EXT_YUV_target;
+    bool has_EGL_EXT_image_dma_buf_import;
+    bool has_EGL_EXT_image_dma_buf_import_modifiers;
+    bool has_EGL_KHR_fence_sync;
+    bool has_EGL_MESA_platform_surfaceless;
+    bool has_GL_OES_EGL_image_external;
+    bool has_GL_EXT_YUV_target;
     bool portable;
 };
 
@@ -93,6 +95,19 @@ struct EglImageProcs {
     PFNGLEGLIMAGETARGETTEXTURE2DOESPROC imageTargetTexture2D;
 };
 EglImageProcs lookupEglImageProcs();
+
+// eglCreateImageKHR(dpy, no context, EGL_LINUX_DMA_BUF_EXT, no buffer, attribs); EGL_NO_IMAGE_KHR
+// also when the driver lacks one of the three entry points.
+EGLImageKHR createDmaBufImage(EGLDisplay dpy, const EglImageProcs& procs, const EglAttribList& attribs);
+
+// Linear filtering and clamp-to-edge wrapping on the texture bound to `target`.
+void setLinearClampParameters(GLenum target);
+
+// True when `name` is one of the blank-separated words of `extensions` (null-safe).
+bool hasExtension(const char* extensions, const char* name);
+
+// Reads the display's and the current context's extension strings; needs a current context.
+AvsGpuCaps detectGpuCaps(EGLDisplay dpy);
 
 // Width rounded up to a multiple of 16: the pitch rule of every YUV buffer.
 inline int alignTo16(int value)

@@ -17,11 +17,36 @@ class PortableRemapIo;
 constexpr int kImportSlotCount = 100;
 constexpr int kMaxTextureSize = 16384;
 
+// Slot of the import table for descriptor `fd`: the slot that already holds it or, failing that,
+// the first free one (0); -1 when all kImportSlotCount slots hold other descriptors.
+int findImportSlot(const GLuint* table, int fd);
+// Deletes what an import slot holds: framebuffer then texture, or the texture alone.
+void deleteImportSlotNames(const textureAndFboStatus& slot);
+
 // Number of vertices of the triangle strip that draws a mesh of mesh_w x mesh_h nodes.
 inline int stripVertexCount(int mesh_w, int mesh_h)
 {
     return ((mesh_w - 1) * 2 + 1) * (mesh_h - 1) + 1;
 }
+
+// Every block of a camera has its own mesh index, camera * 10 + block (non-overlap blocks first,
+// then the overlap blocks), so a camera has at most ten blocks.
+constexpr int kMaxBlocksPerCamera = 10;
+inline int meshIndexOf(int cam, int block)
+{
+    return cam * kMaxBlocksPerCamera + block;
+}
+
+// True when the layout's per-camera lists cover camera_num cameras and every block list of a
+// camera holds at least its block count (what the passes and set-up index).
+bool layoutListsComplete(const PSR_INITPARAMS_T& layout);
+
+// Placement of a resize to bld_w x bld_h, always computed from the `initial` layout: output size
+// and stride of `resized`, its non-overlap blocks rescaled, and the seam windows (resize_*) of
+// `resource` of every camera whose do_blend_array entry is at least 1, snapped onto the rescaled
+// block edges. 0, or -1 (with an error line) when the inputs cannot be scaled.
+int resizeLayout(const PSR_INITPARAMS_T& initial, const int* do_blend_array, int bld_w, int bld_h,
+                 PSR_INITPARAMS_T* resized, multibandResource* resource);
 
 class ZQGL_Remap {
 public:
@@ -43,10 +68,16 @@ public:
     GLuint create_fbo_output(void* dpy, uint32_t is_afbc, int memfd, int fbo_w, int fbo_h, uint32_t stride,
                              GLuint* Gtexturefbo);
     int destroy_texture_and_fbo();
+    // Build slot `slot` for camera `cam`'s descriptor / for the output descriptor; 0 or -1.
+    int importInputSlot(int cam, int slot, int fd, uint32_t inputIsAFBC);
+    int importOutputSlot(int slot, int fd, uint32_t outputIsAFBC);
 
     // remap passes
     int glesRemapNonoverlapNew();
     int glesRemapOverlapNew();
+    // Binds camera `cam`'s image on texture unit 0 for the next draw; 0, or -1 on a GL error or
+    // a camera without an imported image.
+    int bindCameraTexture(int cam);
     int renderFrameNew(GLuint program, int mesh_w, int mesh_h, GLuint verVBO, GLuint texVBO);
     int glesRemapNonoverlapVBO();
     int glesRemapOverlapVBO();

@@ -2,6 +2,7 @@
 #ifndef ZQGFX_AVS_GLES_MULTIBAND_BLEND_H
 #define ZQGFX_AVS_GLES_MULTIBAND_BLEND_H
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -50,6 +51,32 @@ inline int pyramidLevelSize(int size, int level)
 {
     return static_cast<int>(size / static_cast<double>(1u << level));
 }
+
+// The camera on the other side of seam `camera`: the next one, camera 0 after the last.
+inline int seamNextCamera(int camera, int cameraCount)
+{
+    return camera + 1 < cameraCount ? camera + 1 : 0;
+}
+
+// Alpha map geometry (CPU only). A seam's alpha map holds its levels finest first, back to back:
+// level l has height / 2^l rows of width / 2^l elements.
+// Element offset of level `level` (the size of the finer levels before it).
+int alphaLevelOffset(int width, int height, int level);
+// Elements of a whole map of `levels` levels.
+inline int alphaBufferLength(int width, int height, int levels)
+{
+    return alphaLevelOffset(width, height, levels);
+}
+// U8 levels this wide or wider are imported from the alpha buffer; narrower ones and all float
+// levels are uploaded from CPU memory.
+constexpr int kAlphaImportMinWidth = 64;
+bool alphaLevelImported(int avsAlphaType, int levelWidth);
+// Bytes GL reads for a w x h single-byte upload at the default unpack alignment of 4: every row but
+// the last starts on a 4-byte boundary.
+size_t unpackAlignedReadBytes(int w, int h);
+// Bytes from the start of a seam's alpha map that its uploads and imports read: the end of the
+// furthest level, with `textureHeight` (the panorama height) deciding the rows each level reads.
+size_t alphaReadExtentBytes(int width, int height, int textureHeight, int levels, int avsAlphaType);
 
 class zqglMultibandBlend {
 public:
@@ -121,6 +148,48 @@ private:
     std::vector<drmSharedFramebuffer*> outFboAttr;
     std::vector<drmSharedFramebuffer*> alphaAttr;
     std::vector<PSR_DRM_BUF_MSG_S> alphaBufferFdArray;
+
+    // Where one seam's alpha map lies while its levels are created.
+    struct AlphaSeamSource {
+        uint8_t* data;          // the file buffer or the caller's vir_addr
+        int elementOffset;      // the caller's mem_offset in elements (0 for files)
+        uint8_t* base;          // first byte of the map: data + elementOffset elements
+        size_t readableBytes;   // bytes from base that GL may be let read
+        int importFd;           // dma-buf holding the map, for zero-copy levels
+        int importOffset;       // byte offset of base within that dma-buf
+        uint8_t* heapBuffer;    // float map read from a file, freed once uploaded
+    };
+    // A U8 level whose aligned upload would read past the caller's alpha map goes through a
+    // library-owned copy, zero beyond the caller's bytes. vir_addr keeps the caller's address.
+    struct PaddedAlphaLevel {
+        int camera;
+        int level;
+        const uint8_t* source;
+        size_t sourceBytes;
+        std::vector<uint8_t> bytes;
+    };
+
+    static constexpr GLsizei kQuadVertexCount = 6;  // two triangles covering the viewport
+    bool bindQuadAttributes(bool checkEach);
+    bool recordCoversCameras(const multibandResource* resource, int* do_blend_array);
+    bool fillSeamBaseLevels(int camera);
+    int bindBlendTarget(int camera, int level, GLuint out_fbo);
+    int useLowestLevelInputs(int camera, int level);
+    int useBlendLevelInputs(int camera, int level);
+    int createColourLevel(drmSharedFramebuffer& level, int index, int w, int h);
+    int createSharedColourLevel(drmSharedFramebuffer& level);
+    bool createPlainColourLevel(drmSharedFramebuffer& level);
+    void releaseColourLevel(drmSharedFramebuffer& level);
+    int readAlphaFile(int camera, int length, size_t bytes, AlphaSeamSource& source);
+    int takeCallerAlpha(void** meshAlphaBufArray, int taken, int camera, int length, AlphaSeamSource& source);
+    int createAlphaLevel(int camera, int level, int mapWidth, int mapHeight, const AlphaSeamSource& source,
+                         drmSharedFramebuffer& element);
+    const uint8_t* paddedAlphaBytes(int camera, int level, const uint8_t* pixels, size_t readBytes,
+                                    size_t availableBytes);
+    const uint8_t* alphaUploadBytes(int camera, int level, const uint8_t* pixels);
+    void deleteAlphaTextureOfCameraLevel(int camera, int levels);
+
+    std::vector<PaddedAlphaLevel> paddedAlphaLevels;
 
     friend struct BlendEngineTestAccess;  // tests inspect the pyramids
 };

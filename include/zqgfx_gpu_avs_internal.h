@@ -3,6 +3,7 @@
 #ifndef ZQGFX_AVS_INTERNAL_H
 #define ZQGFX_AVS_INTERNAL_H
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,17 +15,35 @@ class ZQGL_Remap;
 class zqglMultibandBlend;
 }
 
+// The engines name a block camera * 10 + block, so a camera holds at most ten blocks.
+constexpr int kMaxBlocksPerCamera = 10;
+
 // Per-thread table of mesh pointers: per camera, per block (non-overlap blocks, then overlap).
 struct inputMeshCoords {
     std::vector<std::vector<float*>> input_meshx;
     std::vector<std::vector<float*>> input_meshy;
 };
 
-// Parameter file and mesh files (file mode), caller records (buffer mode). 0 / -1.
+// Parameter file: 1 when it was opened and read, 0 when it could not be opened.
 int readTxtParamsAVS(std::string mesh_params_path, PSR_INITPARAMS_T* output_params);
+// Raw file into `output_params`: 1 when `length` bytes were read, 0 otherwise.
 int readBinParamsAVS(std::string image_path, char* output_params, long length);
+
+// Layout and meshes, 0 / -1. File mode allocates the mesh arrays into `owned` and mirrors the
+// pointers into `used`; buffer mode points `used` at the caller's buffers.
+int read_files_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* init_params_instance,
+                               inputMeshCoords* owned, inputMeshCoords* used);
+int get_mesh_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* init_params_instance,
+                             inputMeshCoords* used);
+// The same, on the calling thread's tables.
 int read_files_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* init_params_instance);
 int get_mesh_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* init_params_instance);
+
+// True when the first `camera_num` cameras of `layout` can be indexed safely: the block arrays
+// cover camera_num cameras, every count is non-negative, at most kMaxBlocksPerCamera, sums to the
+// camera's image_block_num, and every per-block array and mesh size is there and not negative.
+// Each fault is reported with `source` (a file or record name); false when there was any.
+bool checkLayoutBlocks(const PSR_INITPARAMS_T& layout, const char* source);
 
 // Mesh file name of block `block` of camera `camera`: path + prefix + camera + block + ".bin".
 std::string meshFileName(const char* meshFilePath, const char* prefix, int camera, int block);
@@ -32,15 +51,21 @@ std::string meshFileName(const char* meshFilePath, const char* prefix, int camer
 // Blend planning: which camera's seam is blended and where its strip lies.
 int get_do_multiband_blend_array(int cam_num, PSR_INITPARAMS_T* init_params_temp,
                                  zqgfx_gpu_avs::multibandResource* multiband_res, int* do_blend_array);
-// Fills the blend layout of a resource from a layout and a context (steps before the engine starts).
-void fill_multiband_layout(const PSR_INITPARAMS_T* layout, const ZQGFX_AVS_CONTEXT_T* context,
+// Fills the blend layout of a resource from a layout and a context and plans the seams into
+// `do_blend_array` (camera_num ints): everything before the blend engine starts.
+void fill_multiband_layout(PSR_INITPARAMS_T* layout, const ZQGFX_AVS_CONTEXT_T* context,
                            zqgfx_gpu_avs::multibandResource* resource, int* do_blend_array);
+// On the calling thread's instance: fill, plan, start the blend engine. 0, or 1 on failure.
 int init_multiband_blend(ZQGFX_AVS_CONTEXT_T* context);
 
 // The caller's running block number -> the engines' mesh index (camera * 10 + block), or -1.
 int translate_mesh_index(const PSR_INITPARAMS_T* layout, int meshIndex);
 
-// The calling thread's instance, for the tool and the tests (null before init).
+// Each unit keeps its own copy of the log level; init refreshes those of the entry-point units.
+void refreshCalibrationLogLevel();
+void refreshPlanningLogLevel();
+
+// The calling thread's instance (all null / 0 before init).
 struct AvsThreadInstance {
     PSR_INITPARAMS_T* init_params;
     inputMeshCoords* mInputMeshCoords;
@@ -50,7 +75,24 @@ struct AvsThreadInstance {
     zqgfx_gpu_avs::zqglMultibandBlend* zqMultibandBlendInstance;
     int* doBlendArray;
     int if_init_avs;
+    uint32_t ifUseMeshBufAddress;
 };
+// A snapshot, for the tool and the tests.
 AvsThreadInstance avs_thread_instance();
+// The state itself, for the entry-point units.
+AvsThreadInstance& avs_thread_state();
+
+// Per-stage wall-clock times of one profiled frame, in milliseconds.
+struct AvsStageTimes {
+    double import_ms;   // descriptor import / upload of the camera images
+    double remap_ms;    // non-overlap and overlap remap passes
+    double pyramid_ms;  // Gaussian pyramids of the blended seams
+    double blend_ms;    // blend passes into the output
+    double pack_ms;     // write-back into the caller's buffer (portable path), else 0
+    bool gpu_timers;    // true when measured with GPU timer queries
+};
+// Runs one frame of the calling thread's instance like ZQGFX_AVS_AllProcess, draining the GPU
+// between stages to time each. 0 on success, -1 on failure. For benchmarks only.
+int avs_profile_frame(ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times);
 
 #endif  // ZQGFX_AVS_INTERNAL_H

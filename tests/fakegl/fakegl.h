@@ -20,7 +20,10 @@ struct Call {
     std::vector<int64_t> args;     // scalar arguments in order (enums, names, sizes; pointers as integers)
     std::vector<EGLint> attribs;   // EGL attribute list, up to and including EGL_NONE
     std::string text;              // string argument: shader source, attribute or uniform name
+    std::vector<double> floats;    // floating-point arguments in order (also truncated into args)
 };
+// glGen* / glDelete* calls carry n, the array pointer and then the names handed out or deleted.
+// eglGetProcAddress carries the looked-up name in text.
 
 // What the next calls should do. Defaults describe a conforming target driver.
 struct Injection {
@@ -45,6 +48,8 @@ struct Injection {
     std::string eglClientExtensions = "EGL_EXT_platform_base";
     std::string glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external GL_EXT_YUV_target";
     std::string glVersion = "OpenGL ES 3.1 fakegl";
+    bool initializeFailsOnDefaultDisplay = false;  // only the eglGetDisplay display fails eglInitialize
+    bool noWindowConfigs = false;      // configs lack EGL_WINDOW_BIT: none match a request for one
 };
 
 void reset();                      // forget calls, objects and injections; names restart at 1
@@ -62,11 +67,16 @@ size_t countCalls(const std::string& fn);
 long findCall(const std::string& fn, size_t from = 0);
 
 // Objects created and not yet deleted, by kind: "texture", "framebuffer", "buffer", "program",
-// "shader", "image", "sync", "surface", "context". Deleting a name twice or a name never
-// created is counted in doubleDeletes().
+// "shader", "image", "sync", "surface", "context" (also "renderbuffer", "vertexarray", "query",
+// "sampler", "transformfeedback", "pipeline", "fence" for GL syncs, "display"). Deleting a name
+// twice or a name never created is counted in doubleDeletes(); name 0 and null handles are not.
 size_t liveObjects(const std::string& kind);
 size_t createdObjects(const std::string& kind);
 size_t doubleDeletes();
+bool isLive(const std::string& kind, uint64_t name);
+
+// Value of `name` in a recorded EGL attribute list, or `missing` when absent.
+EGLint attribValue(const Call& call, EGLint name, EGLint missing = -1);
 
 }  // namespace fakegl
 

@@ -21,3 +21,26 @@ bool writePng(const std::string& path, const unsigned char* rgb, int width, int 
 }
 
 }  // namespace zqavs
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace zqavs {
+
+Progress::Progress(const char* what) : what_(what), tty_(isatty(STDOUT_FILENO) == 1) {}
+
+void Progress::update(int done, int total)
+{
+    if (!tty_) return;
+    printf("\r%s %d/%d", what_, done, total);
+    fflush(stdout);
+    shown_ = true;
+}
+
+Progress::~Progress()
+{
+    if (shown_) printf("\r\033[K");
+}
+
+}  // namespace zqavs

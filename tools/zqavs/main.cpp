@@ -1,6 +1,4 @@
 // zqavs: synthetic calibrations, stitching, calibration checks and benchmarks for libzqgfx_avs.
-#include <cstdio>
-
 #include "tool_common.h"
 
 int main(int argc, char** argv)
@@ -9,8 +7,16 @@ int main(int argc, char** argv)
     CLI::App app{"zqavs: try, check and measure the libzqgfx_avs panorama stitcher"};
     app.require_subcommand(1);
     ToolResult result;
+    DemoOptions demo;
+    SynthOptions synth;
+    StitchOptions stitch;
     CheckOptions check;
+    BenchOptions bench;
+    addDemoCommand(app, demo, result);
+    addSynthCommand(app, synth, result);
+    addStitchCommand(app, stitch, result);
     addCheckCommand(app, check, result);
+    addBenchCommand(app, bench, result);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

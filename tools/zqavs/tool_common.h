@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "rig_options.h"
+#include "zqavs_synth.h"
+
 namespace zqavs {
 
 constexpr int kExitSuccess = 0;
@@ -23,12 +26,66 @@ struct CheckOptions {
     std::string overlay;
 };
 
+struct SynthOptions {
+    std::string dir;
+    RigOptions rig;
+};
+
+struct StitchOptions {
+    std::string calibDir;
+    std::vector<std::string> images;
+    std::vector<std::string> outputs;
+    std::string size;  // source size of raw NV12 inputs
+    int frames = 1;
+    bool sync = false;
+    std::string resize;
+    bool bufferMode = false;
+    std::string alpha = "auto";
+};
+
+struct DemoOptions {
+    std::string out = "out/demo";
+    int frames = 5;
+};
+
+struct BenchOptions {
+    int frames = 30;
+    std::vector<int> cameras{2, 4, 6, 8};
+    std::vector<std::string> sizes{"1280x720", "1920x1080"};
+    std::string json;
+};
+
 void addCheckCommand(CLI::App& app, CheckOptions& options, ToolResult& result);
+void addSynthCommand(CLI::App& app, SynthOptions& options, ToolResult& result);
+void addStitchCommand(CLI::App& app, StitchOptions& options, ToolResult& result);
+void addDemoCommand(CLI::App& app, DemoOptions& options, ToolResult& result);
+void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result);
 int runCheck(const CheckOptions& options);
+int runSynth(SynthOptions& options);
+int runStitch(const StitchOptions& options);
+int runDemo(const DemoOptions& options);
+int runBench(const BenchOptions& options);
+
+// Parameter file, meshes, alpha maps and camera images of a generated calibration into `dir`.
+bool writeSynthDirectory(const zqavs_synth::Calibration& calib, const std::string& dir, std::string* error);
+bool writeNv12AsPng(const std::string& path, const zqavs_synth::Nv12View& image);
 
 // 8-bit RGB images. PNG or JPEG in; PNG out.
 bool readImage(const std::string& path, std::vector<unsigned char>& rgb, int* width, int* height);
 bool writePng(const std::string& path, const unsigned char* rgb, int width, int height);
+
+// A single updating line on a terminal; silent when standard output is not one.
+class Progress {
+public:
+    explicit Progress(const char* what);
+    void update(int done, int total);
+    ~Progress();
+
+private:
+    const char* what_;
+    bool tty_;
+    bool shown_ = false;
+};
 
 }  // namespace zqavs
 

@@ -1,0 +1,290 @@
+// dma-buf import into textures and framebuffers, EGL image attribute lists, GL diagnostics.
+//
+// The helpers take the caller's descriptors as they are: nothing here closes or duplicates a
+// dma-buf. The framebuffers and textures they return belong to the caller.
+#include "common_resource.h"
+
+#include <cstdio>
+#include <cstring>
+
+namespace zqgfx_gpu_avs {
+
+// ---- attribute lists -----------------------------------------------------------------------
+
+bool EglAttribList::push(EGLint name, EGLint value)
+{
+    // Keep one entry free for the terminator.
+    if (count + 3 > kCapacity) {
+        AVS_LOGE("EGL attribute list full, 0x%x dropped", name);
+        return false;
+    }
+    values[count++] = name;
+    values[count++] = value;
+    return true;
+}
+
+void EglAttribList::terminate()
+{
+    if (count < kCapacity) values[count++] = EGL_NONE;
+}
+
+EglAttribList yuvImageAttribs(uint32_t is_afbc, int fd, int width, int height, int stride)
+{
+    EglAttribList list;
+    list.push(EGL_WIDTH, width);
+    list.push(EGL_HEIGHT, height);
+    if (is_afbc) {
+        // One plane of 16x16 sparse superblocks.
+        list.push(EGL_LINUX_DRM_FOURCC_EXT, kFourccYUV420_8BIT);
+        list.push(EGL_DMA_BUF_PLANE0_FD_EXT, fd);
+        list.push(EGL_DMA_BUF_PLANE0_OFFSET_EXT, 0);
+        list.push(EGL_DMA_BUF_PLANE0_PITCH_EXT, stride);
+        list.push(EGL_DMA_BUF_PLANE0_MODIFIER_LO_EXT, kAfbcModifierLo);
+        list.push(EGL_DMA_BUF_PLANE0_MODIFIER_HI_EXT, kAfbcModifierHi);
+    } else {
+        // NV12: the chroma plane follows the luma plane directly, no padding rows.
+        list.push(EGL_LINUX_DRM_FOURCC_EXT, kFourccNV12);
+        list.push(EGL_DMA_BUF_PLANE0_FD_EXT, fd);
+        list.push(EGL_DMA_BUF_PLANE0_OFFSET_EXT, 0);
+        list.push(EGL_DMA_BUF_PLANE0_PITCH_EXT, stride);
+        list.push(EGL_DMA_BUF_PLANE1_FD_EXT, fd);
+        list.push(EGL_DMA_BUF_PLANE1_OFFSET_EXT, stride * height);
+        list.push(EGL_DMA_BUF_PLANE1_PITCH_EXT, stride);
+    }
+    list.terminate();
+    return list;
+}
+
+EglAttribList bgr888ImageAttribs(int fd, int width, int height, int pitch)
+{
+    EglAttribList list;
+    list.push(EGL_WIDTH, width);
+    list.push(EGL_HEIGHT, height);
+    list.push(EGL_LINUX_DRM_FOURCC_EXT, kFourccBGR888);
+    list.push(EGL_DMA_BUF_PLANE0_FD_EXT, fd);
+    list.push(EGL_DMA_BUF_PLANE0_OFFSET_EXT, 0);
+    list.push(EGL_DMA_BUF_PLANE0_PITCH_EXT, pitch);
+    list.terminate();
+    return list;
+}
+
+EglAttribList r8ImageAttribs(int fd, int width, int height, int plane_offset)
+{
+    EglAttribList list;
+    list.push(EGL_WIDTH, width);
+    list.push(EGL_HEIGHT, height);
+    list.push(EGL_LINUX_DRM_FOURCC_EXT, kFourccR8);
+    list.push(EGL_DMA_BUF_PLANE0_FD_EXT, fd);
+    list.push(EGL_DMA_BUF_PLANE0_OFFSET_EXT, plane_offset);
+    list.push(EGL_DMA_BUF_PLANE0_PITCH_EXT, width);  // one byte per pixel
+    list.terminate();
+    return list;
+}
+
+// ---- EGL images --------------------------------------------------------------------------
+
+EglImageProcs lookupEglImageProcs()
+{
+    EglImageProcs procs;
+    procs.createImage = reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR"));
+    procs.destroyImage = reinterpret_cast<PFNEGLDESTROYIMAGEKHRPROC>(eglGetProcAddress("eglDestroyImageKHR"));
+    procs.imageTargetTexture2D =
+        reinterpret_cast<PFNGLEGLIMAGETARGETTEXTURE2DOESPROC>(eglGetProcAddress("glEGLImageTargetTexture2DOES"));
+    return procs;
+}
+
+EGLImageKHR createDmaBufImage(EGLDisplay dpy, const EglImageProcs& procs, const EglAttribList& attribs)
+{
+    // Without all three entry points the image could be neither bound nor released.
+    if (!procs.createImage || !procs.destroyImage || !procs.imageTargetTexture2D) return EGL_NO_IMAGE_KHR;
+    return procs.createImage(dpy, EGL_NO_CONTEXT, EGL_LINUX_DMA_BUF_EXT, nullptr, attribs.data());
+}
+
+void setLinearClampParameters(GLenum target)
+{
+    glTexParameteri(target, GL_TEXTURE_MAG_FILTER, GL_LINEAR);
+    glTexParameteri(target, GL_TEXTURE_MIN_FILTER, GL_LINEAR);
+    glTexParameteri(target, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE);
+    glTexParameteri(target, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
+}
+
+// The traced bind, parameters and image binding of an external-image texture. A macro rather
+// than a function so that the trace lines name the helper that imports the image.
+#define AVS_TRACED_EXTERNAL_TEXTURE_SETUP(texture, img, procs)                                                   \
+    do {                                                                                                     \
+        AVS_GL_TRACE("glBindTexture(GL_TEXTURE_EXTERNAL_OES, texture)",                                      \
+                     glBindTexture(GL_TEXTURE_EXTERNAL_OES, texture));                                       \
+        AVS_GL_TRACE("glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MAG_FILTER, GL_LINEAR)",           \
+                     glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MAG_FILTER, GL_LINEAR));            \
+        AVS_GL_TRACE("glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MIN_FILTER, GL_LINEAR)",           \
+                     glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MIN_FILTER, GL_LINEAR));            \
+        AVS_GL_TRACE("glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE)",        \
+                     glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE));         \
+        AVS_GL_TRACE("glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE)",        \
+                     glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE));         \
+        AVS_GL_TRACE("image_target_texture_2d(GL_TEXTURE_EXTERNAL_OES, img)",                                \
+                     (procs).imageTargetTexture2D(GL_TEXTURE_EXTERNAL_OES, img));                            \
+    } while (0)
+
+int create_yuv_fbo_by_fd(EGLDisplay dpy, uint32_t is_afbc, int memfd, int fbo_w, int fbo_h, GLuint* fbo_texture)
+{
+    EglImageProcs procs = lookupEglImageProcs();
+    int stride = alignTo16(fbo_w);
+    if (is_afbc) AVS_LOGD("avs-debug afbc is_afbc=%d\n ", is_afbc);
+    EGLImageKHR img = createDmaBufImage(dpy, procs, yuvImageAttribs(is_afbc, memfd, fbo_w, fbo_h, stride));
+    if (img == EGL_NO_IMAGE_KHR) {
+        AVS_LOGD("avs-debug eglCreateImageKHR NULL \n ");
+        return -1;
+    }
+
+    glGenTextures(1, fbo_texture);
+    GLuint texture = *fbo_texture;
+    AVS_TRACED_EXTERNAL_TEXTURE_SETUP(texture, img, procs);
+
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    AVS_GL_TRACE("glFramebufferTexture2D(GL_FRAMEBUFFER,GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, texture, 0)",
+                 glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, texture, 0));
+
+    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
+        // The image, texture and framebuffer are left as they are.
+        AVS_LOGE("zq_debug create fbo failed!\n");
+        return -1;
+    }
+    AVS_LOGD("zq_debug create fbo success!\n");
+    procs.destroyImage(dpy, img);  // the texture keeps the memory
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    return static_cast<int>(framebuffer);
+}
+
+int create_rgb_fbo_OES(EGLDisplay dpy, int memfd, int fbo_w, int fbo_h, GLuint* fbo_texture)
+{
+    EglImageProcs procs = lookupEglImageProcs();
+    int pitch = alignTo16(fbo_w) * 3;
+    EGLImageKHR img = createDmaBufImage(dpy, procs, bgr888ImageAttribs(memfd, fbo_w, fbo_h, pitch));
+    if (img == EGL_NO_IMAGE_KHR) {
+        AVS_LOGE("avs-debug eglCreateImageKHR NULL \n ");
+        return -1;
+    }
+
+    AVS_GL_TRACE("glGenTextures(1, fbo_texture)", glGenTextures(1, fbo_texture));
+    GLuint texture = *fbo_texture;
+    AVS_TRACED_EXTERNAL_TEXTURE_SETUP(texture, img, procs);
+
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    AVS_GL_TRACE("glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, texture, 0)",
+                 glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, texture, 0));
+
+    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
+        AVS_LOGE("zq_debug create fbo fail!\n");
+        return -1;
+    }
+    AVS_LOGD("zq_debug create fbo success!\n");
+    procs.destroyImage(dpy, img);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    glBindTexture(GL_TEXTURE_EXTERNAL_OES, 0);
+    return static_cast<int>(framebuffer);
+}
+
+int create_rgb_fbo_2D(EGLDisplay dpy, int memfd, int fbo_w, int fbo_h, unsigned int stride_in, GLuint* fbo_texture)
+{
+    EglImageProcs procs = lookupEglImageProcs();
+    int pitch = alignTo16(static_cast<int>(stride_in)) * 3;
+    EGLImageKHR img = createDmaBufImage(dpy, procs, bgr888ImageAttribs(memfd, fbo_w, fbo_h, pitch));
+    if (img == EGL_NO_IMAGE_KHR) {
+        AVS_LOGE("avs-debug eglCreateImageKHR NULL \n ");
+        return -1;
+    }
+
+    AVS_GL_TRACE("glGenTextures(1, fbo_texture)", glGenTextures(1, fbo_texture));
+    GLuint texture = *fbo_texture;
+    glBindTexture(GL_TEXTURE_2D, texture);
+    setLinearClampParameters(GL_TEXTURE_2D);
+    AVS_GL_TRACE("image_target_texture_2d(GL_TEXTURE_2D, img)", procs.imageTargetTexture2D(GL_TEXTURE_2D, img));
+
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    AVS_GL_TRACE("glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0)",
+                 glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0));
+
+    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
+        AVS_LOGE("zq_debug create fbo failed!\n");
+        return -1;
+    }
+    AVS_LOGD("zq_debug create fbo success!\n");
+    procs.destroyImage(dpy, img);
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    return static_cast<int>(framebuffer);
+}
+
+int create_fbo_no_fd(int fbo_w, int fbo_h, GLuint* fbo_texture)
+{
+    glGenTextures(1, fbo_texture);
+    GLuint framebuffer = 0;
+    glGenFramebuffers(1, &framebuffer);
+    glBindTexture(GL_TEXTURE_2D, *fbo_texture);
+    setLinearClampParameters(GL_TEXTURE_2D);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB, fbo_w, fbo_h, 0, GL_RGB, GL_UNSIGNED_BYTE, nullptr);
+    checkGlError("glTexImage2D");
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, *fbo_texture, 0);
+
+    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
+        AVS_LOGE("zq_debug create fbo failed!\n");
+        return -1;
+    }
+    AVS_LOGD("zq_debug create fbo success!\n");
+    return static_cast<int>(framebuffer);  // left bound: callers draw into it next
+}
+
+// ---- diagnostics and capabilities ---------------------------------------------------------
+
+bool checkGlError(const char* op)
+{
+    GLenum error = glGetError();
+    if (error == GL_NO_ERROR) return true;
+    fprintf(stderr, "after %s() glError (0x%x)\n", op, error);
+    return false;
+}
+
+void printGLString(const char* name, GLenum s)
+{
+    const GLubyte* value = glGetString(s);
+    fprintf(stderr, "GL %s = %s\n", name, value ? reinterpret_cast<const char*>(value) : "(null)");
+}
+
+bool hasExtension(const char* extensions, const char* name)
+{
+    if (extensions == nullptr || name == nullptr) return false;
+    size_t length = strlen(name);
+    if (length == 0) return false;
+    for (const char* p = extensions; (p = strstr(p, name)) != nullptr; p += length) {
+        bool startsWord = p == extensions || p[-1] == ' ';
+        bool endsWord = p[length] == '\0' || p[length] == ' ';
+        if (startsWord && endsWord) return true;
+    }
+    return false;
+}
+
+AvsGpuCaps detectGpuCaps(EGLDisplay dpy)
+{
+    const char* egl = eglQueryString(dpy, EGL_EXTENSIONS);
+    const char* client = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
+    const char* gl = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+
+    AvsGpuCaps caps{};
+    caps.has_EGL_EXT_image_dma_buf_import = hasExtension(egl, "EGL_EXT_image_dma_buf_import");
+    caps.has_EGL_EXT_image_dma_buf_import_modifiers = hasExtension(egl, "EGL_EXT_image_dma_buf_import_modifiers");
+    caps.has_EGL_KHR_fence_sync = hasExtension(egl, "EGL_KHR_fence_sync");
+    caps.has_EGL_MESA_platform_surfaceless = hasExtension(client, "EGL_MESA_platform_surfaceless");
+    caps.has_GL_OES_EGL_image_external = hasExtension(gl, "GL_OES_EGL_image_external");
+    caps.has_GL_EXT_YUV_target = hasExtension(gl, "GL_EXT_YUV_target");
+    caps.portable = !(caps.has_EGL_EXT_image_dma_buf_import && caps.has_GL_EXT_YUV_target);
+    return caps;
+}
+
+}  // namespace zqgfx_gpu_avs

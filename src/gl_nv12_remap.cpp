@@ -1,0 +1,418 @@
+// Remap engine: the thread's EGL context, the remap programs, fences and tear-down.
+#include "gl_nv12_remap.h"
+
+#include <sys/time.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "avs_shader_texts.h"
+#include "gles_multiband_blend.h"
+
+namespace zqgfx_gpu_avs {
+
+namespace {
+
+constexpr EGLint kPbufferSize = 100;
+constexpr EGLint kContextAttribs[] = {EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE};
+constexpr EGLint kPbufferAttribs[] = {EGL_WIDTH,          kPbufferSize, EGL_HEIGHT, kPbufferSize,
+                                      EGL_LARGEST_PBUFFER, EGL_TRUE,     EGL_NONE,   EGL_NONE};
+constexpr EGLTimeKHR kFenceTimeoutNs = 2000000000;
+
+// 32-bit RGBA, ES 2 renderable, with the given surface type.
+struct ConfigAttribs {
+    EGLint values[15];
+};
+ConfigAttribs configAttribs(EGLint surfaceType)
+{
+    return {{EGL_BUFFER_SIZE, 32, EGL_ALPHA_SIZE, 8, EGL_BLUE_SIZE, 8, EGL_GREEN_SIZE, 8, EGL_RED_SIZE, 8,
+             EGL_SURFACE_TYPE, surfaceType, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE}};
+}
+
+// Every config matching `attribs`; empty when none does.
+std::vector<EGLConfig> matchingConfigs(EGLDisplay dpy, const EGLint* attribs)
+{
+    EGLint count = 0;
+    eglChooseConfig(dpy, attribs, nullptr, 0, &count);
+    std::vector<EGLConfig> configs;
+    if (count <= 0) return configs;
+    configs.resize(static_cast<size_t>(count));
+    eglChooseConfig(dpy, attribs, configs.data(), count, &count);
+    configs.resize(static_cast<size_t>(count > 0 ? count : 0));
+    return configs;
+}
+
+// The first window-capable config (the display of a window system has one), or null.
+EGLConfig chooseWindowConfig(EGLDisplay dpy)
+{
+    std::vector<EGLConfig> configs = matchingConfigs(dpy, configAttribs(EGL_WINDOW_BIT).values);
+    return configs.empty() ? nullptr : configs[0];
+}
+
+bool hasChannelSizes8888(EGLDisplay dpy, EGLConfig config)
+{
+    const EGLint channels[] = {EGL_RED_SIZE, EGL_GREEN_SIZE, EGL_BLUE_SIZE, EGL_ALPHA_SIZE};
+    for (EGLint channel : channels) {
+        EGLint size = 0;
+        if (!eglGetConfigAttrib(dpy, config, channel, &size) || size != 8) return false;
+    }
+    return true;
+}
+
+// Displays without a window system (Mesa's surfaceless platform) offer pbuffer configs only.
+// Prefers an exact 8/8/8/8 config over whatever the driver lists first.
+EGLConfig choosePbufferConfig(EGLDisplay dpy)
+{
+    AVS_LOGD("no window-capable config; looking for a pbuffer config");
+    std::vector<EGLConfig> configs = matchingConfigs(dpy, configAttribs(EGL_PBUFFER_BIT).values);
+    for (EGLConfig config : configs)
+        if (hasChannelSizes8888(dpy, config)) return config;
+    return configs.empty() ? nullptr : configs[0];
+}
+
+// Without a window system the default display cannot be initialised; Mesa's surfaceless
+// platform still can. Returns that display initialised, or EGL_NO_DISPLAY.
+EGLDisplay initializeSurfacelessDisplay(EGLint* major, EGLint* minor)
+{
+    if (!hasExtension(eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS), "EGL_MESA_platform_surfaceless")) {
+        AVS_LOGD("default display not initialised and no surfaceless platform offered");
+        return EGL_NO_DISPLAY;
+    }
+    AVS_LOGD("default display not initialised; falling back on the surfaceless platform");
+    // The native display of the surfaceless platform is EGL_DEFAULT_DISPLAY.
+    EGLDisplay display = eglGetPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, nullptr, nullptr);
+    if (display == EGL_NO_DISPLAY || eglInitialize(display, major, minor) != EGL_TRUE) {
+        AVS_LOGD("surfaceless display not initialised either");
+        return EGL_NO_DISPLAY;
+    }
+    return display;
+}
+
+void logRendererAndPath(const AvsGpuCaps& caps)
+{
+    const GLubyte* renderer = glGetString(GL_RENDERER);
+    const GLubyte* version = glGetString(GL_VERSION);
+    AVS_LOGD("GL renderer %s, version %s: %s path", renderer ? reinterpret_cast<const char*>(renderer) : "?",
+             version ? reinterpret_cast<const char*>(version) : "?", caps.portable ? "portable" : "target");
+}
+
+struct EglSyncProcs {
+    PFNEGLCREATESYNCKHRPROC createSync;
+    PFNEGLCLIENTWAITSYNCKHRPROC clientWaitSync;
+    PFNEGLDESTROYSYNCKHRPROC destroySync;
+};
+
+// libEGL does not export the KHR fence entry points; ask the driver for them.
+EglSyncProcs lookupEglSyncProcs()
+{
+    EglSyncProcs procs;
+    procs.createSync = reinterpret_cast<PFNEGLCREATESYNCKHRPROC>(eglGetProcAddress("eglCreateSyncKHR"));
+    procs.clientWaitSync = reinterpret_cast<PFNEGLCLIENTWAITSYNCKHRPROC>(eglGetProcAddress("eglClientWaitSyncKHR"));
+    procs.destroySync = reinterpret_cast<PFNEGLDESTROYSYNCKHRPROC>(eglGetProcAddress("eglDestroySyncKHR"));
+    return procs;
+}
+
+timeval now()
+{
+    timeval tv;
+    gettimeofday(&tv, nullptr);
+    return tv;
+}
+
+// Milliseconds with the microseconds part truncated to whole milliseconds first.
+float elapsedWholeMs(const timeval& start)
+{
+    timeval end = now();
+    return static_cast<float>((end.tv_sec - start.tv_sec) * 1000 + (end.tv_usec - start.tv_usec) / 1000);
+}
+
+}  // namespace
+
+ZQGL_Remap::~ZQGL_Remap() = default;  // GL and EGL objects are released by ZQ_EGL_Deinit alone
+
+int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
+{
+    timeval start = now();
+    checkEglError("<init>", EGL_TRUE);
+
+    if (dpy == EGL_NO_DISPLAY) {
+        dpy = eglGetDisplay(EGL_DEFAULT_DISPLAY);
+        checkEglError("eglGetDisplay", EGL_TRUE);
+    }
+    if (dpy == EGL_NO_DISPLAY) {
+        puts("eglGetDisplay returned EGL_NO_DISPLAY.");
+        return 1;
+    }
+
+    EGLBoolean result = eglInitialize(dpy, &majorVersion, &minorVersion);
+    checkEglError("eglInitialize", result);
+    if (result != EGL_TRUE) {
+        EGLDisplay surfaceless = initializeSurfacelessDisplay(&majorVersion, &minorVersion);
+        if (surfaceless != EGL_NO_DISPLAY) {
+            dpy = surfaceless;
+            result = EGL_TRUE;
+        }
+    }
+    fprintf(stderr, "EGL version %d.%d\n", majorVersion, minorVersion);
+    if (result != EGL_TRUE) {
+        puts("eglInitialize failed");
+        return 1;
+    }
+
+    // Asks for window support although only a pbuffer is made; kept for compatibility.
+    EGLConfig config = chooseWindowConfig(dpy);
+    if (config == nullptr) config = choosePbufferConfig(dpy);
+
+    surface = eglCreatePbufferSurface(dpy, config, kPbufferAttribs);
+    checkEglError("eglCreateWindowSurface", EGL_TRUE);
+    if (surface == EGL_NO_SURFACE) {
+        puts("eglCreateWindowSurface failed.");
+        return 1;
+    }
+
+    // Drivers hand out the highest compatible version; the request stays at 2.
+    context = eglCreateContext(dpy, config, EGL_NO_CONTEXT, kContextAttribs);
+    checkEglError("eglCreateContext", EGL_TRUE);
+    if (context == EGL_NO_CONTEXT) {
+        puts("eglCreateContext failed");
+        return 1;
+    }
+
+    result = eglMakeCurrent(dpy, surface, surface, context);
+    checkEglError("eglMakeCurrent", result);
+    if (result != EGL_TRUE) return 1;
+
+    EGLint width = 0;
+    EGLint height = 0;
+    eglQuerySurface(dpy, surface, EGL_WIDTH, &width);
+    checkEglError("eglQuerySurface", EGL_TRUE);
+    eglQuerySurface(dpy, surface, EGL_HEIGHT, &height);
+    checkEglError("eglQuerySurface", EGL_TRUE);
+    AVS_LOGD("Window dimensions: %d x %d\n", width, height);
+
+    printGLString("Version", GL_VERSION);
+    caps = detectGpuCaps(dpy);
+    logRendererAndPath(caps);
+
+    resource->context = context;
+    resource->dpy = dpy;
+    resource->surface = surface;
+    resource->caps = caps;
+
+    // On failure the programs already built are kept; de-initialisation deletes them.
+    gProgram = createProgram(gRemapVertexShader, gRemapFragmentShaderYUV);
+    if (gProgram == 0) return 1;
+    gProgramRGB = createProgram(gRemapVertexShader, gRemapFragmentShaderRGB);
+    if (gProgramRGB == 0) return 1;
+    gProgramRGBtoYUV = createProgram(gRemapVertexShader, gRemapFragmentShaderRGBtoYUV);
+    if (gProgramRGBtoYUV == 0) return 1;
+
+    cache_input_fd = static_cast<GLuint*>(malloc(kImportSlotCount * sizeof(GLuint)));
+    if (cache_input_fd == nullptr) {
+        AVS_LOGE("no memory for the import table");
+        return 1;
+    }
+    memset(cache_input_fd, 0, kImportSlotCount * sizeof(GLuint));
+    create_texture_fbo_status.resize(kImportSlotCount);
+    for (textureAndFboStatus& slot : create_texture_fbo_status) slot = textureAndFboStatus{0, 0, 0, 0};
+
+    AVS_LOGD("ZQ_EGL_init use time=%f ms \n", elapsedWholeMs(start));
+    return 0;
+}
+
+int ZQGL_Remap::ZQ_EGL_Deinit()
+{
+    AvsTimer timer;
+
+    // The layout may promise more overlap blocks than were made when set-up stopped early;
+    // only the framebuffers that exist are deleted.
+    const int cameras = _remap_init_params.camera_num;
+    for (int cam = 0; cam < cameras; ++cam) {
+        int blocks = cam < static_cast<int>(_remap_init_params.overlap_block.size())
+                         ? _remap_init_params.overlap_block[cam].overlap_num
+                         : 0;
+        int made = cam < static_cast<int>(overlapFramebuffer.size()) ? static_cast<int>(overlapFramebuffer[cam].size())
+                                                                     : 0;
+        if (blocks > made) {
+            AVS_LOGE("camera %d has %d overlap framebuffers of %d; deleting those", cam, made, blocks);
+            blocks = made;
+        }
+        for (int bn = 0; bn < blocks; ++bn) {
+            glDeleteFramebuffers(1, &overlapFramebuffer[cam][bn].fbo_id);
+            glDeleteTextures(1, &overlapFramebuffer[cam][bn].texture_id);
+        }
+    }
+
+    for (const textureAndFboStatus& slot : create_texture_fbo_status) deleteImportSlotNames(slot);
+
+    deleteCachedVbo();
+    free(cache_input_fd);
+
+    glDeleteProgram(gProgram);
+    glDeleteProgram(gProgramRGB);
+    glDeleteProgram(gProgramRGBtoYUV);
+
+    // Destroyed while still current: EGL releases them once they are no longer current.
+    eglDestroySurface(dpy, surface);
+    eglDestroyContext(dpy, context);
+    eglMakeCurrent(dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
+    eglTerminate(dpy);
+
+    AVS_LOGD("ZQ_EGL_Deinit use time=%f ms \n", timer.elapsedMs());
+    return 0;
+}
+
+GLuint ZQGL_Remap::loadShader(GLenum shaderType, const char* pSource)
+{
+    GLuint shader = glCreateShader(shaderType);
+    if (shader == 0) return 0;
+    glShaderSource(shader, 1, &pSource, nullptr);
+    glCompileShader(shader);
+    GLint compiled = 0;
+    glGetShaderiv(shader, GL_COMPILE_STATUS, &compiled);
+    if (compiled) return shader;
+
+    GLint infoLen = 0;
+    glGetShaderiv(shader, GL_INFO_LOG_LENGTH, &infoLen);
+    // A failure without a log hands the shader back; callers rely on the link to catch it.
+    if (infoLen <= 0) return shader;
+    char* buf = static_cast<char*>(malloc(static_cast<size_t>(infoLen)));
+    if (buf != nullptr) {
+        glGetShaderInfoLog(shader, infoLen, nullptr, buf);
+        buf[infoLen - 1] = '\0';
+        fprintf(stderr, "Could not compile shader %d:\n%s\n", shaderType, buf);
+        free(buf);
+    }
+    glDeleteShader(shader);
+    return 0;
+}
+
+GLuint ZQGL_Remap::createProgram(const char* pVertexSource, const char* pFragmentSource)
+{
+    GLuint vertexShader = loadShader(GL_VERTEX_SHADER, pVertexSource);
+    if (vertexShader == 0) return 0;
+    GLuint pixelShader = loadShader(GL_FRAGMENT_SHADER, pFragmentSource);
+    if (pixelShader == 0) return 0;
+
+    GLuint program = glCreateProgram();
+    if (program != 0) {
+        glAttachShader(program, vertexShader);
+        checkGlError("glAttachShader");
+        glAttachShader(program, pixelShader);
+        checkGlError("glAttachShader");
+        glLinkProgram(program);
+        GLint linkStatus = GL_FALSE;
+        glGetProgramiv(program, GL_LINK_STATUS, &linkStatus);
+        if (linkStatus != GL_TRUE) {
+            GLint bufLength = 0;
+            glGetProgramiv(program, GL_INFO_LOG_LENGTH, &bufLength);
+            char* buf = bufLength > 0 ? static_cast<char*>(malloc(static_cast<size_t>(bufLength))) : nullptr;
+            if (buf != nullptr) {
+                glGetProgramInfoLog(program, bufLength, nullptr, buf);
+                buf[bufLength - 1] = '\0';
+                fprintf(stderr, "Could not link program:\n%s\n", buf);
+                free(buf);
+            }
+            glDeleteProgram(program);
+            program = 0;
+        }
+    }
+    // Deleted before they are detached, also when no program was made; the established order.
+    glDeleteShader(vertexShader);
+    glDeleteShader(pixelShader);
+    glDetachShader(program, vertexShader);
+    glDetachShader(program, pixelShader);
+    return program;
+}
+
+int ZQGL_Remap::setupGraphicsTest(GLuint program, int w1, int h1, int w2, int h2)
+{
+    if (w1 < 0 || h1 < 0 || w2 < 0 || h2 < 0) {
+        AVS_LOGE("can't set glViewport, arguements illegal: w1=%d h1=%d w2=%d h2=%d\n", w1, h1, w2, h2);
+        return 0;
+    }
+    AVS_LOGD("glViewport w1=%d h1=%d w2=%d h2=%d\n", w1, h1, w2, h2);
+    gvPositionHandle = static_cast<GLuint>(glGetAttribLocation(program, "vPosition"));
+    checkGlError("glGetAttribLocation");
+    gvTextureTexCoordsHandle = static_cast<GLuint>(glGetAttribLocation(program, "texCoords"));
+    checkGlError("glGetAttribLocation");
+    gvTextureSamplerHandle = static_cast<GLuint>(glGetUniformLocation(program, "outTexture"));
+    checkGlError("glGetUniformLocation");
+    glViewport(w1, h1, w2, h2);
+    checkGlError("glViewport");
+    return 1;
+}
+
+void ZQGL_Remap::checkEglError(const char* op, EGLBoolean returnVal)
+{
+    if (returnVal != EGL_TRUE) fprintf(stderr, "%s() returned %d\n", op, returnVal);
+    for (EGLint error = eglGetError(); error != EGL_SUCCESS; error = eglGetError())
+        fprintf(stderr, "after %s() eglError (0x%x)\n", op, error);
+}
+
+int ZQGL_Remap::dumpFboPixels(int inWindowWidth, int inWindowHeight, int inSize, char* formatName,
+                              char* pPixelDataFront, int index)
+{
+    char path[256];
+    snprintf(path, sizeof(path), "/usr/data/dump/dumplayer_%d_%dx%d_%s.bin", index, inWindowWidth, inWindowHeight,
+             formatName ? formatName : "");
+    // Only the caller knows how many bytes it holds; nothing to write from no buffer.
+    if (pPixelDataFront == nullptr || inSize < 0) {
+        AVS_LOGE("no pixels to dump for %s (size %d)", path, inSize);
+        return -1;
+    }
+    FILE* file = fopen(path, "wb+");
+    if (file == nullptr) {
+        printf("Could not open /%s \n", path);
+        return -1;
+    }
+    fwrite(pPixelDataFront, static_cast<size_t>(inSize), 1, file);
+    fclose(file);
+    printf("open %s and write ok\n", path);
+    return 0;
+}
+
+void* ZQGL_Remap::gles_create_sync()
+{
+    EglSyncProcs procs = lookupEglSyncProcs();
+    EGLSyncKHR sync = procs.createSync ? procs.createSync(dpy, EGL_SYNC_FENCE_KHR, nullptr) : EGL_NO_SYNC_KHR;
+    // A plain fence, whatever the message says; callers match on this text.
+    if (sync == EGL_NO_SYNC_KHR) AVS_LOGE("failed to create EGL native fence sync");
+    return sync;
+}
+
+int ZQGL_Remap::gles_wait_sync(void* sync)
+{
+    EglSyncProcs procs = lookupEglSyncProcs();
+    if (procs.clientWaitSync == nullptr || procs.destroySync == nullptr) {
+        AVS_LOGE("GLProcess: the driver offers no EGL fences");
+        return 1;
+    }
+    EGLint result = procs.clientWaitSync(dpy, sync, EGL_SYNC_FLUSH_COMMANDS_BIT_KHR, kFenceTimeoutNs);
+    EGLint eglErr = eglGetError();
+    // A fence that timed out or failed stays alive: the caller has no call to release it.
+    if (result == EGL_TIMEOUT_EXPIRED_KHR) {
+        AVS_LOGE("GLProcess: fence wait timed out");
+        return 1;
+    }
+    if (eglErr != EGL_SUCCESS) {
+        AVS_LOGE("GLProcess: error waiting on EGL fence: %#x", eglErr);
+        return 1;
+    }
+    AVS_LOGD("GLProcess: wait fence succeded\n");
+    procs.destroySync(dpy, sync);
+    return 0;
+}
+
+int ZQGL_Remap::finishOutputFrame()
+{
+    // Target path: the GPU rendered straight into the caller's buffer.
+    if (portableIo == nullptr) return 0;
+    // Portable path: the pack of the output canvas into the caller's mapping belongs here.
+    AVS_LOGE("portable output pack not available in this build");
+    return -1;
+}
+
+}  // namespace zqgfx_gpu_avs

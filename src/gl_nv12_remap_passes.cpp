@@ -1,0 +1,321 @@
+// Remap engine: the frame passes. Non-overlap blocks are drawn straight into the output image,
+// overlap blocks into their own intermediate framebuffers for the multiband blend. Each block is
+// one triangle strip from the mesh buffer cache (or, in the older passes, from shared buffers).
+#include "gl_nv12_remap.h"
+
+#include <cstdint>
+#include <cstdio>
+
+namespace zqgfx_gpu_avs {
+
+namespace {
+
+constexpr const char* kSetupFailed = "Could not set up graphics.\n";
+constexpr const char* kRenderFailed = "Could not render frame.\n";
+
+// How a pass reports a failed viewport or draw: as its own error line, or as a plain line on
+// standard error (the overlap pass and the older passes; callers match on both forms).
+struct PassReports {
+    const char* pass;
+    bool setupOnStderr;
+    bool renderOnStderr;
+};
+
+void reportStep(const PassReports& reports, bool onStderr, const char* text)
+{
+    if (onStderr)
+        fputs(text, stderr);
+    else
+        AVS_LOGE_IN(reports.pass, "%s", text);
+}
+
+// Viewport rectangle of one block in its target framebuffer.
+struct BlockViewport {
+    int x;
+    int w;
+    int h;
+};
+
+// The layout lists and overlap framebuffers the passes index must be there.
+bool passInputsComplete(const ZQGL_Remap& engine, const char* pass, bool overlapTargets)
+{
+    const PSR_INITPARAMS_T& layout = engine._remap_init_params;
+    if (!layoutListsComplete(layout)) {
+        AVS_LOGE_IN(pass, "layout lists are shorter than their block counts");
+        return false;
+    }
+    if (!overlapTargets) return true;
+    bool made = engine.overlapFramebuffer.size() >= static_cast<size_t>(layout.camera_num);
+    for (int cam = 0; made && cam < layout.camera_num; ++cam)
+        made = engine.overlapFramebuffer[cam].size() >= static_cast<size_t>(layout.overlap_block[cam].overlap_num);
+    if (!made) AVS_LOGE_IN(pass, "overlap framebuffers missing: remap set-up did not run for this layout");
+    return made;
+}
+
+int bindPassFramebuffer(const char* pass, GLuint fbo)
+{
+    glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+    if (checkGlError("glBindFramebuffer")) return 0;
+    AVS_LOGE_IN(pass, "glBindFramebuffer fbo=%d failed!\n", fbo);
+    return -1;
+}
+
+// Size check and output binding that open both non-overlap passes. The output is not cleared:
+// whatever no block covers keeps the buffer's previous content.
+int beginOutputPass(const ZQGL_Remap& engine, const char* pass)
+{
+    const int bld_w = engine._remap_init_params.bld_width;
+    const int bld_h = engine._remap_init_params.bld_height;
+    if (bld_w < 0 || bld_w >= kMaxTextureSize || bld_h < 0 || bld_h >= kMaxTextureSize) {
+        AVS_LOGE_IN(pass, "bld_width=%d or bld_height=%d is exceed the gpu max texture size limit!", bld_w, bld_h);
+        return -1;
+    }
+    if (engine.framebuffer0 == 0) {
+        AVS_LOGE_IN(pass, "framebuffer0=%d is illegal!", engine.framebuffer0);
+        return -1;
+    }
+    return bindPassFramebuffer(pass, engine.framebuffer0);
+}
+
+// The block's position and texture-coordinate buffers, which must agree in mesh size.
+bool findBlockMeshes(ZQGL_Remap& engine, const char* pass, int index, RemapVboInfo** vertex, RemapVboInfo** tex)
+{
+    *vertex = engine.getVertexVboInfoByIndex(index);
+    *tex = engine.getTexVertexVboInfoByIndex(index);
+    if (*vertex == nullptr || *tex == nullptr) {
+        AVS_LOGE_IN(pass, "Error: can not find index=%d mesh info!\n", index);
+        return false;
+    }
+    if ((*vertex)->meshWidth != (*tex)->meshWidth || (*vertex)->meshHeight != (*tex)->meshHeight) {
+        AVS_LOGE_IN(pass, "Error: invalid mesh index=%d w=%d h=%d!\n", index, (*vertex)->meshWidth,
+                    (*vertex)->meshHeight);
+        return false;
+    }
+    return true;
+}
+
+// The per-block step every pass shares: viewport, camera image, strip.
+template <class DrawStrip>
+int drawBlock(ZQGL_Remap& engine, const PassReports& reports, GLuint program, const BlockViewport& view, int cam,
+              DrawStrip drawStrip)
+{
+    if (!engine.setupGraphicsTest(program, view.x, 0, view.w, view.h)) {
+        reportStep(reports, reports.setupOnStderr, kSetupFailed);
+        return -1;
+    }
+    if (engine.bindCameraTexture(cam) != 0) {
+        const GLuint texture = cam < static_cast<int>(engine.textureID.size()) ? engine.textureID[cam] : 0;
+        AVS_LOGE_IN(reports.pass, "glBindTexture textureID=%d failed!\n", texture);
+        return -1;
+    }
+    if (drawStrip() != 1) {
+        reportStep(reports, reports.renderOnStderr, kRenderFailed);
+        return -1;
+    }
+    return 0;
+}
+
+// One strip of the mesh's vertex count, both attributes read from `byteOffset` of their
+// buffers. 1, or 0 when the draw failed (the arrays then stay enabled and the buffer bound).
+int drawStrip(const ZQGL_Remap& engine, const char* caller, GLuint program, int mesh_w, int mesh_h, GLuint verVBO,
+              GLuint texVBO, intptr_t byteOffset)
+{
+    AVS_LOGD("mesh_w=%d, mesh_w=%d verVBO=%d texVBO=%d\n", mesh_w, mesh_h, verVBO, texVBO);
+    const void* offset = reinterpret_cast<const void*>(byteOffset);
+    glUseProgram(program);
+    checkGlError("glUseProgram");
+    glUniform1i(static_cast<GLint>(engine.gvTextureSamplerHandle), 0);
+    checkGlError("glUniform1i");
+    glBindBuffer(GL_ARRAY_BUFFER, verVBO);
+    checkGlError("glBindBuffer");
+    glVertexAttribPointer(engine.gvPositionHandle, 2, GL_FLOAT, GL_FALSE, 0, offset);
+    checkGlError("glVertexAttribPointer");
+    glEnableVertexAttribArray(engine.gvPositionHandle);
+    checkGlError("glEnableVertexAttribArray");
+    glBindBuffer(GL_ARRAY_BUFFER, texVBO);
+    checkGlError("glBindBuffer");
+    glVertexAttribPointer(engine.gvTextureTexCoordsHandle, 2, GL_FLOAT, GL_FALSE, 0, offset);
+    checkGlError("glVertexAttribPointer");
+    glEnableVertexAttribArray(engine.gvTextureTexCoordsHandle);
+    checkGlError("glEnableVertexAttribArray");
+    glDrawArrays(GL_TRIANGLE_STRIP, 0, stripVertexCount(mesh_w, mesh_h));
+    if (!checkGlError("glDrawArrays")) {
+        AVS_LOGE_IN(caller, "renderFrame failed!\n");
+        return 0;
+    }
+    glDisableVertexAttribArray(engine.gvPositionHandle);
+    glDisableVertexAttribArray(engine.gvTextureTexCoordsHandle);
+    glBindBuffer(GL_ARRAY_BUFFER, 0);
+    return 1;
+}
+
+}  // namespace
+
+int ZQGL_Remap::bindCameraTexture(int cam)
+{
+    if (cam < 0 || cam >= static_cast<int>(textureID.size())) {
+        AVS_LOGE("no image imported for camera %d", cam);
+        return -1;
+    }
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_EXTERNAL_OES, textureID[cam]);
+    return checkGlError("glBindTexture") ? 0 : -1;
+}
+
+int ZQGL_Remap::glesRemapNonoverlapNew()
+{
+    static constexpr PassReports reports{"glesRemapNonoverlapNew", false, false};
+    if (!passInputsComplete(*this, reports.pass, false)) return -1;
+    AvsTimer timer;
+    if (beginOutputPass(*this, reports.pass) != 0) return -1;
+
+    const PSR_INITPARAMS_T& layout = _remap_init_params;
+    for (int cam = 0; cam < layout.camera_num; ++cam) {
+        const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
+        for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
+            RemapVboInfo* vertex = nullptr;
+            RemapVboInfo* tex = nullptr;
+            if (!findBlockMeshes(*this, reports.pass, meshIndexOf(cam, bn), &vertex, &tex)) return -1;
+            const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
+            AVS_LOGD("dst_x=%d,dst_w=%d,dst_h=%d,mesh_w=%d,mesh_h=%d\n", view.x, view.w, view.h, vertex->meshWidth,
+                     vertex->meshHeight);
+            if (drawBlock(*this, reports, gProgram, view, cam, [&] {
+                    return renderFrameNew(gProgram, vertex->meshWidth, vertex->meshHeight, vertex->mVboId, tex->mVboId);
+                }) != 0)
+                return -1;
+        }
+    }
+    AVS_LOGD("ZQGL_Remap_Nonoverlap_VBO use time=%f ms \n", timer.elapsedMs());
+    return 0;
+}
+
+int ZQGL_Remap::glesRemapOverlapNew()
+{
+    static constexpr PassReports reports{"glesRemapOverlapNew", true, false};
+    if (!passInputsComplete(*this, reports.pass, true)) return -1;
+    AvsTimer timer;
+
+    const PSR_INITPARAMS_T& layout = _remap_init_params;
+    for (int cam = 0; cam < layout.camera_num; ++cam) {
+        const zqPSR_OVERLAP_BLOCK& blocks = layout.overlap_block[cam];
+        const int first = layout.nonoverlap_block[cam].nonoverlap_num;
+        for (int bn = 0; bn < blocks.overlap_num; ++bn) {
+            RemapVboInfo* vertex = nullptr;
+            RemapVboInfo* tex = nullptr;
+            if (!findBlockMeshes(*this, reports.pass, meshIndexOf(cam, first + bn), &vertex, &tex)) return -1;
+            // The whole intermediate framebuffer, at the blend height of set-up time; the blend
+            // places it in the panorama later.
+            const BlockViewport view{0, blocks.dst_width[bn], const_blend_height};
+            AVS_LOGD("dst_x=%d,dst_w=%d,dst_h=%d,mesh_w=%d,mesh_h=%d\n", view.x, view.w, view.h, vertex->meshWidth,
+                     vertex->meshHeight);
+            if (bindPassFramebuffer(reports.pass, overlapFramebuffer[cam][bn].fbo_id) != 0) return -1;
+            if (drawBlock(*this, reports, gProgramRGB, view, cam, [&] {
+                    return renderFrameNew(gProgramRGB, vertex->meshWidth, vertex->meshHeight, vertex->mVboId,
+                                          tex->mVboId);
+                }) != 0)
+                return -1;
+        }
+    }
+    AVS_LOGD("ZQGL_Remap_Overlap_VBO use time=%f ms \n", timer.elapsedMs());
+    return 0;
+}
+
+int ZQGL_Remap::renderFrameNew(GLuint program, int mesh_w, int mesh_h, GLuint verVBO, GLuint texVBO)
+{
+    return drawStrip(*this, __FUNCTION__, program, mesh_w, mesh_h, verVBO, texVBO, 0);
+}
+
+int ZQGL_Remap::glesRemapNonoverlapVBO()
+{
+    static constexpr PassReports reports{"glesRemapNonoverlapVBO", true, true};
+    if (!passInputsComplete(*this, reports.pass, false)) return -1;
+    AvsTimer timer;
+    if (beginOutputPass(*this, reports.pass) != 0) return -1;
+
+    // The blocks lie back to back in the shared buffers; `floats` counts up to this block's end.
+    const PSR_INITPARAMS_T& layout = _remap_init_params;
+    int floats = 0;
+    for (int cam = 0; cam < layout.camera_num; ++cam) {
+        const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
+        for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
+            const int mesh_w = blocks.mesh_width[bn];
+            const int mesh_h = blocks.mesh_height[bn];
+            floats += 2 * stripVertexCount(mesh_w, mesh_h);
+            const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
+            AVS_LOGD("avs-debug bld_h=%d dst_x=%d,dst_w=%d,mesh_w=%d,mesh_h=%d\n", view.h, view.x, view.w, mesh_w,
+                     mesh_h);
+            if (drawBlock(*this, reports, gProgram, view, cam, [&] {
+                    return renderFrameVBO(gProgram, mesh_w, mesh_h, floats, nonoverlapVertexesVBO,
+                                          nonoverlapTexVertexesVBO);
+                }) != 0)
+                return -1;
+        }
+    }
+    AVS_LOGD("ZQGL_Remap_Nonoverlap_VBO use time=%f ms \n", timer.elapsedMs());
+    return 0;
+}
+
+int ZQGL_Remap::glesRemapOverlapVBO()
+{
+    static constexpr PassReports reports{"glesRemapOverlapVBO", true, true};
+    if (!passInputsComplete(*this, reports.pass, true)) return -1;
+    AvsTimer timer;
+
+    const PSR_INITPARAMS_T& layout = _remap_init_params;
+    int floats = 0;
+    for (int cam = 0; cam < layout.camera_num; ++cam) {
+        const zqPSR_OVERLAP_BLOCK& blocks = layout.overlap_block[cam];
+        for (int bn = 0; bn < blocks.overlap_num; ++bn) {
+            const int mesh_w = blocks.mesh_width[bn];
+            const int mesh_h = blocks.mesh_height[bn];
+            floats += 2 * stripVertexCount(mesh_w, mesh_h);
+            const BlockViewport view{0, blocks.dst_width[bn], const_blend_height};
+            AVS_LOGD("avs-debug bld_h=%d dst_x=%d,dst_w=%d,mesh_w=%d,mesh_h=%d\n", view.h, view.x, view.w, mesh_w,
+                     mesh_h);
+            if (bindPassFramebuffer(reports.pass, overlapFramebuffer[cam][bn].fbo_id) != 0) return -1;
+            if (drawBlock(*this, reports, gProgramRGB, view, cam, [&] {
+                    return renderFrameVBO(gProgramRGB, mesh_w, mesh_h, floats, overlapVertexesVBO,
+                                          overlapTexVertexesVBO);
+                }) != 0)
+                return -1;
+        }
+    }
+    AVS_LOGD("ZQGL_Remap_Overlap_VBO use time=%f ms \n", timer.elapsedMs());
+    return 0;
+}
+
+int ZQGL_Remap::renderFrameVBO(GLuint program, int mesh_w, int mesh_h, int index_offset, GLuint verVBO, GLuint texVBO)
+{
+    const int sizex = mesh_w - 1;
+    const int sizey = mesh_h - 1;
+    if (index_offset < 1 || sizex >= 512 || sizey >= 512) {
+        AVS_LOGE("arguements illegal sizex=%d,sizey=%d,offset=%d\n", sizex, sizey, index_offset);
+        return 0;
+    }
+    // `index_offset` counts the floats up to this block's end; its run starts a strip earlier.
+    const intptr_t firstFloat = index_offset - 2 * static_cast<intptr_t>(stripVertexCount(mesh_w, mesh_h));
+    return drawStrip(*this, __FUNCTION__, program, mesh_w, mesh_h, verVBO, texVBO,
+                     firstFloat * static_cast<intptr_t>(sizeof(GLfloat)));
+}
+
+int ZQGL_Remap::outputOverlapRemap(unsigned char*, int, int, int, int, unsigned char*)
+{
+    return 0;
+}
+
+// Not called by the library: an output step of the overlaps that was never finished. As it
+// stands it paints the whole output magenta.
+int ZQGL_Remap::ZQGL_Output_Overlap()
+{
+    AvsTimer timer;
+    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer0);
+    glClearColor(1.0f, 0.0f, 1.0f, 1.0f);
+    checkGlError("glClearColor");
+    glClear(GL_COLOR_BUFFER_BIT);
+    checkGlError("glClear");
+    AVS_GL_TRACE("glActiveTexture(GL_TEXTURE0)", glActiveTexture(GL_TEXTURE0));
+    AVS_LOGD("ZQGL_Output_Image use time=%f ms \n", timer.elapsedMs());
+    return 0;
+}
+
+}  // namespace zqgfx_gpu_avs

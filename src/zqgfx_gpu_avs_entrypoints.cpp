@@ -1,0 +1,342 @@
+// The exported entry points and the calling thread's instance state.
+#include <cstdlib>
+#include <new>
+
+#include "DebugLog.h"
+#include "gl_nv12_remap.h"
+#include "gles_multiband_blend.h"
+#include "zqgfx_gpu_avs_internal.h"
+
+using zqgfx_gpu_avs::AvsTimer;
+using zqgfx_gpu_avs::multibandResource;
+using zqgfx_gpu_avs::ZQGL_Remap;
+using zqgfx_gpu_avs::zqglMultibandBlend;
+
+namespace {
+
+const char* const kLibraryVersion = "v6.9b1";
+
+// Every thread runs its own instance; zero before its first init.
+thread_local AvsThreadInstance t_instance;
+
+// The engines are zero-filled before construction: their scalar members start at 0.
+template <typename Engine>
+Engine* createZeroFilled()
+{
+    void* memory = calloc(1, sizeof(Engine));
+    return memory ? new (memory) Engine : nullptr;
+}
+
+template <typename Engine>
+void destroyZeroFilled(Engine* engine)
+{
+    if (engine == nullptr) return;
+    engine->~Engine();
+    free(engine);
+}
+
+// Frame calls on a thread without a finished init would use half-made or no objects.
+bool instanceReady()
+{
+    return t_instance.if_init_avs == 1;
+}
+
+int init_coords_and_params(ZQGFX_AVS_CONTEXT_T* context)
+{
+    AvsTimer timer;
+    AvsThreadInstance& state = t_instance;
+    state.ifUseMeshBufAddress = context->useMeshBufAddress;
+    state.mUseInputMeshCoords = new inputMeshCoords;
+    // Published at once so that what a failed init leaves behind stays reachable.
+    PSR_INITPARAMS_T* layout = state.init_params = new PSR_INITPARAMS_T;
+    AVS_LOGD("init_params_internal=%p", static_cast<void*>(layout));
+    if (context->useMeshBufAddress) {
+        if (get_mesh_and_init_params(context, layout) < 0) return 1;
+        AVS_LOGD("mcontext->avsRemapMeshArray=%p", static_cast<void*>(context->avsRemapMeshArray));
+        AVS_LOGD("mcontext->meshAlphaDrmBufMsgArray=%p", static_cast<void*>(context->meshAlphaDrmBufMsgArray));
+    } else {
+        state.mInputMeshCoords = new inputMeshCoords;
+        if (read_files_and_init_params(context, layout) < 0) return 1;
+    }
+    AVS_LOGD("__thread PSR_INITPARAMS_T *init_params=%p", static_cast<void*>(state.init_params));
+    AVS_LOG_TIME(timer);
+    return 0;
+}
+
+void freeOwnedMeshes(const PSR_INITPARAMS_T& layout, inputMeshCoords* owned)
+{
+    for (int c = 0; c < layout.camera_num; ++c) {
+        const int nonoverlap = layout.nonoverlap_block[c].nonoverlap_num;
+        for (int b = 0; b < nonoverlap; ++b) {
+            free(owned->input_meshx[c][b]);
+            free(owned->input_meshy[c][b]);
+        }
+        for (int b = 0; b < layout.overlap_block[c].overlap_num; ++b) {
+            free(owned->input_meshx[c][nonoverlap + b]);
+            free(owned->input_meshy[c][nonoverlap + b]);
+        }
+    }
+}
+
+void deinit_coords_and_params()
+{
+    AvsTimer timer;
+    AvsThreadInstance& state = t_instance;
+    if (state.ifUseMeshBufAddress == 0) {
+        PSR_INITPARAMS_T* layout = state.init_params;
+        freeOwnedMeshes(*layout, state.mInputMeshCoords);
+        std::vector<zqPSR_NONOVERLAP_BLOCK>().swap(layout->nonoverlap_block);
+        std::vector<zqPSR_OVERLAP_BLOCK>().swap(layout->overlap_block);
+        std::vector<int>().swap(layout->image_block_num);
+        delete state.mInputMeshCoords;
+    }
+    // In buffer mode the mesh data stay with the caller.
+    delete state.init_params;
+    delete state.mUseInputMeshCoords;
+    AVS_LOG_TIME(timer);
+}
+
+// Drains the GPU after a stage and books its time when a frame is profiled; idle otherwise.
+class StageClock {
+public:
+    explicit StageClock(AvsStageTimes* times) : times_(times) {}
+    void lap(double AvsStageTimes::*stage)
+    {
+        if (times_ == nullptr) return;
+        glFinish();
+        times_->*stage = timer_.elapsedMs();
+        timer_ = AvsTimer();
+    }
+
+private:
+    AvsStageTimes* times_;
+    AvsTimer timer_;
+};
+
+// One frame's steps in order; the first failing step ends the frame. 0 or -1.
+int runFrameSteps(const ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times)
+{
+    AvsThreadInstance& state = t_instance;
+    ZQGL_Remap* remap = state.zqRemapInstance;
+    zqglMultibandBlend* blend = state.zqMultibandBlendInstance;
+    StageClock clock(times);
+    GLuint outFBO_id = 0;
+    if (remap->create_texture_and_fbo(context->inputFdArray, context->inputIsAFBC, context->outputIsAFBC,
+                                      &outFBO_id) < 0)
+        return -1;
+    clock.lap(&AvsStageTimes::import_ms);
+    if (remap->glesRemapNonoverlapNew() < 0 || remap->glesRemapOverlapNew() < 0) return -1;
+    clock.lap(&AvsStageTimes::remap_ms);
+    if (blend->glesMultibandDrawGauss(state.doBlendArray) < 0) return -1;
+    clock.lap(&AvsStageTimes::pyramid_ms);
+    if (blend->glesMultibandBlend(outFBO_id, state.doBlendArray) < 0) return -1;
+    clock.lap(&AvsStageTimes::blend_ms);
+    // Portable path: writes the frame back into the caller's buffer; nothing on the target path.
+    if (remap->finishOutputFrame() < 0) return -1;
+    clock.lap(&AvsStageTimes::pack_ms);
+    return 0;
+}
+
+bool frameInputsPresent(const ZQGFX_AVS_CONTEXT_T* context)
+{
+    if (context->inputFdArray != nullptr) return true;
+    AVS_LOGE("inputFdArray is NULL, FAILED!");
+    return false;
+}
+
+}  // namespace
+
+AvsThreadInstance avs_thread_instance()
+{
+    return t_instance;
+}
+
+AvsThreadInstance& avs_thread_state()
+{
+    return t_instance;
+}
+
+int read_files_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* init_params_instance)
+{
+    return read_files_and_init_params(mcontext, init_params_instance, t_instance.mInputMeshCoords,
+                                      t_instance.mUseInputMeshCoords);
+}
+
+int get_mesh_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* init_params_instance)
+{
+    return get_mesh_and_init_params(mcontext, init_params_instance, t_instance.mUseInputMeshCoords);
+}
+
+int translate_mesh_index(const PSR_INITPARAMS_T* layout, int meshIndex)
+{
+    int count = 0;
+    for (int c = 0; c < layout->camera_num; ++c) {
+        const int nonoverlap = layout->nonoverlap_block[c].nonoverlap_num;
+        for (int b = 0; b < nonoverlap; ++b, ++count)
+            if (count == meshIndex) return c * 10 + b;
+        for (int b = 0; b < layout->overlap_block[c].overlap_num; ++b, ++count)
+            if (count == meshIndex) return c * 10 + nonoverlap + b;
+    }
+    return -1;
+}
+
+int avs_profile_frame(ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times)
+{
+    if (context == nullptr || times == nullptr || !instanceReady() || !frameInputsPresent(context)) return -1;
+    *times = AvsStageTimes{};
+    return runFrameSteps(context, times);
+}
+
+extern "C" {
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context)
+{
+    zqgfx_gpu_avs::UpdateAvsLogLevel();
+    refreshCalibrationLogLevel();
+    refreshPlanningLogLevel();
+    if (context == nullptr) {
+        AVS_LOGE("input context is NULL, return FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    ZQGFX_AVS_CONTEXT_T* ctx = static_cast<ZQGFX_AVS_CONTEXT_T*>(context);
+    AVS_LOGE("inputBufferFormat:0x%x,useMeshBufAddress=%d,numView=%d\n", ctx->inputBufferFormat,
+             ctx->useMeshBufAddress, ctx->numView);
+    AvsTimer timer;
+    // The failures below free nothing made so far: callers have always seen it so.
+    if (init_coords_and_params(ctx) != 0) {
+        AVS_LOGE("init_coords_and_params FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    AvsThreadInstance& state = t_instance;
+    state.multiband_resource = new multibandResource;
+    state.zqRemapInstance = createZeroFilled<ZQGL_Remap>();
+    state.zqMultibandBlendInstance = createZeroFilled<zqglMultibandBlend>();
+    AVS_LOGD("__thread multiband_resource=%p zqRemapInstance=%p zqMultibandBlendInstance=%p\n",
+             static_cast<void*>(state.multiband_resource), static_cast<void*>(state.zqRemapInstance),
+             static_cast<void*>(state.zqMultibandBlendInstance));
+    if (state.zqRemapInstance == nullptr || state.zqMultibandBlendInstance == nullptr ||
+        state.zqRemapInstance->ZQ_EGL_Init(state.multiband_resource) != 0) {
+        AVS_LOGE("ZQ_EGL_Init FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    if (state.zqRemapInstance->glesRemapInit(state.init_params, state.multiband_resource,
+                                             state.mUseInputMeshCoords->input_meshx,
+                                             state.mUseInputMeshCoords->input_meshy) != 0) {
+        AVS_LOGE("glesRemapInit FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    if (init_multiband_blend(ctx) != 0) {
+        AVS_LOGE("init_multiband_blend FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    state.if_init_avs = 1;
+    AVS_LOGE("Init success! Version:%s, use_time=%fms\n", kLibraryVersion, timer.elapsedMs());
+    return ZQGFX_AVS_SUCCESS;
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_resize(void* context)
+{
+    AvsTimer timer;
+    if (context == nullptr) {
+        AVS_LOGE("input context is NULL, return FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    if (!instanceReady()) {
+        AVS_LOGE("no initialised instance on this thread, FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    ZQGFX_AVS_CONTEXT_T* ctx = static_cast<ZQGFX_AVS_CONTEXT_T*>(context);
+    AvsThreadInstance& state = t_instance;
+    AVS_LOGD("inputBufferFormat:0x%x\n", ctx->inputBufferFormat);
+    state.zqRemapInstance->glesRemapResize(state.init_params, state.multiband_resource, state.doBlendArray,
+                                           static_cast<int>(ctx->outputBufferWidth),
+                                           static_cast<int>(ctx->outputBufferHeight));
+    AVS_LOG_TIME(timer);
+    return ZQGFX_AVS_SUCCESS;
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_AllProcess(void* context)
+{
+    AvsTimer timer;
+    if (context == nullptr) {
+        AVS_LOGE("input context is NULL, return FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    if (!instanceReady()) {
+        AVS_LOGE("no initialised instance on this thread, FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    ZQGFX_AVS_CONTEXT_T* ctx = static_cast<ZQGFX_AVS_CONTEXT_T*>(context);
+    AVS_LOGD("avs-debug inputIsAFBC=%d outputIsAFBC=%d\n", ctx->inputIsAFBC, ctx->outputIsAFBC);
+    if (!frameInputsPresent(ctx) || runFrameSteps(ctx, nullptr) < 0) return ZQGFX_AVS_FAILED;
+    if (ctx->useSync)
+        glFlush();  // the caller waits on a fence
+    else
+        glFinish();
+    AVS_LOG_TIME(timer);
+    return ZQGFX_AVS_SUCCESS;
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_update_mesh(void* /*context*/, PSR_REMAP_MESH* newMesh)
+{
+    if (newMesh == nullptr || !instanceReady()) {
+        AVS_LOGE("no mesh or no initialised instance on this thread, FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    AvsThreadInstance& state = t_instance;
+    // An index past the last block goes on as -1: the remap engine refuses it.
+    const int innerIndex = translate_mesh_index(state.init_params, newMesh->meshIndex);
+    AVS_LOGD("Update mesh: index=%d inner_index=%d step_x=%d step_y=%d mesh_w=%d mesh_h=%d mesh_x=%p mesh_y=%p\n",
+             newMesh->meshIndex, innerIndex, newMesh->meshxStep_, newMesh->meshyStep_, newMesh->meshWidth_,
+             newMesh->meshHeight_, newMesh->meshxBufAddr_, newMesh->meshyBufAddr_);
+    if (state.zqRemapInstance->glesRemapUpdateMesh(innerIndex, newMesh->meshxStep_, newMesh->meshyStep_,
+                                                   newMesh->meshWidth_, newMesh->meshHeight_,
+                                                   newMesh->meshxBufAddr_, newMesh->meshyBufAddr_) != 0) {
+        AVS_LOGE("ZQGFX_AVS_update_mesh FAILED!\n");
+        return ZQGFX_AVS_FAILED;
+    }
+    return ZQGFX_AVS_SUCCESS;
+}
+
+void* ZQGFX_AVS_create_sync()
+{
+    if (!instanceReady()) {
+        AVS_LOGE("no initialised instance on this thread, FAILED!");
+        return nullptr;
+    }
+    return t_instance.zqRemapInstance->gles_create_sync();
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_wait_sync(void* gles_proceess_sync)
+{
+    if (!instanceReady()) {
+        AVS_LOGE("no initialised instance on this thread, FAILED!");
+        return ZQGFX_AVS_FAILED;
+    }
+    return t_instance.zqRemapInstance->gles_wait_sync(gles_proceess_sync) != 0 ? ZQGFX_AVS_FAILED
+                                                                                : ZQGFX_AVS_SUCCESS;
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_deinit(void* /*context*/)
+{
+    AvsThreadInstance& state = t_instance;
+    if (state.if_init_avs != 1) return ZQGFX_AVS_SUCCESS;
+    deinit_coords_and_params();
+    state.zqMultibandBlendInstance->deinitMultibandBlend(state.doBlendArray);
+    state.zqRemapInstance->ZQ_EGL_Deinit();
+    free(state.doBlendArray);
+    state.if_init_avs = 0;
+    delete state.multiband_resource;
+    destroyZeroFilled(state.zqRemapInstance);
+    destroyZeroFilled(state.zqMultibandBlendInstance);
+    // The thread's pointers keep their old values, as they always have.
+    return ZQGFX_AVS_SUCCESS;
+}
+
+const char* ZQGFX_AVS_get_path()
+{
+    if (!instanceReady() || t_instance.multiband_resource == nullptr) return "none";
+    return t_instance.multiband_resource->caps.portable ? "portable" : "target";
+}
+
+}  // extern "C"

@@ -1,0 +1,402 @@
+// The portable path's inputs, output canvas, pack pass and colour programs on the machine's real
+// driver (Mesa llvmpipe through EGL surfaceless), with tiny images and hand-computed results.
+#include <gtest/gtest.h>
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "avs_shader_texts.h"
+#include "portable_yuv.h"
+
+using namespace zqgfx_gpu_avs;
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+// Surfaceless display, 8/8/8/8 pbuffer config, ES 3 context; an empty string when current.
+std::string makeContext()
+{
+    auto platformDisplay =
+        reinterpret_cast<PFNEGLGETPLATFORMDISPLAYEXTPROC>(eglGetProcAddress("eglGetPlatformDisplayEXT"));
+    if (!platformDisplay) return "no eglGetPlatformDisplayEXT";
+    EGLDisplay dpy = platformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
+    if (dpy == EGL_NO_DISPLAY || !eglInitialize(dpy, nullptr, nullptr)) return "no surfaceless display";
+    const EGLint configAttribs[] = {EGL_RED_SIZE, 8, EGL_GREEN_SIZE, 8, EGL_BLUE_SIZE, 8, EGL_ALPHA_SIZE, 8,
+                                    EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
+                                    EGL_NONE};
+    const EGLint surfaceAttribs[] = {EGL_WIDTH, 16, EGL_HEIGHT, 16, EGL_NONE};
+    const EGLint contextAttribs[] = {EGL_CONTEXT_CLIENT_VERSION, 3, EGL_NONE};
+    EGLConfig config = nullptr;
+    EGLint count = 0;
+    if (!eglChooseConfig(dpy, configAttribs, &config, 1, &count) || count == 0) return "no 8888 pbuffer config";
+    EGLSurface surface = eglCreatePbufferSurface(dpy, config, surfaceAttribs);
+    EGLContext ctx = eglCreateContext(dpy, config, EGL_NO_CONTEXT, contextAttribs);
+    // Kept until the process ends: eglTerminate would unload the driver, whose few lost
+    // allocations would then reach the leak checker without a module name to suppress them by.
+    if (!eglMakeCurrent(dpy, surface, surface, ctx)) return "no pbuffer surface or context";
+    return "";
+}
+
+GLuint buildProgram(const char* vertexText, const char* fragmentText)
+{
+    GLuint program = glCreateProgram();
+    const std::pair<GLenum, const char*> stages[] = {{GL_VERTEX_SHADER, vertexText}, {GL_FRAGMENT_SHADER, fragmentText}};
+    for (auto [type, text] : stages) {
+        GLuint shader = glCreateShader(type);
+        glShaderSource(shader, 1, &text, nullptr);
+        glCompileShader(shader);
+        glAttachShader(program, shader);
+        glDeleteShader(shader);
+    }
+    glLinkProgram(program);
+    GLint linked = 0;
+    glGetProgramiv(program, GL_LINK_STATUS, &linked);
+    if (linked) return program;
+    ADD_FAILURE() << "program does not build:\n" << fragmentText;
+    glDeleteProgram(program);
+    return 0;
+}
+
+// The whole viewport through a remap-style program (vPosition / texCoords, no flip).
+void drawViewport(GLuint program, int width, int height)
+{
+    static const GLfloat positions[] = {-1, -1, 1, -1, -1, 1, 1, 1};
+    static const GLfloat coords[] = {0, 0, 1, 0, 0, 1, 1, 1};
+    glViewport(0, 0, width, height);
+    glUseProgram(program);
+    GLint position = glGetAttribLocation(program, "vPosition"), coord = glGetAttribLocation(program, "texCoords");
+    glVertexAttribPointer(position, 2, GL_FLOAT, GL_FALSE, 0, positions);
+    glVertexAttribPointer(coord, 2, GL_FLOAT, GL_FALSE, 0, coords);
+    glEnableVertexAttribArray(position);
+    glEnableVertexAttribArray(coord);
+    glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+    glDisableVertexAttribArray(position);
+    glDisableVertexAttribArray(coord);
+}
+
+void bindSampler(GLuint program, const char* name, int unit, GLuint texture)
+{
+    glUseProgram(program);
+    glUniform1i(glGetUniformLocation(program, name), unit);
+    glActiveTexture(GL_TEXTURE0 + unit);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glActiveTexture(GL_TEXTURE0);
+}
+
+GLuint rgbaTexture(int width, int height, const Bytes& rgba)
+{
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA8, width, height, 0, GL_RGBA, GL_UNSIGNED_BYTE, rgba.data());
+    setLinearClampParameters(GL_TEXTURE_2D);
+    return texture;
+}
+
+Bytes readRgba(GLuint fbo, int width, int height)
+{
+    Bytes pixels(static_cast<size_t>(width) * height * 4);
+    glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+    glReadPixels(0, 0, width, height, GL_RGBA, GL_UNSIGNED_BYTE, pixels.data());
+    return pixels;
+}
+
+int memfdWith(const Bytes& content)
+{
+    int fd = memfd_create("portable_yuv_test", 0);
+    EXPECT_EQ(pwrite(fd, content.data(), content.size(), 0), static_cast<ssize_t>(content.size()));
+    return fd;
+}
+
+Bytes memfdContent(int fd, size_t bytes)
+{
+    Bytes content(bytes);
+    EXPECT_EQ(pread(fd, content.data(), bytes, 0), static_cast<ssize_t>(bytes));
+    return content;
+}
+
+// Compares byte images `width` bytes wide; on a mismatch writes both as PGM and says where.
+void expectImagesNear(const Bytes& actual, const Bytes& expected, int width, int tolerance, const std::string& name)
+{
+    ASSERT_EQ(actual.size(), expected.size()) << name;
+    for (size_t i = 0; i < actual.size(); ++i) {
+        if (std::abs(actual[i] - expected[i]) <= tolerance) continue;
+        std::string base = ::testing::TempDir() + "portable_yuv_" + name;
+        const std::pair<const char*, const Bytes*> images[] = {{"_actual.pgm", &actual}, {"_expected.pgm", &expected}};
+        for (auto [suffix, image] : images) {
+            if (FILE* f = fopen((base + suffix).c_str(), "wb")) {
+                fprintf(f, "P5\n%d %zu\n255\n", width, image->size() / width);
+                fwrite(image->data(), 1, image->size(), f);
+                fclose(f);
+            }
+        }
+        ADD_FAILURE() << name << ": first mismatch at byte (" << i % width << ", " << i / width << "): "
+                      << int(actual[i]) << " vs " << int(expected[i]) << "; images in " << base << "_*.pgm";
+        return;
+    }
+}
+
+uint8_t toByte(double v)
+{
+    return static_cast<uint8_t>(std::lround(std::clamp(v, 0.0, 255.0)));
+}
+
+class PortableYuv : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { contextFailure = makeContext(); }
+    void SetUp() override
+    {
+        if (!contextFailure.empty() && getenv("ZQAVS_NO_EGL")) GTEST_SKIP() << "ZQAVS_NO_EGL: no EGL here";
+        ASSERT_EQ(contextFailure, "");
+        ASSERT_EQ(io.init(buildProgram), 0);
+    }
+    void TearDown() override { io.release(); }
+
+    static std::string contextFailure;
+    PortableRemapIo io;
+};
+std::string PortableYuv::contextFailure;
+
+}  // namespace
+
+TEST_F(PortableYuv, InputDrawnThroughYuvProgramKeepsSamplesAndFollowsRefresh)
+{
+    // 20 x 6 at stride 32; row padding holds 0xAB so that a stride mistake shows.
+    const int w = 20, h = 6, stride = 32;
+    Bytes nv12(nv12ImageBytes(stride, h), 0xAB);
+    auto fillLuma = [&](int bias) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) nv12[y * stride + x] = static_cast<uint8_t>(bias + 11 * x + 3 * y);
+    };
+    fillLuma(10);
+    // Chroma linear in the chroma column and row, steps multiples of 4: the bilinear quarter
+    // weights give whole codes.
+    for (int cy = 0; cy < 3; ++cy) {
+        for (int cx = 0; cx < 10; ++cx) {
+            nv12[stride * (h + cy) + 2 * cx] = static_cast<uint8_t>(40 + 8 * cx + 4 * cy);
+            nv12[stride * (h + cy) + 2 * cx + 1] = static_cast<uint8_t>(200 - 12 * cx + 8 * cy);
+        }
+    }
+    int inFd = memfdWith(nv12), outFd = memfdWith(Bytes(nv12.size()));
+    GLuint luma = io.importInput(3, inFd, w, h);
+    ASSERT_NE(luma, 0u);
+    GLuint canvasTexture = 0;
+    GLuint canvas = io.importOutput(4, outFd, w, h, stride, &canvasTexture);
+    ASSERT_NE(canvas, 0u);
+    GLuint program = buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderYUV);
+    auto drawCamera = [&] {
+        glBindFramebuffer(GL_FRAMEBUFFER, canvas);
+        EXPECT_TRUE(io.bindInputTextures(luma));
+        glUseProgram(program);
+        glUniform1i(glGetUniformLocation(program, "outTexture"), 0);
+        drawViewport(program, w, h);
+        return readRgba(canvas, w, h);
+    };
+    auto expected = [&] {
+        Bytes yuv(w * h * 4);
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                // Chroma texel coordinate of a pixel centre, clamped at the edges.
+                double cx = std::clamp(x / 2.0 - 0.25, 0.0, 9.0), cy = std::clamp(y / 2.0 - 0.25, 0.0, 2.0);
+                uint8_t* p = &yuv[(y * w + x) * 4];
+                p[0] = nv12[y * stride + x];
+                p[1] = toByte(40 + 8 * cx + 4 * cy);
+                p[2] = toByte(200 - 12 * cx + 8 * cy);
+                p[3] = 255;
+            }
+        }
+        return yuv;
+    };
+    expectImagesNear(drawCamera(), expected(), w * 4, 0, "yuv_draw");
+
+    // A new frame in the same descriptor reaches the GPU through refreshInput.
+    fillLuma(70);
+    ASSERT_EQ(pwrite(inFd, nv12.data(), nv12.size(), 0), static_cast<ssize_t>(nv12.size()));
+    EXPECT_EQ(io.refreshInput(3), 0);
+    expectImagesNear(drawCamera(), expected(), w * 4, 0, "yuv_refresh");
+
+    io.releaseSlot(3);
+    EXPECT_FALSE(glIsTexture(luma));
+    EXPECT_FALSE(io.bindInputTextures(luma));
+    EXPECT_EQ(io.refreshInput(3), -1);
+    glDeleteProgram(program);
+    close(inFd);
+    close(outFd);
+}
+
+TEST_F(PortableYuv, PackWritesOnlyCoveredColumnsWithAveragedChroma)
+{
+    const uint8_t sentinel = 0xEE;
+    const int stride = 32;
+    const std::pair<int, int> sizes[] = {{20, 6}, {19, 5}};
+    for (auto [w, h] : sizes) {
+        SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
+        const size_t bytes = nv12ImageBytes(stride, h);
+        int outFd = memfdWith(Bytes(bytes, sentinel));
+        GLuint canvasTexture = 0;
+        GLuint canvas = io.importOutput(0, outFd, w, h, stride, &canvasTexture);
+        ASSERT_NE(canvas, 0u);
+        // Chroma codes are multiples of 4, so every 2 x 2 average is a whole code.
+        Bytes yuv(w * h * 4);
+        for (int i = 0; i < w * h; ++i) {
+            int x = i % w, y = i / w;
+            yuv[i * 4] = static_cast<uint8_t>(3 + 13 * x + 7 * y);
+            yuv[i * 4 + 1] = static_cast<uint8_t>(4 * ((x * x + 3 * y) % 60));
+            yuv[i * 4 + 2] = static_cast<uint8_t>(4 * ((5 * x + y * y) % 63));
+        }
+        glBindTexture(GL_TEXTURE_2D, canvasTexture);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, w, h, GL_RGBA, GL_UNSIGNED_BYTE, yuv.data());
+
+        // Overlapping, touching, partly outside and wholly outside spans: columns 3..7 and 16..
+        ColumnSpanList spans;
+        const std::pair<int, int> ranges[] = {{3, 4}, {16, 10}, {5, 3}, {-5, 3}, {w + 2, 4}};
+        for (auto [x, width] : ranges) spans.add(x, width);
+        ASSERT_EQ(io.packOutput(canvas, spans), 0);
+
+        auto covered = [&](int x) { return x < w && ((x >= 3 && x < 8) || x >= 16); };
+        Bytes expected(bytes, sentinel);
+        for (int i = 0; i < w * h; ++i)
+            if (covered(i % w)) expected[(i / w) * stride + i % w] = yuv[i * 4];
+        // A chroma pair is written when either of its two pixel columns is covered.
+        for (int cy = 0; cy < (h + 1) / 2; ++cy) {
+            for (int cx = 0; cx < (w + 1) / 2; ++cx) {
+                if (!covered(2 * cx) && !covered(2 * cx + 1)) continue;
+                for (int c = 1; c <= 2; ++c) {
+                    int sum = 0;
+                    for (int d = 0; d < 4; ++d)
+                        sum += yuv[(std::min(2 * cy + d / 2, h - 1) * w + std::min(2 * cx + d % 2, w - 1)) * 4 + c];
+                    expected[stride * (h + cy) + 2 * cx + c - 1] = static_cast<uint8_t>(sum / 4);
+                }
+            }
+        }
+        expectImagesNear(memfdContent(outFd, bytes), expected, stride, 0, "pack_" + std::to_string(w));
+
+        // Nothing covered: the buffer is left alone.
+        ASSERT_EQ(pwrite(outFd, Bytes(bytes, sentinel).data(), bytes, 0), static_cast<ssize_t>(bytes));
+        EXPECT_EQ(io.packOutput(canvas, ColumnSpanList()), 0);
+        EXPECT_EQ(memfdContent(outFd, bytes), Bytes(bytes, sentinel));
+        io.releaseSlot(0);
+        close(outFd);
+    }
+}
+
+TEST_F(PortableYuv, ColourProgramsConvertAndRoundTripPureColours)
+{
+    // Eight pure colours in 4 x 4 blocks; after the 2 x 2 chroma average and the bilinear chroma
+    // fetch, a block's inner pixels see only their own block.
+    const uint8_t colours[8][3] = {{0, 0, 0},   {255, 255, 255}, {255, 0, 0},   {0, 255, 0},
+                                   {0, 0, 255}, {255, 255, 0},   {0, 255, 255}, {255, 0, 255}};
+    const int w = 32, h = 4;
+    Bytes rgba(w * h * 4), expectYuv(w * h * 4);
+    for (int i = 0; i < w * h; ++i) {
+        const uint8_t* c = colours[(i % w) / 4];
+        std::copy(c, c + 3, &rgba[i * 4]);
+        expectYuv[i * 4] = toByte(0.299 * c[0] + 0.587 * c[1] + 0.114 * c[2]);
+        expectYuv[i * 4 + 1] = toByte(-0.168736 * c[0] - 0.331264 * c[1] + 0.5 * c[2] + 128);
+        expectYuv[i * 4 + 2] = toByte(0.5 * c[0] - 0.418688 * c[1] - 0.081312 * c[2] + 128);
+        rgba[i * 4 + 3] = expectYuv[i * 4 + 3] = 255;
+    }
+    GLuint source = rgbaTexture(w, h, rgba);
+    int nv12Fd = memfdWith(Bytes(nv12ImageBytes(w, h))), blendFd = memfdWith(Bytes(nv12ImageBytes(w, h)));
+    GLuint canvasTexture = 0;
+    GLuint canvas = io.importOutput(0, nv12Fd, w, h, w, &canvasTexture);
+    GLuint blendCanvas = io.importOutput(1, blendFd, w, h, w, &canvasTexture);
+    ASSERT_TRUE(canvas && blendCanvas);
+
+    GLuint toYuv = buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderRGBtoYUV);
+    glBindFramebuffer(GL_FRAMEBUFFER, canvas);
+    bindSampler(toYuv, "outTexture", 0, source);
+    drawViewport(toYuv, w, h);
+    expectImagesNear(readRgba(canvas, w, h), expectYuv, w * 4, 1, "rgb_to_yuv");
+
+    // The blend's last level with alpha 1, A's coarser level equal to the coarser result and
+    // B's detail non-zero: side A comes out, converted.
+    GLuint grey = rgbaTexture(1, 1, {90, 140, 30, 255}), other = rgbaTexture(1, 1, {10, 250, 120, 255});
+    GLuint alphaOne = rgbaTexture(1, 1, {255, 0, 0, 255});
+    GLuint blend = buildProgram(gRemapVertexShader, gPortableFragmentShader_blendYUV);
+    glBindFramebuffer(GL_FRAMEBUFFER, blendCanvas);
+    const std::pair<const char*, GLuint> blendInputs[] = {{"texGaussA_n0", source}, {"texGaussB_n0", other},
+                                                          {"texGaussA_n1", grey},   {"texGaussB_n1", grey},
+                                                          {"texResult_n1", grey},   {"texAlpha", alphaOne}};
+    for (int unit = 0; unit < 6; ++unit) bindSampler(blend, blendInputs[unit].first, unit, blendInputs[unit].second);
+    drawViewport(blend, w, h);
+    expectImagesNear(readRgba(blendCanvas, w, h), expectYuv, w * 4, 1, "blend_yuv");
+
+    // Back: pack to NV12, import that as a camera, YUV-to-RGB into a plain RGBA target.
+    ColumnSpanList all;
+    all.add(0, w);
+    ASSERT_EQ(io.packOutput(canvas, all), 0);
+    GLuint luma = io.importInput(2, nv12Fd, w, h);
+    GLuint target = rgbaTexture(w, h, Bytes(w * h * 4)), targetFbo = 0;
+    glGenFramebuffers(1, &targetFbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, targetFbo);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target, 0);
+    GLuint toRgb = buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderRGB);
+    ASSERT_TRUE(io.bindInputTextures(luma));
+    glUseProgram(toRgb);
+    glUniform1i(glGetUniformLocation(toRgb, "outTexture"), 0);
+    drawViewport(toRgb, w, h);
+    Bytes back = readRgba(targetFbo, w, h);
+    for (int i = 0; i < w * h; ++i) {
+        bool inner = (i % w) % 4 == 1 || (i % w) % 4 == 2;
+        if (inner && i / w != 0 && i / w != h - 1) continue;
+        std::fill_n(&back[i * 4], 4, 0);  // block edges: compared as equal
+        std::fill_n(&rgba[i * 4], 4, 0);
+    }
+    expectImagesNear(back, rgba, w * 4, 1, "yuv_to_rgb_round_trip");
+
+    GLuint textures[] = {source, grey, other, alphaOne, target};
+    glDeleteTextures(5, textures);
+    glDeleteFramebuffers(1, &targetFbo);
+    for (GLuint program : {toYuv, blend, toRgb}) glDeleteProgram(program);
+    close(nv12Fd);
+    close(blendFd);
+}
+
+TEST_F(PortableYuv, RefusesDescriptorsItCannotMapWhole)
+{
+    const int w = 20, h = 6;
+    const size_t needed = nv12ImageBytes(32, h);
+    int shortFd = memfdWith(Bytes(needed - 1)), wholeFd = memfdWith(Bytes(needed));
+    int pipeFds[2];
+    ASSERT_EQ(pipe(pipeFds), 0);
+    GLuint canvasTexture = 0;
+    auto expectRefusalNaming = [](int fd, const std::function<GLuint()>& attempt) {
+        ::testing::internal::CaptureStdout();
+        EXPECT_EQ(attempt(), 0u);
+        std::string out = ::testing::internal::GetCapturedStdout();
+        EXPECT_NE(out.find("descriptor " + std::to_string(fd) + " "), std::string::npos) << out;
+        return out;
+    };
+    std::string shortLine = expectRefusalNaming(shortFd, [&] { return io.importInput(0, shortFd, w, h); });
+    EXPECT_NE(shortLine.find(std::to_string(needed)), std::string::npos) << shortLine;
+    expectRefusalNaming(shortFd, [&] { return io.importOutput(1, shortFd, w, h, 32, &canvasTexture); });
+    expectRefusalNaming(pipeFds[0], [&] { return io.importInput(2, pipeFds[0], w, h); });
+    expectRefusalNaming(pipeFds[1], [&] { return io.importOutput(3, pipeFds[1], w, h, 32, &canvasTexture); });
+    // Output rows shorter than the image.
+    expectRefusalNaming(wholeFd, [&] { return io.importOutput(4, wholeFd, w, h, 16, &canvasTexture); });
+    EXPECT_EQ(io.refreshInput(0), -1);
+    EXPECT_EQ(io.refreshInput(2), -1);
+    for (int fd : {shortFd, wholeFd, pipeFds[0], pipeFds[1]}) close(fd);
+}
+
+TEST_F(PortableYuv, PortableTextsBuildWithTheEnginesVertexTexts)
+{
+    RemapShaderTexts remap = remapShaderTexts(true);
+    for (const char* fragment : {remap.yuvToYuv, remap.yuvToRgb, remap.rgbToYuv}) {
+        GLuint program = buildProgram(remap.vertex, fragment);
+        EXPECT_NE(program, 0u);
+        glDeleteProgram(program);
+    }
+    GLuint blend = buildProgram(gVertexShader, blendYuvFragmentText(true));
+    EXPECT_NE(blend, 0u);
+    glDeleteProgram(blend);
+}

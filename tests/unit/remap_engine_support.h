@@ -1,0 +1,75 @@
+// Remap engine tests against the fake driver: an engine built as its owner builds it
+// (zero-filled memory, placement new), and matching of the library's error lines.
+#ifndef ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
+#define ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <memory>
+#include <new>
+#include <string>
+
+#include "fakegl/fakegl.h"
+#include "gl_nv12_remap.h"
+#include "gles_multiband_blend.h"
+
+namespace remap_test {
+
+// Frees the import table as well unless ZQ_EGL_Deinit ran: the destructor leaves it to de-init.
+struct EngineDeleter {
+    bool deinitialised = false;
+    void operator()(zqgfx_gpu_avs::ZQGL_Remap* engine) const
+    {
+        if (!deinitialised) free(engine->cache_input_fd);
+        engine->~ZQGL_Remap();
+        free(engine);
+    }
+};
+using EnginePtr = std::unique_ptr<zqgfx_gpu_avs::ZQGL_Remap, EngineDeleter>;
+
+inline EnginePtr makeEngine()
+{
+    return EnginePtr(new (calloc(1, sizeof(zqgfx_gpu_avs::ZQGL_Remap))) zqgfx_gpu_avs::ZQGL_Remap);
+}
+
+// True when `out` holds "libzqgfx_avs: <function>,line=<n>: <text>" and the line's newline.
+inline bool hasErrorLine(const std::string& out, const std::string& function, const std::string& text)
+{
+    const std::string prefix = "libzqgfx_avs: " + function + ",line=";
+    for (size_t at = out.find(prefix); at != std::string::npos; at = out.find(prefix, at + 1)) {
+        size_t p = at + prefix.size();
+        while (p < out.size() && isdigit(static_cast<unsigned char>(out[p]))) ++p;
+        if (out.compare(p, text.size() + 3, ": " + text + "\n") == 0) return true;
+    }
+    return false;
+}
+
+template <class F>
+std::string stdoutOf(F&& body)
+{
+    testing::internal::CaptureStdout();
+    body();
+    return testing::internal::GetCapturedStdout();
+}
+
+// A fresh fake driver and an engine whose ZQ_EGL_Init succeeded on it.
+class InitialisedEngine : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        fakegl::reset();
+        testing::internal::CaptureStderr();  // keeps the set-up's EGL lines out of the test log
+        int result = engine->ZQ_EGL_Init(&resource);
+        testing::internal::GetCapturedStderr();
+        ASSERT_EQ(result, 0);
+    }
+
+    EnginePtr engine = makeEngine();
+    zqgfx_gpu_avs::multibandResource resource{};
+};
+
+}  // namespace remap_test
+
+#endif  // ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H

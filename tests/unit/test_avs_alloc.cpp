@@ -1,0 +1,124 @@
+// The DRM dumb-buffer allocator: its failure paths, the free pair on any mappable descriptor,
+// and a real allocation where the machine has the device.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include "avs_alloc.h"
+
+namespace {
+
+const size_t kSize = 4096;
+
+bool deviceExists() { return access("/dev/dri/card0", F_OK) == 0; }
+bool descriptorOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+bool mapped(void* address) { return msync(address, kSize, MS_ASYNC) == 0; }
+
+template <class F>
+std::string stdoutOf(F&& body)
+{
+    testing::internal::CaptureStdout();
+    body();
+    return testing::internal::GetCapturedStdout();
+}
+
+std::string line(const char* format, const void* pointer, long value)
+{
+    char text[160];
+    snprintf(text, sizeof text, format, pointer, value, kSize);
+    return text;
+}
+
+// A shared mapping of a memfd, standing in for an exported dumb buffer.
+struct MemfdMapping {
+    MemfdMapping()
+    {
+        fd = memfd_create("avs_alloc_test", 0);
+        EXPECT_EQ(ftruncate(fd, kSize), 0);
+        address = mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    }
+    ~MemfdMapping()
+    {
+        if (address != MAP_FAILED && mapped(address)) munmap(address, kSize);
+        if (fd >= 0 && descriptorOpen(fd)) close(fd);
+    }
+    int fd = -1;
+    void* address = MAP_FAILED;
+};
+
+TEST(AvsAlloc, FailedAllocationsStillReturnZero)
+{
+    if (deviceExists()) GTEST_SKIP() << "/dev/dri/card0 exists here: the open cannot be made to fail";
+    int fd = -7;
+    void* address = &fd;
+    EXPECT_EQ(stdoutOf([&] { EXPECT_EQ(alloc_drm_buf(&fd, 64, 64, 32), nullptr); }), "failed to open /dev/dri/card0\n");
+    // The failure test is made on the argument, so a failed allocation returns 0 and a null address.
+    stdoutOf([&] { EXPECT_EQ(avs_alloc_buf(&fd, &address, 64, 64, 32), 0); });
+    EXPECT_EQ(address, nullptr);
+    EXPECT_EQ(fd, -7);
+}
+
+TEST(AvsAlloc, NullArgumentsAreRefused)
+{
+    int fd = -1;
+    EXPECT_EQ(stdoutOf([&] { EXPECT_EQ(avs_alloc_buf(&fd, nullptr, 8, 4, 24), -1); }), "alloc_drm_buf w=8 h=4 bpp=24 failed!\n");
+    stdoutOf([&] { EXPECT_EQ(alloc_drm_buf(nullptr, 8, 4, 24), nullptr); });
+
+    MemfdMapping buffer;
+    int negative = -1;
+    const std::string out = stdoutOf([&] {
+        EXPECT_EQ(avs_free_buf(&negative, buffer.address, kSize), -1);
+        EXPECT_EQ(avs_free_buf(&buffer.fd, nullptr, kSize), -1);
+        EXPECT_EQ(avs_free_buf(nullptr, buffer.address, kSize), -1);
+    });
+    const char* invalid = "Invalid params: virAddr=%p fd=%ld size=%zu!\n";
+    EXPECT_EQ(out, line(invalid, buffer.address, -1) + line(invalid, nullptr, buffer.fd) + line(invalid, buffer.address, -1));
+    EXPECT_TRUE(mapped(buffer.address));
+    EXPECT_TRUE(descriptorOpen(buffer.fd));
+}
+
+TEST(AvsAlloc, FreeUnmapsClosesAndResetsTheDescriptor)
+{
+    MemfdMapping buffer;
+    const int original = buffer.fd;
+    EXPECT_EQ(avs_free_buf(&buffer.fd, buffer.address, kSize), 0);
+    EXPECT_EQ(buffer.fd, -1);
+    EXPECT_FALSE(descriptorOpen(original));
+    EXPECT_FALSE(mapped(buffer.address));
+    EXPECT_NE(stdoutOf([&] { EXPECT_EQ(avs_free_buf(&buffer.fd, buffer.address, kSize), -1); }).find("Invalid params"),
+              std::string::npos);  // freeing again is invalid
+}
+
+TEST(AvsAlloc, FailedUnmapLeavesTheDescriptorOpen)
+{
+    MemfdMapping buffer;
+    int fd = buffer.fd;
+    void* misaligned = static_cast<char*>(buffer.address) + 1;
+    const std::string out = stdoutOf([&] {
+        EXPECT_EQ(munmap_drm_buf(misaligned, &fd, kSize), 1);
+        EXPECT_EQ(avs_free_buf(&fd, misaligned, kSize), 0);  // the unmap result is not passed on
+    });
+    // The descriptor field shows the address of the caller's variable.
+    const std::string failed = line("munmap viraddr=%p memfd=%ld size=%zu failed!\n", misaligned,
+                                    static_cast<int>(reinterpret_cast<intptr_t>(&fd)));
+    EXPECT_EQ(out, failed + failed);
+    EXPECT_EQ(fd, buffer.fd);
+    EXPECT_TRUE(descriptorOpen(fd));
+}
+
+TEST(AvsAlloc, AllocatesAWritableSharedBufferOnTheDevice)
+{
+    if (!deviceExists()) GTEST_SKIP() << "no /dev/dri/card0 on this machine";
+    int fd = -1;
+    void* address = nullptr;
+    ASSERT_EQ(avs_alloc_buf(&fd, &address, 64, 16, 32), 0);
+    ASSERT_NE(address, nullptr);
+    EXPECT_GE(fd, 0);
+    static_cast<unsigned char*>(address)[kSize - 1] = 0xA5;
+    EXPECT_EQ(avs_free_buf(&fd, address, kSize), 0);
+    EXPECT_EQ(fd, -1);
+}
+
+}  // namespace

@@ -1,0 +1,242 @@
+// Loading the layout and meshes from files (file mode) and from the caller's records (buffer
+// mode): size checks, file names and the refusals that keep the loader inside what it read.
+#include <functional>
+
+#include "calibration_dir.h"
+#include "zqgfx_gpu_avs_internal.h"
+
+using entry_test::contains;
+using entry_test::ringLayout;
+
+namespace {
+
+class MeshLoading : public ::testing::Test {
+protected:
+    void TearDown() override { freeMeshes(); }
+    void freeMeshes()
+    {
+        for (auto* table : {&owned.input_meshx, &owned.input_meshy})
+            for (auto& camera : *table)
+                for (float* mesh : camera) free(mesh);
+        owned = inputMeshCoords();
+    }
+    // Writes `file` as the calibration, then loads it with `numView` cameras.
+    int load(const PSR_INITPARAMS_T& file, uint32_t numView)
+    {
+        dir.writeCalibration(file);
+        context = entry_test::contextFor(file, dir.path());
+        context.numView = numView;
+        return load();
+    }
+    int load()
+    {
+        freeMeshes();
+        layout = PSR_INITPARAMS_T();
+        int result = 0;
+        printed = entry_test::stdoutOf([&] { result = read_files_and_init_params(&context, &layout, &owned, &used); });
+        return result;
+    }
+    bool holdsWrittenMeshes(int camera, int position) const
+    {
+        const int n = entry_test::meshNodes(layout, camera, position);
+        const float* x = owned.input_meshx[camera][position];
+        const float* y = owned.input_meshy[camera][position];
+        return x && y && std::vector<float>(x, x + n) == entry_test::meshValues('x', camera, position, n) &&
+               std::vector<float>(y, y + n) == entry_test::meshValues('y', camera, position, n);
+    }
+
+    entry_test::TempCalibrationDir dir;
+    ZQGFX_AVS_CONTEXT_T context{};
+    PSR_INITPARAMS_T layout;
+    inputMeshCoords owned, used;
+    std::string printed;
+};
+
+TEST_F(MeshLoading, FileNamesRunCameraAndBlockTogether)
+{
+    EXPECT_EQ(meshFileName("/c/", "zq_ps_gpu_meshx", 2, 3), "/c/zq_ps_gpu_meshx23.bin");
+    EXPECT_EQ(meshFileName("/c/", "zq_ps_gpu_meshy", 1, 12), meshFileName("/c/", "zq_ps_gpu_meshy", 11, 2));
+    EXPECT_EQ(meshFileName("/c", "zq_ps_gpu_meshx", 0, 0), "/czq_ps_gpu_meshx00.bin");
+}
+
+TEST_F(MeshLoading, FileModeCompletesTheLayoutAndFillsBothTables)
+{
+    PSR_INITPARAMS_T file = ringLayout(3, 2, 1);
+    file.bld_width = 950;
+    ASSERT_EQ(load(file, 2), 0) << printed;  // numView wins over the file's three cameras
+    EXPECT_EQ(layout.output_image_stride, 960u);
+    EXPECT_EQ((std::vector<int>{layout.camera_num, layout.image_formate, layout.image_stride, int(layout.use_gain),
+                                layout.gain_step_x, layout.gain_step_y}),
+              (std::vector<int>{2, PSR_TYPE_YUV420SP, 320, 0, 32, 64}));
+    ASSERT_EQ(owned.input_meshx.size(), 2u);
+    for (int c = 0; c < 2; ++c) {
+        ASSERT_EQ(owned.input_meshy[c].size(), 3u);
+        for (int p = 0; p < 3; ++p) EXPECT_TRUE(holdsWrittenMeshes(c, p)) << c << "/" << p;
+    }
+    EXPECT_EQ(used.input_meshx, owned.input_meshx);
+    EXPECT_EQ(used.input_meshy, owned.input_meshy);
+    EXPECT_FALSE(contains(printed, "meshx2"));
+}
+
+TEST_F(MeshLoading, BufferSizesAreCheckedAgainstTheLayout)
+{
+    PSR_INITPARAMS_T file = ringLayout(1, 1, 0);
+    file.src_width = 1000, file.bld_width = 630;
+    const std::string in = "inputBufferWidth is not aligned with 16, recommend size: 1008x240\n\n";
+    const std::string out = "outputBufferWidth is not aligned with 16, recommend size: 640x240\n\n";
+    struct Case {
+        uint32_t inW, inH, outW, outH;
+        std::string message;
+    } cases[] = {{1008, 240, 640, 240, ""}, {1024, 240, 656, 240, ""}, {1000, 240, 640, 240, in},
+                 {992, 240, 640, 240, in},  {1008, 256, 640, 240, in},  {1008, 240, 630, 240, out},
+                 {1008, 240, 624, 240, out}, {1008, 240, 640, 241, out}};
+    dir.writeCalibration(file);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.inW) + "x" + std::to_string(c.inH) + " " + std::to_string(c.outW) + "x" +
+                     std::to_string(c.outH));
+        context = entry_test::contextFor(file, dir.path());
+        context.inputBufferWidth = c.inW, context.inputBufferHeight = c.inH;
+        context.outputBufferWidth = c.outW, context.outputBufferHeight = c.outH;
+        EXPECT_EQ(load(), c.message.empty() ? 0 : -1);
+        EXPECT_TRUE(contains(printed, "libzqgfx_avs: read_files_and_init_params,line=")  == !c.message.empty());
+        EXPECT_TRUE(contains(printed, c.message)) << printed;
+    }
+}
+
+TEST_F(MeshLoading, EveryFileIsTriedBeforeFailing)
+{
+    const PSR_INITPARAMS_T file = ringLayout(2, 2, 1);
+    dir.writeCalibration(file);
+    dir.remove("zq_ps_gpu_meshy11.bin");
+    dir.writeMesh('x', 0, 2, entry_test::meshNodes(file, 0, 2) - 1);  // short: refused, not half-read
+    context = entry_test::contextFor(file, dir.path());
+    EXPECT_EQ(load(), -1);
+    EXPECT_TRUE(contains(printed, "open failed: " + dir.path() + "zq_ps_gpu_meshy11.bin\n")) << printed;
+    EXPECT_TRUE(contains(printed, "zq_ps_gpu_meshx02.bin holds 188 bytes, 192 expected, FAILED!")) << printed;
+    for (auto block : {std::pair{0, 0}, {0, 1}, {1, 0}, {1, 2}})
+        EXPECT_TRUE(holdsWrittenMeshes(block.first, block.second)) << block.first << "/" << block.second;
+    EXPECT_EQ(owned.input_meshx[1][1][5], entry_test::meshValues('x', 1, 1, 6)[5]);
+    EXPECT_EQ(owned.input_meshy[0][2][47], entry_test::meshValues('y', 0, 2, 48)[47]);
+}
+
+TEST_F(MeshLoading, LayoutsThatWouldIndexUnreadBlocksAreRefused)
+{
+    const std::string at = "zq_ps_gpu_mesh_params.txt: camera ";
+    struct Case {
+        uint32_t numView;
+        std::function<void(PSR_INITPARAMS_T&)> change;
+        std::string message;
+    } cases[] = {
+        {3, [](PSR_INITPARAMS_T&) {}, "zq_ps_gpu_mesh_params.txt describes 2 cameras but camera_num is 3, FAILED!"},
+        {0x80000000u, [](PSR_INITPARAMS_T&) {}, "camera_num=-2147483648 is negative, FAILED!"},
+        {2, [](PSR_INITPARAMS_T& l) { l.image_block_num[1] = 2; },
+         at + "1 declares 2 blocks but has nonoverlap_num=2 + overlap_num=1, FAILED!"},
+        {2, [](PSR_INITPARAMS_T& l) { l.overlap_block[0] = {}, l.overlap_block[0].overlap_num = -1; },
+         at + "0 has nonoverlap_num=2 overlap_num=-1, FAILED!"},
+        {2, [](PSR_INITPARAMS_T& l) { l = ringLayout(2, 9, 2); }, at + "0 has 11 blocks, at most 10 are supported, FAILED!"},
+        {2, [](PSR_INITPARAMS_T& l) { l.overlap_block[1].mesh_height[0] = -3; },
+         at + "1 block 2 has a negative size, FAILED!"},
+    };
+    for (const Case& c : cases) {
+        PSR_INITPARAMS_T file = ringLayout(2, 2, 1);
+        c.change(file);
+        EXPECT_EQ(load(file, c.numView), -1);
+        EXPECT_TRUE(contains(printed, c.message)) << printed;
+        EXPECT_TRUE(owned.input_meshx.empty());  // refused before any mesh is read
+    }
+    context.meshFilePath = nullptr;
+    EXPECT_EQ(load(), -1);
+    EXPECT_TRUE(contains(printed, "meshFilePath is NULL, FAILED!"));
+    printed = entry_test::stdoutOf([&] { EXPECT_EQ(read_files_and_init_params(nullptr, &layout, &owned, &used), -1); });
+    EXPECT_TRUE(contains(printed, "read_files_and_init_params,line=")) << printed;
+    EXPECT_TRUE(contains(printed, "input context is NULL, return FAILED!"));
+}
+
+// ---- buffer mode ------------------------------------------------------------------------
+
+class BufferModeLoading : public ::testing::Test {
+public:
+    void SetUp() override
+    {
+        caller = ringLayout(2, 1, 2);
+        caller.output_image_stride = 1234, caller.useSync = 7;
+        meshes.assign(12, std::vector<float>(4));
+        records.resize(6);
+        pointers.clear();
+        for (int m = 0; m < 6; ++m) {
+            records[m] = PSR_REMAP_MESH{m, 16, 16, 2, 2, meshes[2 * m].data(), -1, meshes[2 * m + 1].data(), -1};
+            pointers.push_back(&records[m]);
+        }
+        context = entry_test::contextFor(caller, "");
+        context.useMeshBufAddress = 1, context.AVS_initParams = &caller, context.avsRemapMeshArray = pointers.data();
+    }
+    int load()
+    {
+        layout = PSR_INITPARAMS_T();
+        int result = 0;
+        printed = entry_test::stdoutOf([&] { result = get_mesh_and_init_params(&context, &layout, &used); });
+        return result;
+    }
+
+    PSR_INITPARAMS_T caller, layout;
+    std::vector<std::vector<float>> meshes;
+    std::vector<PSR_REMAP_MESH> records;
+    std::vector<void*> pointers;
+    ZQGFX_AVS_CONTEXT_T context{};
+    inputMeshCoords used;
+    std::string printed;
+};
+
+TEST_F(BufferModeLoading, CopiesTheLayoutAndTakesThePointersInMeshOrder)
+{
+    setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
+    refreshCalibrationLogLevel();
+    const int result = load();
+    unsetenv("ZQ_GPU_AVS_DEBUG_LOG");
+    refreshCalibrationLogLevel();
+    ASSERT_EQ(result, 0) << printed;
+    EXPECT_EQ(layout.output_image_stride, 1234u);  // nothing derived
+    EXPECT_EQ(layout.useSync, 7u);
+    caller.overlap_block[1].dst_startx[0] = -99;  // a deep copy
+    EXPECT_EQ(layout.overlap_block[1].dst_startx[0], 320);
+    for (int m = 0; m < 6; ++m) {
+        EXPECT_EQ(used.input_meshx[m / 3][m % 3], meshes[2 * m].data());
+        EXPECT_EQ(used.input_meshy[m / 3][m % 3], meshes[2 * m + 1].data());
+    }
+    char line[64];
+    snprintf(line, sizeof line, "use_input_meshy[1][2]=%x\n\n", unsigned(reinterpret_cast<uintptr_t>(meshes[11].data())));
+    EXPECT_TRUE(contains(printed, line)) << printed;
+}
+
+TEST_F(BufferModeLoading, InconsistentCallerRecordsAreRefused)
+{
+    struct Case {
+        std::function<void(BufferModeLoading&)> change;
+        std::string message;
+    } cases[] = {
+        {[](BufferModeLoading& t) { t.context.AVS_initParams = nullptr; }, "input AVS_initParams is NULL, FAILED!"},
+        {[](BufferModeLoading& t) { t.context.inputBufferWidth = 328; },
+         "inputBufferWidth is illegal, recommend size: 320x240\n\n"},
+        {[](BufferModeLoading& t) { t.context.outputBufferHeight = 480; },
+         "outputBufferWidth is illegal, recommend size: 1234x240\n\n"},
+        {[](BufferModeLoading& t) { t.caller.overlap_block.pop_back(); },
+         "AVS_initParams describes 1 cameras but camera_num is 2, FAILED!"},
+        {[](BufferModeLoading& t) { t.caller.image_block_num[0] = 4; },
+         "AVS_initParams: camera 0 declares 4 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
+        {[](BufferModeLoading& t) { t.caller.overlap_block[1].alpha_height.pop_back(); },
+         "AVS_initParams: camera 1 lists fewer block values than its block counts, FAILED!"},
+        {[](BufferModeLoading& t) { t.context.avsRemapMeshArray = nullptr; }, "avsRemapMeshArray is NULL, FAILED!"},
+        {[](BufferModeLoading& t) { t.records[4].meshyBufAddr_ = nullptr; },
+         "avsRemapMeshArray[4] (camera 1 block 1) has no mesh buffers, FAILED!"},
+        {[](BufferModeLoading& t) { t.pointers[0] = nullptr; },
+         "avsRemapMeshArray[0] (camera 0 block 0) has no mesh buffers, FAILED!"},
+    };
+    for (const Case& c : cases) {
+        SetUp();
+        c.change(*this);
+        EXPECT_EQ(load(), -1);
+        EXPECT_TRUE(contains(printed, c.message)) << printed;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,60 @@
+// One stitching instance on the calling thread, with its camera and output buffers.
+#ifndef ZQAVS_STITCH_SESSION_H
+#define ZQAVS_STITCH_SESSION_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "frame_buffers.h"
+#include "zqavs_synth.h"
+#include "zqgfx_gpu_avs.h"
+#include "zqgfx_gpu_avs_internal.h"
+
+namespace zqavs {
+
+struct StitchSetup {
+    std::string calibDir;  // file mode: the calibration directory
+    // buffer mode when set: the calibration in memory (must outlive the session)
+    zqavs_synth::BufferModeCalibration* buffers = nullptr;
+    int cameras = 0;
+    int srcWidth = 0, srcHeight = 0;
+    int bldWidth = 0, bldHeight = 0;
+    bool useSync = false;
+    zqavs_synth::AlphaType alphaType = zqavs_synth::AlphaType::U8;
+};
+
+class StitchSession {
+public:
+    ~StitchSession();
+    bool init(const StitchSetup& setup, std::string* error);
+    FrameBuffer& input(int camera) { return inputs_[camera]; }
+    FrameBuffer& output() { return output_; }
+    // Copies an NV12 image (of the source size) into camera `camera`'s buffer.
+    void setInput(int camera, const zqavs_synth::Nv12Image& image);
+    // One frame; *ms is its wall-clock time including the fence wait.
+    bool frame(double* ms, std::string* error);
+    bool resize(int width, int height, std::string* error);
+    // One frame with the GPU drained between its stages, timing each.
+    bool profileFrame(AvsStageTimes* times, std::string* error);
+    zqavs_synth::Nv12View outputView() const;
+    ZQGFX_AVS_CONTEXT_T& context() { return context_; }
+    int outputWidth() const { return panoramaWidth_; }
+    int outputHeight() const { return context_.outputBufferHeight; }
+
+private:
+    StitchSetup setup_;
+    ZQGFX_AVS_CONTEXT_T context_{};
+    std::string pathWithSlash_;
+    std::vector<FrameBuffer> inputs_;
+    FrameBuffer output_;
+    std::vector<int> fds_;
+    int panoramaWidth_ = 0;
+    bool initialised_ = false;
+};
+
+double medianOf(std::vector<double> values);
+
+}  // namespace zqavs
+
+#endif  // ZQAVS_STITCH_SESSION_H

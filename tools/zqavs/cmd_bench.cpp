@@ -1,0 +1,155 @@
+// zqavs bench: frames per second and per-stage times for common rigs.
+#include <cstdio>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include "stitch_session.h"
+#include "tool_common.h"
+#include "zqgfx_gpu_avs_internal.h"
+
+namespace zqavs {
+namespace {
+
+struct BenchRow {
+    int cameras = 0;
+    int srcWidth = 0, srcHeight = 0, bldWidth = 0, bldHeight = 0;
+    double frameMs = 0.0;
+    AvsStageTimes stages{};
+    std::string error;
+};
+
+// A rig of `cameras` cameras at the given source size; the panorama keeps 3/4 of each camera's
+// width, rounded to the mesh step.
+zqavs_synth::RigConfig benchRig(int cameras, int width, int height)
+{
+    zqavs_synth::RigConfig rig;
+    rig.cameras = cameras;
+    rig.src_width = width;
+    rig.src_height = height;
+    rig.step_x = rig.step_y = 16;
+    rig.bld_width = (cameras * width * 3 / 4) / 16 * 16;
+    rig.bld_height = height / 16 * 16;
+    rig.overlap_width = 128;
+    return rig;
+}
+
+void runRow(BenchRow& row, int frames)
+{
+    zqavs_synth::RigConfig rig = benchRig(row.cameras, row.srcWidth, row.srcHeight);
+    row.bldWidth = rig.bld_width;
+    row.bldHeight = rig.bld_height;
+    zqavs_synth::Calibration calib;
+    zqavs_synth::BufferModeCalibration buffers;
+    if (!zqavs_synth::generateCalibration(rig, &calib, &row.error) || !buffers.build(calib, false, &row.error)) return;
+    StitchSetup setup;
+    setup.buffers = &buffers;
+    setup.cameras = rig.cameras;
+    setup.srcWidth = rig.src_width;
+    setup.srcHeight = rig.src_height;
+    setup.bldWidth = rig.bld_width;
+    setup.bldHeight = rig.bld_height;
+    setup.alphaType = rig.alpha_type;
+    StitchSession session;
+    if (!session.init(setup, &row.error)) return;
+    const zqavs_synth::RgbImage scene = zqavs_synth::makeScene(rig);
+    for (int c = 0; c < rig.cameras; ++c) session.setInput(c, zqavs_synth::renderCamera(calib, c, scene));
+    double ms = 0.0;
+    if (!session.frame(&ms, &row.error)) return;  // warm-up: shader compilation, first imports
+    std::vector<double> times, imports, remaps, pyramids, blends, packs;
+    for (int f = 0; f < frames; ++f) {
+        if (!session.frame(&ms, &row.error)) return;
+        times.push_back(ms);
+    }
+    for (int f = 0; f < frames; ++f) {
+        AvsStageTimes stages{};
+        if (!session.profileFrame(&stages, &row.error)) return;
+        imports.push_back(stages.import_ms);
+        remaps.push_back(stages.remap_ms);
+        pyramids.push_back(stages.pyramid_ms);
+        blends.push_back(stages.blend_ms);
+        packs.push_back(stages.pack_ms);
+        row.stages.gpu_timers = stages.gpu_timers;
+    }
+    row.frameMs = medianOf(times);
+    row.stages.import_ms = medianOf(imports);
+    row.stages.remap_ms = medianOf(remaps);
+    row.stages.pyramid_ms = medianOf(pyramids);
+    row.stages.blend_ms = medianOf(blends);
+    row.stages.pack_ms = medianOf(packs);
+}
+
+}  // namespace
+
+void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result)
+{
+    CLI::App* cmd = app.add_subcommand("bench", "Measure frames per second and per-stage times");
+    cmd->add_option("--frames", options.frames, "frames measured per rig (median)")
+        ->check(CLI::Range(1, 100000))
+        ->capture_default_str();
+    cmd->add_option("--cameras", options.cameras, "camera counts")->delimiter(',')->check(CLI::Range(2, 10));
+    cmd->add_option("--sizes", options.sizes, "camera image sizes WxH")->delimiter(',');
+    cmd->add_option("--json", options.json, "also write the table as JSON into this file");
+    cmd->footer("Stages are finish-bracketed (the GPU is drained between stages), so their sum exceeds a "
+                "pipelined frame.\nExample: zqavs bench --cameras 4 --sizes 1280x720 --frames 20");
+    cmd->callback([&options, &result] { result.code = runBench(options); });
+}
+
+int runBench(const BenchOptions& options)
+{
+    std::vector<BenchRow> rows;
+    for (const std::string& size : options.sizes) {
+        int width = 0, height = 0;
+        if (!parseSize(size, &width, &height)) {
+            fprintf(stderr, "zqavs bench: --sizes: expected WxH, got '%s'\n", size.c_str());
+            return kExitUsage;
+        }
+        for (int cameras : options.cameras) {
+            BenchRow row;
+            row.cameras = cameras;
+            row.srcWidth = width;
+            row.srcHeight = height;
+            rows.push_back(row);
+        }
+    }
+    Progress progress("benchmarking rig");
+    for (size_t i = 0; i < rows.size(); ++i) {
+        runRow(rows[i], options.frames);
+        progress.update(static_cast<int>(i + 1), static_cast<int>(rows.size()));
+    }
+    printf("path: %s, %d frames per rig, medians in ms\n", ZQGFX_AVS_get_path(), options.frames);
+    printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s\n", "cams", "source", "panorama", "frame", "fps", "import",
+           "remap", "pyramid", "blend", "pack");
+    nlohmann::json json = nlohmann::json::array();
+    bool failed = false;
+    for (const BenchRow& row : rows) {
+        const std::string source = std::to_string(row.srcWidth) + "x" + std::to_string(row.srcHeight);
+        const std::string pano = std::to_string(row.bldWidth) + "x" + std::to_string(row.bldHeight);
+        if (!row.error.empty()) {
+            printf("%-4d %-10s %-11s failed: %s\n", row.cameras, source.c_str(), pano.c_str(), row.error.c_str());
+            failed = true;
+            continue;
+        }
+        const double fps = row.frameMs > 0 ? 1000.0 / row.frameMs : 0.0;
+        printf("%-4d %-10s %-11s %8.2f %7.1f %8.2f %8.2f %8.2f %8.2f %8.2f\n", row.cameras, source.c_str(),
+               pano.c_str(), row.frameMs, fps, row.stages.import_ms, row.stages.remap_ms, row.stages.pyramid_ms,
+               row.stages.blend_ms, row.stages.pack_ms);
+        json.push_back({{"cameras", row.cameras}, {"source", source}, {"panorama", pano}, {"frame_ms", row.frameMs},
+                        {"fps", fps}, {"import_ms", row.stages.import_ms}, {"remap_ms", row.stages.remap_ms},
+                        {"pyramid_ms", row.stages.pyramid_ms}, {"blend_ms", row.stages.blend_ms},
+                        {"pack_ms", row.stages.pack_ms}, {"gpu_timers", row.stages.gpu_timers}});
+    }
+    printf("stage times: %s\n", rows.empty() || !rows[0].stages.gpu_timers ? "finish-bracketed wall clock"
+                                                                           : "GPU timer queries");
+    if (!options.json.empty()) {
+        std::ofstream out(options.json);
+        out << json.dump(2) << "\n";
+        if (!out.good()) {
+            fprintf(stderr, "zqavs bench: cannot write %s\n", options.json.c_str());
+            return kExitFailure;
+        }
+    }
+    return failed ? kExitFailure : kExitSuccess;
+}
+
+}  // namespace zqavs

@@ -1,0 +1,178 @@
+// zqavs stitch CALIB_DIR IMAGES... -o OUT: stitch camera images with a calibration directory.
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+
+#include "calib_loader.h"
+#include "stitch_session.h"
+#include "tool_common.h"
+
+namespace zqavs {
+namespace {
+
+bool endsWith(const std::string& text, const std::string& suffix)
+{
+    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+bool isRawNv12(const std::string& path)
+{
+    return endsWith(path, ".nv12") || endsWith(path, ".yuv");
+}
+
+// One camera image at the calibration's source size, as NV12 with the library's stride.
+bool loadCameraImage(const std::string& path, int width, int height, zqavs_synth::Nv12Image* out, std::string* error)
+{
+    if (!isRawNv12(path)) {
+        zqavs_synth::RgbImage rgb;
+        if (!readImage(path, rgb.rgb, &rgb.width, &rgb.height)) {
+            *error = path + ": cannot read as PNG or JPEG";
+            return false;
+        }
+        if (rgb.width != width || rgb.height != height) {
+            *error = path + ": " + std::to_string(rgb.width) + "x" + std::to_string(rgb.height) +
+                     ", the calibration wants " + std::to_string(width) + "x" + std::to_string(height);
+            return false;
+        }
+        *out = zqavs_synth::rgbToNv12(rgb);
+        return true;
+    }
+    std::ifstream in(path, std::ios::binary);
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    const int stride = zqavs_synth::nv12Stride(width);
+    const size_t tight = static_cast<size_t>(width) * height * 3 / 2;
+    if (!in.good() && bytes.empty()) {
+        *error = path + ": cannot read";
+        return false;
+    }
+    out->width = width;
+    out->height = height;
+    out->stride = stride;
+    if (bytes.size() == zqavs_synth::nv12Bytes(width, height)) {
+        out->data = std::move(bytes);
+        return true;
+    }
+    if (bytes.size() != tight) {
+        *error = path + ": " + std::to_string(bytes.size()) + " bytes, an NV12 image of " + std::to_string(width) + "x" +
+                 std::to_string(height) + " has " + std::to_string(zqavs_synth::nv12Bytes(width, height)) +
+                 " (stride " + std::to_string(stride) + ") or " + std::to_string(tight) + " (tightly packed)";
+        return false;
+    }
+    out->data.assign(zqavs_synth::nv12Bytes(width, height), 0);
+    const int rows = height + height / 2;  // luma rows, then chroma rows
+    for (int r = 0; r < rows; ++r)
+        memcpy(&out->data[static_cast<size_t>(r) * stride], &bytes[static_cast<size_t>(r) * width], width);
+    return true;
+}
+
+bool writeOutput(const std::string& path, const zqavs_synth::Nv12View& view, std::string* error)
+{
+    if (endsWith(path, ".png")) {
+        if (writeNv12AsPng(path, view)) return true;
+    } else {
+        std::ofstream out(path, std::ios::binary);
+        out.write(reinterpret_cast<const char*>(view.data),
+                  static_cast<std::streamsize>(zqavs_synth::nv12Bytes(view.width, view.height)));
+        if (out.good()) return true;
+    }
+    *error = "cannot write " + path;
+    return false;
+}
+
+}  // namespace
+
+void addStitchCommand(CLI::App& app, StitchOptions& options, ToolResult& result)
+{
+    CLI::App* cmd = app.add_subcommand("stitch", "Stitch camera images with a calibration directory");
+    cmd->add_option("CALIB_DIR", options.calibDir, "calibration directory")->required()->check(CLI::ExistingDirectory);
+    cmd->add_option("IMAGES", options.images, "one image per camera: PNG/JPEG, or raw NV12 (.nv12/.yuv)")
+        ->required()
+        ->check(CLI::ExistingFile);
+    cmd->add_option("-o,--output", options.outputs, "panorama file(s): .png and/or raw NV12 (.nv12/.yuv)")->required();
+    cmd->add_option("--frames", options.frames, "stitch this many frames (timing)")->check(CLI::Range(1, 100000));
+    cmd->add_flag("--sync", options.sync, "end frames with a flush and wait on a fence instead of a finish");
+    cmd->add_option("--resize", options.resize, "resize the panorama to WxH (narrower, same height) before stitching");
+    cmd->add_flag("--buffer-mode", options.bufferMode, "load the calibration into memory and use buffer mode");
+    cmd->add_option("--alpha", options.alpha, "alpha element type")->check(CLI::IsMember({"auto", "u8", "float"}));
+    cmd->footer("Example: zqavs stitch calib calib/camera0.png calib/camera1.png calib/camera2.png "
+                "calib/camera3.png -o pano.png");
+    cmd->callback([&options, &result] { result.code = runStitch(options); });
+}
+
+int runStitch(const StitchOptions& options)
+{
+    std::string error;
+    zqavs_synth::Calibration calib;
+    if (!loadCalibration(options.calibDir, options.alpha, &calib, &error)) {
+        fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
+        return kExitFailure;
+    }
+    const int cameras = calib.layout.camera_num;
+    if (static_cast<int>(options.images.size()) != cameras) {
+        fprintf(stderr, "zqavs stitch: IMAGES: %zu images given, the calibration has %d cameras\n",
+                options.images.size(), cameras);
+        return kExitUsage;
+    }
+    int resizeWidth = 0, resizeHeight = 0;
+    if (!options.resize.empty() && !parseSize(options.resize, &resizeWidth, &resizeHeight)) {
+        fprintf(stderr, "zqavs stitch: --resize: expected WxH, got '%s'\n", options.resize.c_str());
+        return kExitUsage;
+    }
+    zqavs_synth::BufferModeCalibration buffers;
+    StitchSetup setup;
+    setup.calibDir = options.calibDir;
+    setup.cameras = cameras;
+    setup.srcWidth = calib.rig.src_width;
+    setup.srcHeight = calib.rig.src_height;
+    setup.bldWidth = calib.rig.bld_width;
+    setup.bldHeight = calib.rig.bld_height;
+    setup.useSync = options.sync;
+    setup.alphaType = calib.rig.alpha_type;
+    if (options.bufferMode) {
+        if (!buffers.build(calib, options.sync, &error)) {
+            fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
+            return kExitFailure;
+        }
+        setup.buffers = &buffers;
+    }
+    std::vector<zqavs_synth::Nv12Image> images(cameras);
+    for (int c = 0; c < cameras; ++c)
+        if (!loadCameraImage(options.images[c], setup.srcWidth, setup.srcHeight, &images[c], &error)) {
+            fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
+            return kExitFailure;
+        }
+    StitchSession session;
+    if (!session.init(setup, &error)) {
+        fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
+        return kExitFailure;
+    }
+    for (int c = 0; c < cameras; ++c) session.setInput(c, images[c]);
+    if (resizeWidth > 0 && !session.resize(resizeWidth, resizeHeight, &error)) {
+        fprintf(stderr, "zqavs stitch: --resize: %s\n", error.c_str());
+        return kExitFailure;
+    }
+    std::vector<double> times;
+    Progress progress("stitching frame");
+    for (int f = 0; f < options.frames; ++f) {
+        double ms = 0.0;
+        if (!session.frame(&ms, &error)) {
+            fprintf(stderr, "zqavs stitch: frame %d: %s\n", f, error.c_str());
+            return kExitFailure;
+        }
+        times.push_back(ms);
+        progress.update(f + 1, options.frames);
+    }
+    for (const std::string& path : options.outputs)
+        if (!writeOutput(path, session.outputView(), &error)) {
+            fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
+            return kExitFailure;
+        }
+    printf("path: %s\n", ZQGFX_AVS_get_path());
+    printf("%d frame%s of %dx%d, median %.2f ms per frame\n", options.frames, options.frames == 1 ? "" : "s",
+           session.outputWidth(), session.outputHeight(), medianOf(times));
+    for (const std::string& path : options.outputs) printf("wrote %s\n", path.c_str());
+    return kExitSuccess;
+}
+
+}  // namespace zqavs
