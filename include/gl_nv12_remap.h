@@ -161,6 +161,15 @@ public:
     PortableRemapIo* portableIo;
     // Driver capabilities and the path chosen, detected by ZQ_EGL_Init.
     AvsGpuCaps caps;
+    // The shared record given to glesRemapInit (not owned): the seam windows the frame blends.
+    multibandResource* blendResource;
+
+private:
+    // Whatever an import slot holds goes, on either path; the table entry is left to the caller.
+    void releaseImportSlot(int slot, bool textureFirst);
+    int refreshInputSlot(int slot);
+    int refuseImport(int slot);
+    int setUpPortableIo();
 };
 
 }  // namespace zqgfx_gpu_avs

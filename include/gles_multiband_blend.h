@@ -191,6 +191,12 @@ private:
 
     std::vector<PaddedAlphaLevel> paddedAlphaLevels;
 
+    // Portable path: no shared buffers (level 2 and U8 alpha levels are plain textures, uploaded);
+    // the U8 alpha maps read from files are held here, per camera, for the life of the pyramids.
+    bool portablePath() const;
+    bool alphaLevelShared(int levelWidth) const;
+    std::vector<std::vector<uint8_t>> alphaFileBytes;
+
     friend struct BlendEngineTestAccess;  // tests inspect the pyramids
 };
 

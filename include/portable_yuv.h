@@ -93,6 +93,10 @@ private:
     int n = 0;
 };
 
+// The columns a frame writes: every non-overlap block of `layout` (the engine's copy, after any
+// resize) and every seam window of `seams` (may be null).
+void collectFrameColumns(const PSR_INITPARAMS_T& layout, const multibandResource* seams, ColumnSpanList* spans);
+
 // Builds a program from a vertex and a fragment text; 0 on failure (the engines' createProgram).
 using ProgramBuilder = std::function<GLuint(const char* vertexText, const char* fragmentText)>;
 

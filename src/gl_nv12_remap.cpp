@@ -3,13 +3,15 @@
 
 #include <sys/time.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <vector>
 
-#include "avs_shader_texts.h"
 #include "gles_multiband_blend.h"
+#include "portable_yuv.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -147,13 +149,20 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     }
 
     EGLBoolean result = eglInitialize(dpy, &majorVersion, &minorVersion);
-    checkEglError("eglInitialize", result);
-    if (result != EGL_TRUE) {
-        EGLDisplay surfaceless = initializeSurfacelessDisplay(&majorVersion, &minorVersion);
-        if (surfaceless != EGL_NO_DISPLAY) {
-            dpy = surfaceless;
-            result = EGL_TRUE;
+    EGLDisplay surfaceless = EGL_NO_DISPLAY;
+    if (result != EGL_TRUE &&
+        hasExtension(eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS), "EGL_MESA_platform_surfaceless")) {
+        // A machine without a window system: the default display's failure is expected there
+        // and reported only when the surfaceless platform cannot stand in for it.
+        while (eglGetError() != EGL_SUCCESS) {
         }
+        surfaceless = initializeSurfacelessDisplay(&majorVersion, &minorVersion);
+    }
+    if (surfaceless != EGL_NO_DISPLAY) {
+        dpy = surfaceless;
+        result = EGL_TRUE;
+    } else {
+        checkEglError("eglInitialize", result);
     }
     fprintf(stderr, "EGL version %d.%d\n", majorVersion, minorVersion);
     if (result != EGL_TRUE) {
@@ -202,12 +211,14 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     resource->caps = caps;
 
     // On failure the programs already built are kept; de-initialisation deletes them.
-    gProgram = createProgram(gRemapVertexShader, gRemapFragmentShaderYUV);
+    const RemapShaderTexts texts = remapShaderTexts(caps.portable);
+    gProgram = createProgram(texts.vertex, texts.yuvToYuv);
     if (gProgram == 0) return 1;
-    gProgramRGB = createProgram(gRemapVertexShader, gRemapFragmentShaderRGB);
+    gProgramRGB = createProgram(texts.vertex, texts.yuvToRgb);
     if (gProgramRGB == 0) return 1;
-    gProgramRGBtoYUV = createProgram(gRemapVertexShader, gRemapFragmentShaderRGBtoYUV);
+    gProgramRGBtoYUV = createProgram(texts.vertex, texts.rgbToYuv);
     if (gProgramRGBtoYUV == 0) return 1;
+    if (caps.portable && setUpPortableIo() != 0) return 1;
 
     cache_input_fd = static_cast<GLuint*>(malloc(kImportSlotCount * sizeof(GLuint)));
     if (cache_input_fd == nullptr) {
@@ -245,7 +256,14 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
         }
     }
 
-    for (const textureAndFboStatus& slot : create_texture_fbo_status) deleteImportSlotNames(slot);
+    if (portableIo != nullptr) {
+        // The portable slots' names and mappings are its own: released once, by it.
+        portableIo->release();
+        delete portableIo;
+        portableIo = nullptr;
+    } else {
+        for (const textureAndFboStatus& slot : create_texture_fbo_status) deleteImportSlotNames(slot);
+    }
 
     deleteCachedVbo();
     free(cache_input_fd);
@@ -406,13 +424,46 @@ int ZQGL_Remap::gles_wait_sync(void* sync)
     return 0;
 }
 
+int ZQGL_Remap::setUpPortableIo()
+{
+    portableIo = new (std::nothrow) PortableRemapIo;
+    if (portableIo == nullptr) {
+        AVS_LOGE("no memory for the portable input and output slots");
+        return -1;
+    }
+    if (portableIo->init([this](const char* v, const char* f) { return createProgram(v, f); }) != 0) {
+        AVS_LOGE("portable pack programs could not be built");
+        return -1;
+    }
+    return 0;
+}
+
+void collectFrameColumns(const PSR_INITPARAMS_T& layout, const multibandResource* seams, ColumnSpanList* spans)
+{
+    spans->clear();
+    const int cameras = std::min<int>(layout.camera_num, static_cast<int>(layout.nonoverlap_block.size()));
+    for (int cam = 0; cam < cameras; ++cam) {
+        const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
+        const int count = std::min<int>({blocks.nonoverlap_num, static_cast<int>(blocks.dst_startx.size()),
+                                         static_cast<int>(blocks.dst_width.size())});
+        for (int bn = 0; bn < count; ++bn) spans->add(blocks.dst_startx[bn], blocks.dst_width[bn]);
+    }
+    if (seams == nullptr) return;
+    // A seam that is not blended keeps the width 0 that planning gave it, and adds nothing.
+    const int seamCount = std::min<int>({seams->cameraNum, static_cast<int>(seams->resize_startx.size()),
+                                         static_cast<int>(seams->resize_width.size())});
+    for (int cam = 0; cam < seamCount; ++cam) spans->add(seams->resize_startx[cam], seams->resize_width[cam]);
+}
+
 int ZQGL_Remap::finishOutputFrame()
 {
     // Target path: the GPU rendered straight into the caller's buffer.
     if (portableIo == nullptr) return 0;
-    // Portable path: the pack of the output canvas into the caller's mapping belongs here.
-    AVS_LOGE("portable output pack not available in this build");
-    return -1;
+    // Portable path: the canvas goes into the caller's mapping, only where this frame drew.
+    // The read-back is synchronous, so a fenced frame has its bytes in place before the fence.
+    ColumnSpanList spans;
+    collectFrameColumns(_remap_init_params, blendResource, &spans);
+    return portableIo->packOutput(framebuffer0, spans);
 }
 
 }  // namespace zqgfx_gpu_avs

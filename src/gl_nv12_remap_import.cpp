@@ -5,11 +5,23 @@
 
 #include <cstring>
 
+#include "portable_yuv.h"
+
 namespace zqgfx_gpu_avs {
 
 namespace {
 
 constexpr GLuint kImportFailed = 0xFFFFFFFF;
+
+// AFBC images are compressed for the GPU alone: the portable path cannot map them. Checked before
+// any descriptor of the frame is looked at.
+bool portablePathRefusesAfbc(const ZQGL_Remap& engine, uint32_t inputIsAFBC, uint32_t outputIsAFBC)
+{
+    if (engine.portableIo == nullptr) return false;
+    if (inputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC input is not supported on the portable path");
+    if (outputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC output is not supported on the portable path");
+    return inputIsAFBC || outputIsAFBC;
+}
 
 }  // namespace
 
@@ -65,6 +77,8 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
         return -1;
     }
 
+    if (portablePathRefusesAfbc(*this, inputIsAFBC, outputIsAFBC)) return -1;
+
     // The last slot in use: start the table afresh, which bounds the objects held.
     if (cache_input_fd[kImportSlotCount - 1] != 0) destroy_texture_and_fbo();
 
@@ -83,12 +97,12 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
         if (cache_input_fd[i] == static_cast<GLuint>(fd)) {
             if (!isOutput) {
                 textureID[cam] = slot.texture_id;  // reused as imported, whatever the size now
+                if (refreshInputSlot(i) != 0) return -1;
             } else if (slot.width == bld_w && slot.height == bld_h) {
                 framebuffer0 = slot.fbo_id;
             } else {
                 // The blend size changed: re-import into the same slot.
-                glDeleteTextures(1, &slot.texture_id);
-                glDeleteFramebuffers(1, &slot.fbo_id);
+                releaseImportSlot(i, true);
                 if (importOutputSlot(i, fd, outputIsAFBC) != 0) return -1;
             }
             continue;
@@ -115,8 +129,9 @@ int ZQGL_Remap::importInputSlot(int cam, int slot, int fd, uint32_t inputIsAFBC)
 {
     const int src_width = _remap_init_params.src_width;
     const int src_height = _remap_init_params.src_height;
-    GLuint tex = create_egl_texture(dpy, inputIsAFBC, fd, src_width, src_height);
-    if (tex == 0) return -1;
+    GLuint tex = portableIo ? portableIo->importInput(slot, fd, src_width, src_height)
+                            : create_egl_texture(dpy, inputIsAFBC, fd, src_width, src_height);
+    if (tex == 0) return refuseImport(slot);
     textureAndFboStatus& entry = create_texture_fbo_status[slot];
     entry.texture_id = tex;
     textureID[cam] = tex;
@@ -130,9 +145,10 @@ int ZQGL_Remap::importOutputSlot(int slot, int fd, uint32_t outputIsAFBC)
 {
     const int bld_w = _remap_init_params.bld_width;
     const int bld_h = _remap_init_params.bld_height;
-    GLuint fbo = create_fbo_output(dpy, outputIsAFBC, fd, bld_w, bld_h, _remap_init_params.output_image_stride,
-                                   &fbo_texture0);
-    if (fbo == 0) return -1;
+    const uint32_t stride = _remap_init_params.output_image_stride;
+    GLuint fbo = portableIo ? portableIo->importOutput(slot, fd, bld_w, bld_h, static_cast<int>(stride), &fbo_texture0)
+                            : create_fbo_output(dpy, outputIsAFBC, fd, bld_w, bld_h, stride, &fbo_texture0);
+    if (fbo == 0) return refuseImport(slot);
     textureAndFboStatus& entry = create_texture_fbo_status[slot];
     entry.fbo_id = fbo;
     entry.texture_id = fbo_texture0;
@@ -210,12 +226,47 @@ GLuint ZQGL_Remap::create_fbo_output(void* dpy, uint32_t is_afbc, int memfd, int
     return framebuffer;
 }
 
+// Only the portable importers refuse with 0 (the descriptor cannot be mapped, or not whole): the
+// slot is freed again so that a later frame can retry the descriptor.
+int ZQGL_Remap::refuseImport(int slot)
+{
+    if (portableIo != nullptr) {
+        cache_input_fd[slot] = 0;
+        create_texture_fbo_status[slot] = textureAndFboStatus{0, 0, 0, 0};
+    }
+    return -1;
+}
+
+// The portable path uploads a known camera image again every frame: its mapping shows the
+// caller's current content.
+int ZQGL_Remap::refreshInputSlot(int slot)
+{
+    if (portableIo == nullptr || portableIo->refreshInput(slot) == 0) return 0;
+    AVS_LOGE_IN("create_texture_and_fbo", "input fd %d of slot %d holds no camera image",
+                static_cast<int>(cache_input_fd[slot]), slot);
+    return -1;
+}
+
+// On the target path a rebuilt output goes texture first, a flushed table framebuffer first.
+void ZQGL_Remap::releaseImportSlot(int slot, bool textureFirst)
+{
+    const textureAndFboStatus& entry = create_texture_fbo_status[slot];
+    if (portableIo != nullptr) {
+        portableIo->releaseSlot(slot);
+    } else if (textureFirst) {
+        glDeleteTextures(1, &entry.texture_id);
+        glDeleteFramebuffers(1, &entry.fbo_id);
+    } else {
+        deleteImportSlotNames(entry);
+    }
+}
+
 int ZQGL_Remap::destroy_texture_and_fbo()
 {
     AVS_LOGD("enter ");
-    for (textureAndFboStatus& slot : create_texture_fbo_status) {
-        deleteImportSlotNames(slot);
-        slot = textureAndFboStatus{0, 0, 0, 0};
+    for (int i = 0; i < static_cast<int>(create_texture_fbo_status.size()); ++i) {
+        releaseImportSlot(i, false);
+        create_texture_fbo_status[i] = textureAndFboStatus{0, 0, 0, 0};
     }
     if (cache_input_fd != nullptr) memset(cache_input_fd, 0, kImportSlotCount * sizeof(GLuint));
     AVS_LOGD("end ");

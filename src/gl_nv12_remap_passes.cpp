@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "portable_yuv.h"
+
 namespace zqgfx_gpu_avs {
 
 namespace {
@@ -157,6 +159,8 @@ int ZQGL_Remap::bindCameraTexture(int cam)
         AVS_LOGE("no image imported for camera %d", cam);
         return -1;
     }
+    // Portable path: the camera's luma and chroma textures stand in for the external image.
+    if (portableIo != nullptr) return portableIo->bindInputTextures(textureID[cam]) ? 0 : -1;
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_EXTERNAL_OES, textureID[cam]);
     return checkGlError("glBindTexture") ? 0 : -1;

@@ -211,6 +211,7 @@ int ZQGL_Remap::glesRemapInit(PSR_INITPARAMS_S* params, multibandResource* resou
         return -1;
     }
     copyLayout(*params, &_remap_init_params);
+    blendResource = resource;
     // The blend size of set-up time; the overlap passes keep drawing at it after a resize.
     const_blend_height = params->bld_height;
     const_blend_width = params->bld_width;

@@ -6,6 +6,7 @@
 
 #include "DebugLog.h"
 #include "avs_shader_texts.h"
+#include "portable_yuv.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -194,7 +195,7 @@ int zqglMultibandBlend::setupGraphics()
     if (gProgram_lowest == 0) return 0;
     gProgram_blend = createProgram(gVertexShader, gFragmentShader_blend);
     if (gProgram_blend == 0) return 0;
-    gProgram_blendYUV = createProgram(gVertexShader, gFragmentShader_blendYUV);
+    gProgram_blendYUV = createProgram(gVertexShader, blendYuvFragmentText(portablePath()));
     if (gProgram_blendYUV == 0) return 0;
     return 1;
 }
@@ -291,6 +292,7 @@ int zqglMultibandBlend::initMultibandBlend(multibandResource* init_resource, int
         AVS_LOGE("init_resource params is NULL!");
         return -1;
     }
+    _multiResource = init_resource;  // the programs follow the path chosen with the context
     if (setupGraphics() == 0) {
         fprintf(stderr, "Could not set up graphics.\n");
         return -1;

@@ -89,6 +89,18 @@ size_t alphaReadExtentBytes(int width, int height, int textureHeight, int levels
     return extent;
 }
 
+bool zqglMultibandBlend::portablePath() const
+{
+    return _multiResource != nullptr && _multiResource->caps.portable;
+}
+
+// True when the level is bound to the alpha buffer itself; uploaded levels need a refresh when the
+// buffer's content changes.
+bool zqglMultibandBlend::alphaLevelShared(int levelWidth) const
+{
+    return !portablePath() && alphaLevelImported(_multiResource->avsAlphaType, levelWidth);
+}
+
 // ---- set-up ----------------------------------------------------------------------------------
 
 // The record's per-camera tables must reach every camera before anything indexes them.
@@ -151,6 +163,7 @@ int zqglMultibandBlend::init_multibandBlend_resource(multibandResource* init_res
 
     for (auto* pyramid : {&gaussFboAttrA, &gaussFboAttrB, &outFboAttr, &alphaAttr}) pyramid->resize(cameras);
     alphaBufferFdArray.resize(cameras);
+    alphaFileBytes.resize(cameras);
     for (size_t i = 0; i < cameras; ++i) {
         for (auto* pyramid : {&gaussFboAttrA, &gaussFboAttrB, &outFboAttr, &alphaAttr}) {
             (*pyramid)[i] = nullptr;
@@ -204,7 +217,7 @@ int zqglMultibandBlend::createColourLevel(drmSharedFramebuffer& level, int index
     level.width = w;
     level.height = h;
     level.mem_bpp = kColourBpp;
-    if (index == 2) return createSharedColourLevel(level);
+    if (index == 2 && !portablePath()) return createSharedColourLevel(level);
     if (!createPlainColourLevel(level)) {
         AVS_LOGE("avs-debug create fbo failed!");
         return -1;
@@ -324,7 +337,12 @@ int zqglMultibandBlend::create_muti_alpha_texture_test(int camera_num, std::vect
 int zqglMultibandBlend::readAlphaFile(int camera, int length, size_t bytes, AlphaSeamSource& source)
 {
     bool u8 = isU8Alpha(_multiResource->avsAlphaType);
-    if (u8) {
+    if (u8 && portablePath()) {
+        // Nothing imports the map here, so library memory holds it; mem_fd 0: no shared buffer.
+        alphaFileBytes[camera].assign(bytes, 0);
+        alphaBufferFdArray[camera] = PSR_DRM_BUF_MSG_S{alphaFileBytes[camera].data(), 0, 0, static_cast<int64_t>(bytes)};
+        source.data = alphaFileBytes[camera].data();
+    } else if (u8) {
         int fd = -1;
         void* mapping = nullptr;
         avs_alloc_buf(&fd, &mapping, static_cast<int>(bytes), 1, 8);
@@ -417,7 +435,7 @@ int zqglMultibandBlend::createAlphaLevel(int camera, int level, int mapWidth, in
     element.fbo_id = kNoFramebuffer;
 
     bool uploaded = true;
-    if (alphaLevelImported(alphaType, w)) {
+    if (alphaLevelShared(w)) {
         element.texture_id =
             create_alpha_texture(dpy_multiband, source.importFd, w, h, source.importOffset + bufOffset);
     } else if (isU8Alpha(alphaType)) {
@@ -501,7 +519,7 @@ int zqglMultibandBlend::updateMultibandAlpha(int* do_blend_array)
         if (do_blend_array[i] <= 0 || alphaAttr[i] == nullptr) continue;
         for (int l = 0; l < _multiResource->multi_band_num[i]; ++l) {
             drmSharedFramebuffer& element = alphaAttr[i][l];
-            if (alphaLevelImported(FUSE_GPU_ALPHA_U8, element.width)) continue;
+            if (alphaLevelShared(element.width)) continue;
             glDeleteTextures(1, &element.texture_id);
             const uint8_t* pixels = alphaUploadBytes(i, l, static_cast<const uint8_t*>(element.vir_addr));
             if (!uploadAlphaTexture(GL_R8, GL_UNSIGNED_BYTE, element.width, element.height, pixels,
@@ -553,6 +571,7 @@ void zqglMultibandBlend::delete_multibandBlend_resource(int* do_blend_array)
             avs_free_buf(&alphaBuffer.mem_fd, alphaBuffer.vir_addr, static_cast<size_t>(alphaBuffer.mem_size));
             alphaBuffer.mem_fd = -1;
         }
+        if (static_cast<size_t>(i) < alphaFileBytes.size()) std::vector<uint8_t>().swap(alphaFileBytes[i]);
     }
     paddedAlphaLevels.clear();
 }

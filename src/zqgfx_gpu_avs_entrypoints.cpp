@@ -219,6 +219,8 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context)
         AVS_LOGE("ZQ_EGL_Init FAILED!");
         return ZQGFX_AVS_FAILED;
     }
+    // The engines keep their traces silent, so the path they chose is named here.
+    AVS_LOGD("rendering path: %s\n", state.multiband_resource->caps.portable ? "portable" : "target");
     if (state.zqRemapInstance->glesRemapInit(state.init_params, state.multiband_resource,
                                              state.mUseInputMeshCoords->input_meshx,
                                              state.mUseInputMeshCoords->input_meshy) != 0) {

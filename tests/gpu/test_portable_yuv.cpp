@@ -237,7 +237,8 @@ TEST_F(PortableYuv, PackWritesOnlyCoveredColumnsWithAveragedChroma)
     const uint8_t sentinel = 0xEE;
     const int stride = 32;
     const std::pair<int, int> sizes[] = {{20, 6}, {19, 5}};
-    for (auto [w, h] : sizes) {
+    for (const auto& size : sizes) {
+        const int w = size.first, h = size.second;  // plain names: lambdas below capture them
         SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
         const size_t bytes = nv12ImageBytes(stride, h);
         int outFd = memfdWith(Bytes(bytes, sentinel));

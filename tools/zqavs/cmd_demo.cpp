@@ -129,7 +129,7 @@ int runDemo(const DemoOptions& options)
            rig.bld_width, rig.bld_height, calib.seams.size());
     printf("frame time: %.2f ms (median of %d frames; the first includes shader compilation)\n", medianOf(times),
            options.frames);
-    printf("PSNR of Y against the scene: %.2f dB\n", psnr);
+    printf("PSNR of Y against the scene: %.2f dB (the cameras' exposures differ by up to 10%%)\n", psnr);
     printf("wrote %s, %s, %s\n", panoPng.c_str(), panoNv12.c_str(), sidePng.c_str());
     return kExitSuccess;
 }

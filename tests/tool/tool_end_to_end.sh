@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# The zqavs tool end to end: demo, synth then check, stitch of PNG inputs, broken calibrations.
+set -uo pipefail
+ZQAVS=$1
+WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
+trap 'rm -rf "$WORK"' EXIT
+failures=0
+
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
+# expect CODE OUTPUT_PATTERN -- command...: runs the command, checks its exit code and output.
+expect() {
+    local code=$1 pattern=$2
+    shift 3
+    local out rc
+    out=$("$@" 2>&1)
+    rc=$?
+    [[ $rc -eq $code ]] || fail "'$*' exited $rc, expected $code; output:"$'\n'"$out"
+    [[ -z $pattern ]] || grep -qE -- "$pattern" <<<"$out" || fail "'$*' did not print /$pattern/; output:"$'\n'"$out"
+}
+
+expect 0 "demo" -- "$ZQAVS" --help
+expect 0 "--cameras" -- "$ZQAVS" synth --help
+expect 2 "" -- "$ZQAVS"
+expect 2 "" -- "$ZQAVS" frobnicate
+expect 2 "source-size" -- "$ZQAVS" synth "$WORK/x" --source-size 12by7
+expect 2 "" -- "$ZQAVS" synth "$WORK/x" --cameras 11
+
+# demo: pictures and figures
+expect 0 "PSNR of Y against the scene: [0-9.]+ dB" -- "$ZQAVS" demo --out "$WORK/demo" --frames 2
+for f in panorama.png panorama.nv12 side_by_side.png; do
+    [[ -s $WORK/demo/$f ]] || fail "demo did not write $f"
+done
+
+# synth, then check: a clean calibration has no error and every seam but the last is blended
+CAL=$WORK/cal
+expect 0 "wrote" -- "$ZQAVS" synth "$CAL" --cameras 3 --source-size 320x240 --panorama-size 768x240 \
+    --overlap 64 --bands 2 --gains 1,1.2,0.8
+expect 0 "0 errors, 0 warnings" -- "$ZQAVS" check "$CAL" --overlay "$WORK/layout.png"
+expect 0 "camera 2 -> 0: not blended" -- "$ZQAVS" check "$CAL"
+[[ -s $WORK/layout.png ]] || fail "check --overlay wrote no picture"
+
+# stitch PNG inputs; raw NV12 inputs in file mode and in buffer mode give the same panorama
+expect 0 "wrote .*pano.png" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/pano.png"
+[[ -s $WORK/pano.png ]] || fail "stitch wrote no PNG"
+expect 0 "" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.nv12 -o "$WORK/a.nv12"
+expect 0 "" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.nv12 -o "$WORK/b.nv12" --buffer-mode --sync --frames 3
+cmp -s "$WORK/a.nv12" "$WORK/b.nv12" || fail "file mode and buffer mode stitched different panoramas"
+expect 2 "3 cameras" -- "$ZQAVS" stitch "$CAL" "$CAL/camera0.png" -o "$WORK/c.png"
+
+# broken calibrations: every problem is reported, not just the first
+BROKEN=$WORK/broken
+cp -r "$CAL" "$BROKEN"
+rm "$BROKEN/zq_ps_gpu_meshy11.bin"
+head -c 100 "$CAL/zq_ps_gpu_meshx20.bin" >"$BROKEN/zq_ps_gpu_meshx20.bin"
+head -c 10 "$CAL/zq_ps_gpu_alpha01.bin" >"$BROKEN/zq_ps_gpu_alpha01.bin"
+sed -i '0,/^camera_1: 3/s//camera_1: 4/' "$BROKEN/zq_ps_gpu_mesh_params.txt"
+out=$("$ZQAVS" check "$BROKEN" 2>&1)
+rc=$?
+[[ $rc -eq 1 ]] || fail "check of a broken calibration exited $rc"
+for pattern in "zq_ps_gpu_meshy11.bin: missing mesh file" "zq_ps_gpu_meshx20.bin: 100 bytes" \
+    "zq_ps_gpu_alpha01.bin: 10 bytes" "header says 4 blocks but nonoverlap_num \+ overlap_num = 3" "4 errors"; do
+    grep -qE -- "$pattern" <<<"$out" || fail "check did not report /$pattern/:"$'\n'"$out"
+done
+expect 1 "" -- "$ZQAVS" stitch "$BROKEN" "$CAL"/camera{0,1,2}.png -o "$WORK/d.png"
+
+COMMENTED=$WORK/commented
+cp -r "$CAL" "$COMMENTED"
+sed -i '0,/^nonoverlap_num/s//# nonoverlap_num/' "$COMMENTED/zq_ps_gpu_mesh_params.txt"
+expect 1 "comment line inside camera_0:" -- "$ZQAVS" check "$COMMENTED"
+
+echo "tool end to end: $failures failure(s)"
+[[ $failures -eq 0 ]]

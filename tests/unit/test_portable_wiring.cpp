@@ -1,0 +1,167 @@
+// Whole instances on a driver without dma-buf import or YUV render targets (the fake driver told
+// so): camera images and the output are memfds that the library maps itself.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <set>
+
+#include "blend_engine_support.h"
+#include "calibration_dir.h"
+#include "fakegl/fakegl.h"
+#include "gl_nv12_remap.h"
+#include "portable_yuv.h"
+#include "zqgfx_gpu_avs_internal.h"
+
+using entry_test::contains;
+using entry_test::stdoutOf;
+using zqgfx_gpu_avs::BlendEngineTestAccess;
+
+namespace {
+
+int memfdOf(size_t bytes)
+{
+    const int fd = memfd_create("portable-wiring", MFD_CLOEXEC);
+    return fd >= 0 && ftruncate(fd, static_cast<off_t>(bytes)) == 0 ? fd : -1;
+}
+
+size_t frameCreations()
+{
+    size_t made = 0;
+    for (const char* kind : {"texture", "framebuffer", "buffer", "program", "shader", "vertexarray", "image"})
+        made += fakegl::createdObjects(kind);
+    return made;
+}
+
+class PortableWiring : public ::testing::Test {
+protected:
+    // Four 320 x 240 cameras into 1280 x 240; seams 0-1, 1-2, 2-3 blended with three levels of U8
+    // alpha 64 wide, so that level 2 and a wide alpha level exist.
+    void SetUp() override
+    {
+        fakegl::reset();
+        fakegl::inject().glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external";
+        fakegl::inject().eglExtensions = "EGL_KHR_image_base EGL_KHR_fence_sync";
+        avs_thread_state() = AvsThreadInstance{};
+        layout = entry_test::ringLayout(4, 1, 2);
+        for (zqPSR_OVERLAP_BLOCK& o : layout.overlap_block) o.dst_width.assign(2, 64), o.alpha_width.assign(2, 64);
+        layout.overlap_block[3].dst_startx[1] = layout.bld_width - 64;
+        dir.writeCalibration(layout);
+        const std::vector<uint8_t> alpha(zqgfx_gpu_avs::alphaBufferLength(64, 240, 3), 128);
+        for (const char* name : {"zq_ps_gpu_alpha01.bin", "zq_ps_gpu_alpha12.bin", "zq_ps_gpu_alpha23.bin"})
+            dir.write(name, alpha.data(), alpha.size());
+        context = entry_test::contextFor(layout, dir.path());
+        context.avsAlphaType = FUSE_GPU_ALPHA_U8;
+        for (int c = 0; c < 4; ++c) fds[c] = memfdOf(zqgfx_gpu_avs::nv12ImageBytes(320, 240));
+        fds[4] = memfdOf(zqgfx_gpu_avs::nv12ImageBytes(1280, 240));
+        context.inputFdArray = fds;
+        ZQGFX_AVS_STATUS status = ZQGFX_AVS_FAILED;
+        const std::string out = stdoutOf([&] { status = ZQGFX_AVS_init(&context); });
+        ASSERT_EQ(status, ZQGFX_AVS_SUCCESS) << out;
+    }
+    void TearDown() override
+    {
+        if (avs_thread_state().if_init_avs) stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
+        avs_thread_state() = AvsThreadInstance{};
+        for (int fd : fds)
+            if (fd >= 0) close(fd);
+    }
+    ZQGFX_AVS_STATUS frame(std::string* printed = nullptr)
+    {
+        ZQGFX_AVS_STATUS status = ZQGFX_AVS_FAILED;
+        const std::string out = stdoutOf([&] { status = ZQGFX_AVS_AllProcess(&context); });
+        if (printed) *printed = out;
+        return status;
+    }
+    zqgfx_gpu_avs::ZQGL_Remap& remap() { return *avs_thread_state().zqRemapInstance; }
+    bool tableEmpty() { return std::all_of(remap().cache_input_fd, remap().cache_input_fd + 100, [](GLuint f) { return f == 0; }); }
+
+    entry_test::TempCalibrationDir dir;
+    PSR_INITPARAMS_T layout;
+    ZQGFX_AVS_CONTEXT_T context{};
+    int fds[5] = {-1, -1, -1, -1, -1};
+};
+
+TEST_F(PortableWiring, WarmFramesUploadAndPackWithoutMakingObjects)
+{
+    EXPECT_STREQ(ZQGFX_AVS_get_path(), "portable");
+    EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 0u);  // level 2 and wide alpha levels are textures
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    const size_t made = frameCreations(), uploads = fakegl::countCalls("glTexSubImage2D");
+    const size_t reads = fakegl::countCalls("glReadPixels");
+    for (uint32_t useSync : {0u, 1u}) {
+        context.useSync = useSync;
+        ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    }
+    EXPECT_EQ(frameCreations(), made);
+    EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 2 * 8u);  // both planes of every camera
+    EXPECT_EQ(fakegl::countCalls("glReadPixels") - reads, 2 * 2u);       // luma and chroma pack, fenced or not
+    EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 0u);
+
+    // Every U8 level was uploaded, so every one is refreshed: three seams of three levels.
+    const size_t images = fakegl::countCalls("glTexImage2D");
+    stdoutOf([&] { EXPECT_EQ(avs_thread_state().zqMultibandBlendInstance->updateMultibandAlpha(avs_thread_state().doBlendArray), 0); });
+    EXPECT_EQ(fakegl::countCalls("glTexImage2D") - images, 9u);
+}
+
+TEST_F(PortableWiring, AfbcAndUnmappableDescriptorsFailTheFrameWithTheirReason)
+{
+    for (uint32_t* afbc : {&context.inputIsAFBC, &context.outputIsAFBC}) {
+        *afbc = 1;
+        std::string out;
+        EXPECT_EQ(frame(&out), ZQGFX_AVS_FAILED);
+        const char* what = afbc == &context.inputIsAFBC ? "input" : "output";
+        EXPECT_TRUE(contains(out, std::string("AFBC ") + what + " is not supported on the portable path")) << out;
+        EXPECT_TRUE(tableEmpty());  // no descriptor looked at
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D"), 0u);
+        *afbc = 0;
+    }
+
+    ASSERT_EQ(ftruncate(fds[2], 100), 0);  // too short for its image: refused, its slot freed again
+    std::string out;
+    EXPECT_EQ(frame(&out), ZQGFX_AVS_FAILED);
+    EXPECT_TRUE(contains(out, "descriptor " + std::to_string(fds[2]) + " holds 100 bytes")) << out;
+    EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, static_cast<GLuint>(fds[2])), 0);
+    ASSERT_EQ(ftruncate(fds[2], static_cast<off_t>(zqgfx_gpu_avs::nv12ImageBytes(320, 240))), 0);
+    EXPECT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+}
+
+TEST_F(PortableWiring, FlushResizeAndDeinitReleaseEachPortableObjectOnce)
+{
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    const size_t textures = fakegl::liveObjects("texture"), framebuffers = fakegl::liveObjects("framebuffer");
+    // New descriptor numbers every frame fill the 100-slot table; it is flushed along the way.
+    std::vector<int> dups;
+    const int original[4] = {fds[0], fds[1], fds[2], fds[3]};
+    bool flushed = false;
+    for (int f = 0; f < 30 && !flushed; ++f) {
+        for (int c = 0; c < 4; ++c) dups.push_back(fds[c] = dup(original[c]));
+        flushed = remap().cache_input_fd[99] != 0;
+        ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS) << "frame " << f;
+    }
+    ASSERT_TRUE(flushed);
+    EXPECT_EQ(fakegl::liveObjects("texture"), textures);  // the flushed inputs' textures went
+    for (int c = 0; c < 4; ++c) fds[c] = original[c];
+    for (int fd : dups) close(fd);
+
+    context.outputBufferWidth = 640;  // the output slot is made anew at the new size
+    ASSERT_EQ(ZQGFX_AVS_resize(&context), ZQGFX_AVS_SUCCESS);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    EXPECT_EQ(fakegl::liveObjects("framebuffer"), framebuffers);
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+
+    // De-init leaves only the alpha textures that its established order skips.
+    std::set<GLuint> alphaTextures;
+    zqgfx_gpu_avs::zqglMultibandBlend& blend = *avs_thread_state().zqMultibandBlendInstance;
+    for (int c = 0; c < 3; ++c)
+        for (int l = 0; l < 3; ++l) alphaTextures.insert((*BlendEngineTestAccess::pyramids(blend)[3])[c][l].texture_id);
+    stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
+    size_t alphaLeft = 0;
+    for (GLuint texture : alphaTextures) alphaLeft += fakegl::isLive("texture", texture);
+    EXPECT_EQ(fakegl::liveObjects("texture"), alphaLeft);
+    for (const char* kind : {"framebuffer", "buffer", "program", "shader", "vertexarray", "image", "context"})
+        EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+}
+
+}  // namespace
