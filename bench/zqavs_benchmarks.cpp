@@ -81,11 +81,7 @@ void BM_StitchFrame(benchmark::State& state)
     }
     zqavs::StitchSetup setup;
     setup.buffers = &buffers;
-    setup.cameras = rig.cameras;
-    setup.srcWidth = rig.src_width;
-    setup.srcHeight = rig.src_height;
-    setup.bldWidth = rig.bld_width;
-    setup.bldHeight = rig.bld_height;
+    setup.rig = rig;
     zqavs::StitchSession session;
     if (!session.init(setup, &error)) {
         state.SkipWithError(error.c_str());

@@ -120,6 +120,22 @@ int create_rgb_fbo_OES(EGLDisplay dpy, int memfd, int fbo_w, int fbo_h, GLuint* 
 int create_rgb_fbo_2D(EGLDisplay dpy, int memfd, int fbo_w, int fbo_h, unsigned int stride_in, GLuint* fbo_texture);
 int create_fbo_no_fd(int fbo_w, int fbo_h, GLuint* fbo_texture);
 
+// Compiles one shader. A failed compile prints "Could not compile shader <type>:" and the log, and
+// deletes the shader; one without a log is handed back as if it had compiled (the link then
+// reports it). `terminateLog` writes a terminator into the log's last byte before printing it.
+GLuint compileShaderReportingLog(GLenum shaderType, const char* pSource, bool terminateLog);
+
+// How linkProgramReportingLog treats the program and the two shaders.
+struct ProgramLinkPolicy {
+    bool terminateLog;                       // as for compileShaderReportingLog
+    void (*beforeLink)(GLuint program);      // e.g. binds attribute locations; may be null
+    bool detachAfterDelete;                  // detach both shaders after deleting them
+};
+
+// Attaches, links and, on failure, prints "Could not link program:" and the log and deletes the
+// program (0 back). The shaders are deleted in any case, also when no program was made.
+GLuint linkProgramReportingLog(GLuint vertexShader, GLuint pixelShader, const ProgramLinkPolicy& policy);
+
 bool checkGlError(const char* op);
 void printGLString(const char* name, GLenum s);
 

@@ -104,6 +104,23 @@ bool outputBufferFits(const ZQGFX_AVS_CONTEXT_T& context, const PSR_INITPARAMS_T
     return bufferFits(context.outputBufferWidth, context.outputBufferHeight, layout.bld_width, layout.bld_height);
 }
 
+// Both buffers against the layout; the refusal, in the caller's name, recommends a size.
+bool buffersFit(const ZQGFX_AVS_CONTEXT_T& context, const PSR_INITPARAMS_T& layout, const char* verdict,
+                const char* caller)
+{
+    if (!inputBufferFits(context, layout)) {
+        AVS_LOGE_IN(caller, "inputBufferWidth %s, recommend size: %dx%d\n", verdict, alignTo16(layout.src_width),
+                    layout.src_height);
+        return false;
+    }
+    if (!outputBufferFits(context, layout)) {
+        AVS_LOGE_IN(caller, "outputBufferWidth %s, recommend size: %dx%d\n", verdict,
+                    static_cast<int>(layout.output_image_stride), layout.bld_height);
+        return false;
+    }
+    return true;
+}
+
 bool allHaveEntries(std::initializer_list<const std::vector<int>*> arrays, int count)
 {
     return std::all_of(arrays.begin(), arrays.end(),
@@ -319,16 +336,7 @@ int read_files_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* 
     if (readTxtParamsAVS(paramsPath, layout) == 0) return -1;
 
     layout->output_image_stride = alignTo16(layout->bld_width);
-    if (!inputBufferFits(*mcontext, *layout)) {
-        AVS_LOGE("inputBufferWidth is not aligned with 16, recommend size: %dx%d\n", alignTo16(layout->src_width),
-                 layout->src_height);
-        return -1;
-    }
-    if (!outputBufferFits(*mcontext, *layout)) {
-        AVS_LOGE("outputBufferWidth is not aligned with 16, recommend size: %dx%d\n",
-                 static_cast<int>(layout->output_image_stride), layout->bld_height);
-        return -1;
-    }
+    if (!buffersFit(*mcontext, *layout, "is not aligned with 16", __FUNCTION__)) return -1;
     layout->camera_num = static_cast<int>(mcontext->numView);
     layout->image_formate = PSR_TYPE_YUV420SP;
     layout->image_stride = layout->src_width;
@@ -363,16 +371,7 @@ int get_mesh_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* in
     }
     PSR_INITPARAMS_T* layout = init_params_instance;
     *layout = *callerLayout;  // deep copy: the caller may release its record after init
-    if (!inputBufferFits(*mcontext, *layout)) {
-        AVS_LOGE("inputBufferWidth is illegal, recommend size: %dx%d\n", alignTo16(layout->src_width),
-                 layout->src_height);
-        return -1;
-    }
-    if (!outputBufferFits(*mcontext, *layout)) {
-        AVS_LOGE("outputBufferWidth is illegal, recommend size: %dx%d\n",
-                 static_cast<int>(layout->output_image_stride), layout->bld_height);
-        return -1;
-    }
+    if (!buffersFit(*mcontext, *layout, "is illegal", __FUNCTION__)) return -1;
     if (!checkLayoutBlocks(*layout, kCallerLayoutName)) return -1;
     if (mcontext->avsRemapMeshArray == nullptr) {
         AVS_LOGE("avsRemapMeshArray is NULL, FAILED!");

@@ -282,29 +282,10 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
     return 0;
 }
 
+// Logs are terminated before printing; a failed compile without a log hands the shader back.
 GLuint ZQGL_Remap::loadShader(GLenum shaderType, const char* pSource)
 {
-    GLuint shader = glCreateShader(shaderType);
-    if (shader == 0) return 0;
-    glShaderSource(shader, 1, &pSource, nullptr);
-    glCompileShader(shader);
-    GLint compiled = 0;
-    glGetShaderiv(shader, GL_COMPILE_STATUS, &compiled);
-    if (compiled) return shader;
-
-    GLint infoLen = 0;
-    glGetShaderiv(shader, GL_INFO_LOG_LENGTH, &infoLen);
-    // A failure without a log hands the shader back; callers rely on the link to catch it.
-    if (infoLen <= 0) return shader;
-    char* buf = static_cast<char*>(malloc(static_cast<size_t>(infoLen)));
-    if (buf != nullptr) {
-        glGetShaderInfoLog(shader, infoLen, nullptr, buf);
-        buf[infoLen - 1] = '\0';
-        fprintf(stderr, "Could not compile shader %d:\n%s\n", shaderType, buf);
-        free(buf);
-    }
-    glDeleteShader(shader);
-    return 0;
+    return compileShaderReportingLog(shaderType, pSource, true);
 }
 
 GLuint ZQGL_Remap::createProgram(const char* pVertexSource, const char* pFragmentSource)
@@ -312,37 +293,9 @@ GLuint ZQGL_Remap::createProgram(const char* pVertexSource, const char* pFragmen
     GLuint vertexShader = loadShader(GL_VERTEX_SHADER, pVertexSource);
     if (vertexShader == 0) return 0;
     GLuint pixelShader = loadShader(GL_FRAGMENT_SHADER, pFragmentSource);
-    if (pixelShader == 0) return 0;
-
-    GLuint program = glCreateProgram();
-    if (program != 0) {
-        glAttachShader(program, vertexShader);
-        checkGlError("glAttachShader");
-        glAttachShader(program, pixelShader);
-        checkGlError("glAttachShader");
-        glLinkProgram(program);
-        GLint linkStatus = GL_FALSE;
-        glGetProgramiv(program, GL_LINK_STATUS, &linkStatus);
-        if (linkStatus != GL_TRUE) {
-            GLint bufLength = 0;
-            glGetProgramiv(program, GL_INFO_LOG_LENGTH, &bufLength);
-            char* buf = bufLength > 0 ? static_cast<char*>(malloc(static_cast<size_t>(bufLength))) : nullptr;
-            if (buf != nullptr) {
-                glGetProgramInfoLog(program, bufLength, nullptr, buf);
-                buf[bufLength - 1] = '\0';
-                fprintf(stderr, "Could not link program:\n%s\n", buf);
-                free(buf);
-            }
-            glDeleteProgram(program);
-            program = 0;
-        }
-    }
+    if (pixelShader == 0) return 0;  // the vertex shader stays
     // Deleted before they are detached, also when no program was made; the established order.
-    glDeleteShader(vertexShader);
-    glDeleteShader(pixelShader);
-    glDetachShader(program, vertexShader);
-    glDetachShader(program, pixelShader);
-    return program;
+    return linkProgramReportingLog(vertexShader, pixelShader, ProgramLinkPolicy{true, nullptr, true});
 }
 
 int ZQGL_Remap::setupGraphicsTest(GLuint program, int w1, int h1, int w2, int h2)

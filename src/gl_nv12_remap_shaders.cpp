@@ -16,31 +16,27 @@ const char* const gRemapVertexShader =
     "    gl_Position = vec4(vPosition.x, vPosition.y, 0.0, 1.0);\n"
     "}\n";
 
+// The opening shared by the two fragment texts that sample the camera image.
+#define ZQAVS_REMAP_Y2Y_FRAGMENT_HEAD \
+    "#version 310 es \n" \
+    "#extension GL_OES_EGL_image_external : require\n" \
+    "#extension GL_EXT_YUV_target : require\n" \
+    "precision highp float;\n" \
+    "uniform __samplerExternal2DY2YEXT outTexture;\n" \
+    "in vec2 outTexCoords;\n" \
+    "out vec4 FragColor;\n" \
+    "void main()\n" \
+    "{\n"
+
 // Camera YUV straight into the YUV output: the Y2Y sampler hands over the stored samples.
 const char* const gRemapFragmentShaderYUV =
-    "#version 310 es \n"
-    "#extension GL_OES_EGL_image_external : require\n"
-    "#extension GL_EXT_YUV_target : require\n"
-    "precision highp float;\n"
-    "uniform __samplerExternal2DY2YEXT outTexture;\n"
-    "in vec2 outTexCoords;\n"
-    "out vec4 FragColor;\n"
-    "void main()\n"
-    "{\n"
+    ZQAVS_REMAP_Y2Y_FRAGMENT_HEAD
     "    FragColor = texture(outTexture, outTexCoords);\n"
     "}\n";
 
 // Camera YUV to RGB for the overlap framebuffers that the blend engine reads.
 const char* const gRemapFragmentShaderRGB =
-    "#version 310 es \n"
-    "#extension GL_OES_EGL_image_external : require\n"
-    "#extension GL_EXT_YUV_target : require\n"
-    "precision highp float;\n"
-    "uniform __samplerExternal2DY2YEXT outTexture;\n"
-    "in vec2 outTexCoords;\n"
-    "out vec4 FragColor;\n"
-    "void main()\n"
-    "{\n"
+    ZQAVS_REMAP_Y2Y_FRAGMENT_HEAD
     "    vec4 yuvTex = texture(outTexture, outTexCoords);\n"
     "    FragColor = vec4(yuv_2_rgb(yuvTex.xyz, itu_601_full_range), 1.0);\n"
     "}\n";
@@ -58,5 +54,7 @@ const char* const gRemapFragmentShaderRGBtoYUV =
     "    vec4 rgbTex = texture(outTexture, outTexCoords);\n"
     "    FragColor = vec4(rgb_2_yuv(rgbTex.xyz, itu_601_full_range), 1.0);\n"
     "}\n";
+
+#undef ZQAVS_REMAP_Y2Y_FRAGMENT_HEAD
 
 }  // namespace zqgfx_gpu_avs

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 
 #include "DebugLog.h"
 #include "avs_shader_texts.h"
@@ -113,34 +114,30 @@ constexpr GLuint kTexCoordsLocation = 1;
         fprintf(stderr, "after %s() eglError (0x%x)\n", op, error);
 }
 
+struct UniformLookup {
+    GLuint* handle;
+    const char* name;
+};
+
+// Each lookup is checked under the attribute lookup's name, as the engine always reported it.
+void lookUpUniforms(GLuint program, std::initializer_list<UniformLookup> lookups)
+{
+    for (const UniformLookup& lookup : lookups) {
+        *lookup.handle = static_cast<GLuint>(glGetUniformLocation(program, lookup.name));
+        checkGlError("glGetAttribLocation");
+    }
+}
+
 }  // namespace
 
 // ---- programs --------------------------------------------------------------------------------
 
 zqglMultibandBlend::~zqglMultibandBlend() = default;
 
+// Logs are printed as the driver wrote them; a failed compile without a log hands the shader back.
 GLuint zqglMultibandBlend::loadShader(GLenum shaderType, const char* pSource)
 {
-    GLuint shader = glCreateShader(shaderType);
-    if (shader == 0) return 0;
-    glShaderSource(shader, 1, &pSource, nullptr);
-    glCompileShader(shader);
-    GLint compiled = 0;
-    glGetShaderiv(shader, GL_COMPILE_STATUS, &compiled);
-    if (compiled) return shader;
-
-    GLint infoLen = 0;
-    glGetShaderiv(shader, GL_INFO_LOG_LENGTH, &infoLen);
-    // Without a log the shader is handed back as if it had compiled; the link then reports it.
-    if (infoLen == 0) return shader;
-    char* buf = static_cast<char*>(malloc(static_cast<size_t>(infoLen)));
-    if (buf != nullptr) {
-        glGetShaderInfoLog(shader, infoLen, nullptr, buf);
-        fprintf(stderr, "Could not compile shader %d:\n%s\n", shaderType, buf);
-        free(buf);
-    }
-    glDeleteShader(shader);
-    return 0;
+    return compileShaderReportingLog(shaderType, pSource, false);
 }
 
 GLuint zqglMultibandBlend::createProgram(const char* pVertexSource, const char* pFragmentSource)
@@ -152,37 +149,12 @@ GLuint zqglMultibandBlend::createProgram(const char* pVertexSource, const char* 
         glDeleteShader(vertexShader);
         return 0;
     }
-
-    GLuint program = glCreateProgram();
-    if (program != 0) {
-        glAttachShader(program, vertexShader);
-        checkGlError("glAttachShader");
-        glAttachShader(program, pixelShader);
-        checkGlError("glAttachShader");
+    // The shared vertex inputs get fixed locations before the link; the shaders go with the program.
+    auto bindInputs = [](GLuint program) {
         glBindAttribLocation(program, kPositionLocation, "vPosition");
         glBindAttribLocation(program, kTexCoordsLocation, "texCoords");
-        glLinkProgram(program);
-        GLint linkStatus = GL_FALSE;
-        glGetProgramiv(program, GL_LINK_STATUS, &linkStatus);
-        if (linkStatus != GL_TRUE) {
-            GLint bufLength = 0;
-            glGetProgramiv(program, GL_INFO_LOG_LENGTH, &bufLength);
-            if (bufLength > 0) {
-                char* buf = static_cast<char*>(malloc(static_cast<size_t>(bufLength)));
-                if (buf != nullptr) {
-                    glGetProgramInfoLog(program, bufLength, nullptr, buf);
-                    fprintf(stderr, "Could not link program:\n%s\n", buf);
-                    free(buf);
-                }
-            }
-            glDeleteProgram(program);
-            program = 0;
-        }
-    }
-    // The program keeps what it needs; the shaders go with it.
-    glDeleteShader(vertexShader);
-    glDeleteShader(pixelShader);
-    return program;
+    };
+    return linkProgramReportingLog(vertexShader, pixelShader, ProgramLinkPolicy{false, bindInputs, false});
 }
 
 int zqglMultibandBlend::setupGraphics()
@@ -206,35 +178,24 @@ void zqglMultibandBlend::get_program_handle(GLuint program)
     checkGlError("glGetAttribLocation");
     gvTextureTexCoordsHandle = static_cast<GLuint>(glGetAttribLocation(program, "texCoords"));
     checkGlError("glGetAttribLocation");
-    gvTextureSamplerHandle = static_cast<GLuint>(glGetUniformLocation(program, "textureSamp"));
-    checkGlError("glGetAttribLocation");
+    lookUpUniforms(program, {{&gvTextureSamplerHandle, "textureSamp"}});
 }
 
 void zqglMultibandBlend::get_prog_lowest_handle(GLuint program)
 {
-    gtexGaussASamplerHandle_lowest = static_cast<GLuint>(glGetUniformLocation(program, "texGaussA"));
-    checkGlError("glGetAttribLocation");
-    gtexGaussBSamplerHandle_lowest = static_cast<GLuint>(glGetUniformLocation(program, "texGaussB"));
-    checkGlError("glGetAttribLocation");
-    gtexAlphaSamplerHandle_lowest = static_cast<GLuint>(glGetUniformLocation(program, "texAlpha"));
-    checkGlError("glGetAttribLocation");
+    lookUpUniforms(program, {{&gtexGaussASamplerHandle_lowest, "texGaussA"},
+                             {&gtexGaussBSamplerHandle_lowest, "texGaussB"},
+                             {&gtexAlphaSamplerHandle_lowest, "texAlpha"}});
 }
 
 void zqglMultibandBlend::get_prog_blend_handle(GLuint program)
 {
-    struct Lookup {
-        GLuint* handle;
-        const char* name;
-    };
-    const Lookup lookups[] = {
-        {&gtexGaussA_n0_SamplerHandle_blend, "texGaussA_n0"}, {&gtexGaussB_n0_SamplerHandle_blend, "texGaussB_n0"},
-        {&gtexGaussA_n1_SamplerHandle_blend, "texGaussA_n1"}, {&gtexGaussB_n1_SamplerHandle_blend, "texGaussB_n1"},
-        {&gtexResult_n1_SamplerHandle_blend, "texResult_n1"}, {&gtexAlphaSamplerHandle_blend, "texAlpha"},
-    };
-    for (const Lookup& lookup : lookups) {
-        *lookup.handle = static_cast<GLuint>(glGetUniformLocation(program, lookup.name));
-        checkGlError("glGetAttribLocation");
-    }
+    lookUpUniforms(program, {{&gtexGaussA_n0_SamplerHandle_blend, "texGaussA_n0"},
+                             {&gtexGaussB_n0_SamplerHandle_blend, "texGaussB_n0"},
+                             {&gtexGaussA_n1_SamplerHandle_blend, "texGaussA_n1"},
+                             {&gtexGaussB_n1_SamplerHandle_blend, "texGaussB_n1"},
+                             {&gtexResult_n1_SamplerHandle_blend, "texResult_n1"},
+                             {&gtexAlphaSamplerHandle_blend, "texAlpha"}});
 }
 
 // The quad comes from client memory, so no buffer object may be bound to GL_ARRAY_BUFFER.

@@ -137,6 +137,20 @@ int runFrameSteps(const ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times)
     return 0;
 }
 
+// The frame-time calls refuse a missing context or an uninitialised thread in their own name.
+bool frameCallReady(const void* context, const char* caller)
+{
+    if (context == nullptr) {
+        AVS_LOGE_IN(caller, "input context is NULL, return FAILED!");
+        return false;
+    }
+    if (!instanceReady()) {
+        AVS_LOGE_IN(caller, "no initialised instance on this thread, FAILED!");
+        return false;
+    }
+    return true;
+}
+
 bool frameInputsPresent(const ZQGFX_AVS_CONTEXT_T* context)
 {
     if (context->inputFdArray != nullptr) return true;
@@ -239,14 +253,7 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context)
 ZQGFX_AVS_STATUS ZQGFX_AVS_resize(void* context)
 {
     AvsTimer timer;
-    if (context == nullptr) {
-        AVS_LOGE("input context is NULL, return FAILED!");
-        return ZQGFX_AVS_FAILED;
-    }
-    if (!instanceReady()) {
-        AVS_LOGE("no initialised instance on this thread, FAILED!");
-        return ZQGFX_AVS_FAILED;
-    }
+    if (!frameCallReady(context, __FUNCTION__)) return ZQGFX_AVS_FAILED;
     ZQGFX_AVS_CONTEXT_T* ctx = static_cast<ZQGFX_AVS_CONTEXT_T*>(context);
     AvsThreadInstance& state = t_instance;
     AVS_LOGD("inputBufferFormat:0x%x\n", ctx->inputBufferFormat);
@@ -260,14 +267,7 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_resize(void* context)
 ZQGFX_AVS_STATUS ZQGFX_AVS_AllProcess(void* context)
 {
     AvsTimer timer;
-    if (context == nullptr) {
-        AVS_LOGE("input context is NULL, return FAILED!");
-        return ZQGFX_AVS_FAILED;
-    }
-    if (!instanceReady()) {
-        AVS_LOGE("no initialised instance on this thread, FAILED!");
-        return ZQGFX_AVS_FAILED;
-    }
+    if (!frameCallReady(context, __FUNCTION__)) return ZQGFX_AVS_FAILED;
     ZQGFX_AVS_CONTEXT_T* ctx = static_cast<ZQGFX_AVS_CONTEXT_T*>(context);
     AVS_LOGD("avs-debug inputIsAFBC=%d outputIsAFBC=%d\n", ctx->inputIsAFBC, ctx->outputIsAFBC);
     if (!frameInputsPresent(ctx) || runFrameSteps(ctx, nullptr) < 0) return ZQGFX_AVS_FAILED;

@@ -96,13 +96,8 @@ struct Rig {
     zqavs::StitchSetup setup(bool useSync = false) const
     {
         zqavs::StitchSetup s;
-        s.cameras = config.cameras;
-        s.srcWidth = config.src_width;
-        s.srcHeight = config.src_height;
-        s.bldWidth = config.bld_width;
-        s.bldHeight = config.bld_height;
+        s.rig = calib.rig;
         s.useSync = useSync;
-        s.alphaType = calib.rig.alpha_type;
         return s;
     }
 };
@@ -131,6 +126,36 @@ inline Frame stitch(const Rig& rig, const std::string& dir, zqavs_synth::BufferM
     }
     return copyFrame(session.outputView());
 }
+
+// A live session on a rig's calibration, written to a temporary directory, with the camera
+// images loaded.
+struct RigSession {
+    TempDir dir;
+    zqavs::StitchSession session;
+
+    // Returns an empty string on success, else what failed.
+    std::string open(const Rig& rig, bool useSync = false)
+    {
+        std::string error;
+        if (!zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) return error;
+        zqavs::StitchSetup setup = rig.setup(useSync);
+        setup.calibDir = dir.path;
+        if (!session.init(setup, &error)) return error;
+        for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
+        return "";
+    }
+    // Stitches one frame and copies it out; an empty frame when stitching failed.
+    Frame next()
+    {
+        double ms = 0;
+        std::string error;
+        if (!session.frame(&ms, &error)) {
+            ADD_FAILURE() << error;
+            return {};
+        }
+        return copyFrame(session.outputView());
+    }
+};
 
 inline Frame stitchFromFiles(const Rig& rig, bool useSync = false)
 {

@@ -1,5 +1,5 @@
-// The portable path's inputs, output canvas, pack pass and colour programs on the machine's real
-// driver (Mesa llvmpipe through EGL surfaceless), with tiny images and hand-computed results.
+// The portable path's inputs, output canvas, pack pass and colour programs on the real driver
+// (Mesa llvmpipe, EGL surfaceless): tiny images against hand-computed results.
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <functional>
 #include <string>
 #include <vector>
@@ -82,15 +81,6 @@ void drawViewport(GLuint program, int width, int height)
     glDisableVertexAttribArray(coord);
 }
 
-void bindSampler(GLuint program, const char* name, int unit, GLuint texture)
-{
-    glUseProgram(program);
-    glUniform1i(glGetUniformLocation(program, name), unit);
-    glActiveTexture(GL_TEXTURE0 + unit);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    glActiveTexture(GL_TEXTURE0);
-}
-
 GLuint rgbaTexture(int width, int height, const Bytes& rgba)
 {
     GLuint texture = 0;
@@ -123,23 +113,14 @@ Bytes memfdContent(int fd, size_t bytes)
     return content;
 }
 
-// Compares byte images `width` bytes wide; on a mismatch writes both as PGM and says where.
+// Compares byte images `width` bytes wide; on a mismatch says where the first one is.
 void expectImagesNear(const Bytes& actual, const Bytes& expected, int width, int tolerance, const std::string& name)
 {
     ASSERT_EQ(actual.size(), expected.size()) << name;
     for (size_t i = 0; i < actual.size(); ++i) {
         if (std::abs(actual[i] - expected[i]) <= tolerance) continue;
-        std::string base = ::testing::TempDir() + "portable_yuv_" + name;
-        const std::pair<const char*, const Bytes*> images[] = {{"_actual.pgm", &actual}, {"_expected.pgm", &expected}};
-        for (auto [suffix, image] : images) {
-            if (FILE* f = fopen((base + suffix).c_str(), "wb")) {
-                fprintf(f, "P5\n%d %zu\n255\n", width, image->size() / width);
-                fwrite(image->data(), 1, image->size(), f);
-                fclose(f);
-            }
-        }
         ADD_FAILURE() << name << ": first mismatch at byte (" << i % width << ", " << i / width << "): "
-                      << int(actual[i]) << " vs " << int(expected[i]) << "; images in " << base << "_*.pgm";
+                      << int(actual[i]) << " vs " << int(expected[i]);
         return;
     }
 }
@@ -289,10 +270,9 @@ TEST_F(PortableYuv, PackWritesOnlyCoveredColumnsWithAveragedChroma)
     }
 }
 
-TEST_F(PortableYuv, ColourProgramsConvertAndRoundTripPureColours)
+TEST_F(PortableYuv, RgbToYuvProgramConvertsPureColours)
 {
-    // Eight pure colours in 4 x 4 blocks; after the 2 x 2 chroma average and the bilinear chroma
-    // fetch, a block's inner pixels see only their own block.
+    // Eight pure colours in 4-column blocks.
     const uint8_t colours[8][3] = {{0, 0, 0},   {255, 255, 255}, {255, 0, 0},   {0, 255, 0},
                                    {0, 0, 255}, {255, 255, 0},   {0, 255, 255}, {255, 0, 255}};
     const int w = 32, h = 4;
@@ -306,60 +286,22 @@ TEST_F(PortableYuv, ColourProgramsConvertAndRoundTripPureColours)
         rgba[i * 4 + 3] = expectYuv[i * 4 + 3] = 255;
     }
     GLuint source = rgbaTexture(w, h, rgba);
-    int nv12Fd = memfdWith(Bytes(nv12ImageBytes(w, h))), blendFd = memfdWith(Bytes(nv12ImageBytes(w, h)));
+    int nv12Fd = memfdWith(Bytes(nv12ImageBytes(w, h)));
     GLuint canvasTexture = 0;
     GLuint canvas = io.importOutput(0, nv12Fd, w, h, w, &canvasTexture);
-    GLuint blendCanvas = io.importOutput(1, blendFd, w, h, w, &canvasTexture);
-    ASSERT_TRUE(canvas && blendCanvas);
+    ASSERT_NE(canvas, 0u);
 
     GLuint toYuv = buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderRGBtoYUV);
     glBindFramebuffer(GL_FRAMEBUFFER, canvas);
-    bindSampler(toYuv, "outTexture", 0, source);
+    glUseProgram(toYuv);
+    glUniform1i(glGetUniformLocation(toYuv, "outTexture"), 0);
+    glBindTexture(GL_TEXTURE_2D, source);
     drawViewport(toYuv, w, h);
     expectImagesNear(readRgba(canvas, w, h), expectYuv, w * 4, 1, "rgb_to_yuv");
 
-    // The blend's last level with alpha 1, A's coarser level equal to the coarser result and
-    // B's detail non-zero: side A comes out, converted.
-    GLuint grey = rgbaTexture(1, 1, {90, 140, 30, 255}), other = rgbaTexture(1, 1, {10, 250, 120, 255});
-    GLuint alphaOne = rgbaTexture(1, 1, {255, 0, 0, 255});
-    GLuint blend = buildProgram(gRemapVertexShader, gPortableFragmentShader_blendYUV);
-    glBindFramebuffer(GL_FRAMEBUFFER, blendCanvas);
-    const std::pair<const char*, GLuint> blendInputs[] = {{"texGaussA_n0", source}, {"texGaussB_n0", other},
-                                                          {"texGaussA_n1", grey},   {"texGaussB_n1", grey},
-                                                          {"texResult_n1", grey},   {"texAlpha", alphaOne}};
-    for (int unit = 0; unit < 6; ++unit) bindSampler(blend, blendInputs[unit].first, unit, blendInputs[unit].second);
-    drawViewport(blend, w, h);
-    expectImagesNear(readRgba(blendCanvas, w, h), expectYuv, w * 4, 1, "blend_yuv");
-
-    // Back: pack to NV12, import that as a camera, YUV-to-RGB into a plain RGBA target.
-    ColumnSpanList all;
-    all.add(0, w);
-    ASSERT_EQ(io.packOutput(canvas, all), 0);
-    GLuint luma = io.importInput(2, nv12Fd, w, h);
-    GLuint target = rgbaTexture(w, h, Bytes(w * h * 4)), targetFbo = 0;
-    glGenFramebuffers(1, &targetFbo);
-    glBindFramebuffer(GL_FRAMEBUFFER, targetFbo);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, target, 0);
-    GLuint toRgb = buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderRGB);
-    ASSERT_TRUE(io.bindInputTextures(luma));
-    glUseProgram(toRgb);
-    glUniform1i(glGetUniformLocation(toRgb, "outTexture"), 0);
-    drawViewport(toRgb, w, h);
-    Bytes back = readRgba(targetFbo, w, h);
-    for (int i = 0; i < w * h; ++i) {
-        bool inner = (i % w) % 4 == 1 || (i % w) % 4 == 2;
-        if (inner && i / w != 0 && i / w != h - 1) continue;
-        std::fill_n(&back[i * 4], 4, 0);  // block edges: compared as equal
-        std::fill_n(&rgba[i * 4], 4, 0);
-    }
-    expectImagesNear(back, rgba, w * 4, 1, "yuv_to_rgb_round_trip");
-
-    GLuint textures[] = {source, grey, other, alphaOne, target};
-    glDeleteTextures(5, textures);
-    glDeleteFramebuffers(1, &targetFbo);
-    for (GLuint program : {toYuv, blend, toRgb}) glDeleteProgram(program);
+    glDeleteTextures(1, &source);
+    glDeleteProgram(toYuv);
     close(nv12Fd);
-    close(blendFd);
 }
 
 TEST_F(PortableYuv, RefusesDescriptorsItCannotMapWhole)
@@ -387,17 +329,4 @@ TEST_F(PortableYuv, RefusesDescriptorsItCannotMapWhole)
     EXPECT_EQ(io.refreshInput(0), -1);
     EXPECT_EQ(io.refreshInput(2), -1);
     for (int fd : {shortFd, wholeFd, pipeFds[0], pipeFds[1]}) close(fd);
-}
-
-TEST_F(PortableYuv, PortableTextsBuildWithTheEnginesVertexTexts)
-{
-    RemapShaderTexts remap = remapShaderTexts(true);
-    for (const char* fragment : {remap.yuvToYuv, remap.yuvToRgb, remap.rgbToYuv}) {
-        GLuint program = buildProgram(remap.vertex, fragment);
-        EXPECT_NE(program, 0u);
-        glDeleteProgram(program);
-    }
-    GLuint blend = buildProgram(gVertexShader, blendYuvFragmentText(true));
-    EXPECT_NE(blend, 0u);
-    glDeleteProgram(blend);
 }

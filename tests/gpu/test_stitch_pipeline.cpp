@@ -94,13 +94,8 @@ void expectSameBytes(const Frame& actual, const Frame& expected, const char* nam
 TEST(StitchPipeline, RunsOnThePortablePathHere)
 {
     Rig rig(smallRig());
-    zqavs::StitchSession session;
-    std::string error;
-    TempDir dir;
-    ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
-    zqavs::StitchSetup setup = rig.setup();
-    setup.calibDir = dir.path;
-    ASSERT_TRUE(session.init(setup, &error)) << error;
+    RigSession live;
+    ASSERT_EQ(live.open(rig), "");
     // Mesa's software rasterizer has neither dma-buf import nor YUV render targets.
     EXPECT_STREQ(ZQGFX_AVS_get_path(), "portable");
 }
@@ -111,11 +106,13 @@ TEST(StitchPipeline, FileModeReproducesTheScene)
     const Frame frame = stitchFromFiles(rig);
     const Frame expected = expectedPanorama(rig.scene);
     const double psnr = lumaPsnr(frame, expected, zqavs_synth::coveredColumns(rig.calib.layout));
-    if (psnr < 30.0) {
+    printf("stitched Y against the scene: %.2f dB\n", psnr);
+    // Measured 42.76 dB with Mesa 22.3 llvmpipe; the bar sits just under it.
+    if (psnr < 42.0) {
         writeFramePgm(frame, failureImagePath("scene_actual.pgm"));
         writeFramePgm(expected, failureImagePath("scene_expected.pgm"));
     }
-    EXPECT_GE(psnr, 30.0) << "stitched Y against the scene";
+    EXPECT_GE(psnr, 42.0) << "stitched Y against the scene";
 }
 
 TEST(StitchPipeline, BlendingHidesTheExposureStepAtSeams)
@@ -142,6 +139,7 @@ TEST(StitchPipeline, BlendingHidesTheExposureStepAtSeams)
         double blendedStep = 0;
         for (int x = seam.startx + 1; x < seam.startx + seam.width; ++x)
             blendedStep = std::max(blendedStep, exposureStep(frame, onlyA, x));
+        printf("seam at %d: step %.2f blended, %.2f with a hard cut\n", seam.startx, blendedStep, hardStep);
         EXPECT_GT(hardStep, 8.0) << "the exposure difference should show at a hard cut";
         EXPECT_LT(blendedStep, hardStep / 3) << "seam at " << seam.startx << ": blended step " << blendedStep
                                              << " vs hard cut " << hardStep;
@@ -220,22 +218,16 @@ TEST(StitchPipeline, PixelsNoBlockCoversKeepTheBuffersContent)
 {
     zqavs_synth::RigConfig config = smallRig();
     Rig rig(config);
-    TempDir dir;
+    RigSession live;
+    ASSERT_EQ(live.open(rig), "");
+    zqavs::StitchSession& session = live.session;
     std::string error;
-    ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
-    zqavs::StitchSetup setup = rig.setup();
-    setup.calibDir = dir.path;
-    zqavs::StitchSession session;
-    ASSERT_TRUE(session.init(setup, &error)) << error;
-    for (int c = 0; c < config.cameras; ++c) session.setInput(c, rig.cameras[c]);
     // The buffer is wider than the panorama when the width is not a multiple of 16; the
     // stride padding and everything outside the resized panorama must keep their bytes.
     const int half = config.bld_width / 2;
     ASSERT_TRUE(session.resize(half, config.bld_height, &error)) << error;
     memset(session.output().data(), 0xA5, session.output().size());
-    double ms = 0;
-    ASSERT_TRUE(session.frame(&ms, &error)) << error;
-    const Frame frame = copyFrame(session.outputView());
+    const Frame frame = live.next();
     // Columns past the half width inside the new stride are not covered by any resized block.
     int written = 0;
     for (int row = 0; row < frame.height; ++row)
@@ -251,20 +243,13 @@ TEST(StitchPipeline, ResizeToHalfWidthSqueezesTheBlocks)
 {
     zqavs_synth::RigConfig config = smallRig();
     Rig rig(config);
-    TempDir dir;
-    std::string error;
-    ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
-    const Frame full = stitch(rig, dir.path);
-    zqavs::StitchSetup setup = rig.setup();
-    setup.calibDir = dir.path;
-    zqavs::StitchSession session;
-    ASSERT_TRUE(session.init(setup, &error)) << error;
-    for (int c = 0; c < config.cameras; ++c) session.setInput(c, rig.cameras[c]);
+    RigSession live;
+    ASSERT_EQ(live.open(rig), "");
+    const Frame full = live.next();
     const int half = config.bld_width / 2;
-    ASSERT_TRUE(session.resize(half, config.bld_height, &error)) << error;
-    double ms = 0;
-    ASSERT_TRUE(session.frame(&ms, &error)) << error;
-    const Frame small = copyFrame(session.outputView());
+    std::string error;
+    ASSERT_TRUE(live.session.resize(half, config.bld_height, &error)) << error;
+    const Frame small = live.next();
     ASSERT_EQ(small.width, half);
 
     // The full-size panorama averaged 2:1 across is what the squeezed blocks should show.
@@ -293,17 +278,9 @@ TEST(StitchPipeline, ResizeToHalfWidthSqueezesTheBlocks)
 TEST(StitchPipeline, UpdatedMeshMovesTheBlocksContent)
 {
     Rig rig(smallRig());
-    TempDir dir;
-    std::string error;
-    ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
-    zqavs::StitchSetup setup = rig.setup();
-    setup.calibDir = dir.path;
-    zqavs::StitchSession session;
-    ASSERT_TRUE(session.init(setup, &error)) << error;
-    for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
-    double ms = 0;
-    ASSERT_TRUE(session.frame(&ms, &error)) << error;
-    const Frame before = copyFrame(session.outputView());
+    RigSession live;
+    ASSERT_EQ(live.open(rig), "");
+    const Frame before = live.next();
 
     // Camera 1's non-overlap block is its first block: mesh order index = blocks of camera 0.
     const int camera = 1;
@@ -320,9 +297,8 @@ TEST(StitchPipeline, UpdatedMeshMovesTheBlocksContent)
     update.meshHeight_ = mesh.height;
     update.meshxBufAddr_ = mesh.x.data();
     update.meshyBufAddr_ = mesh.y.data();
-    ASSERT_EQ(ZQGFX_AVS_update_mesh(&session.context(), &update), ZQGFX_AVS_SUCCESS);
-    ASSERT_TRUE(session.frame(&ms, &error)) << error;
-    const Frame after = copyFrame(session.outputView());
+    ASSERT_EQ(ZQGFX_AVS_update_mesh(&live.session.context(), &update), ZQGFX_AVS_SUCCESS);
+    const Frame after = live.next();
 
     // Inside the block, the new content at x is (close to) the old content a few columns right.
     const int x0 = layout.nonoverlap_block[camera].dst_startx[0] + 24;
@@ -351,15 +327,10 @@ TEST(StitchPipeline, UpdatedMeshMovesTheBlocksContent)
 TEST(StitchPipeline, ManyDistinctDescriptorsCycleThroughTheImportTable)
 {
     Rig rig(smallRig());
-    TempDir dir;
-    std::string error;
-    ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
-    const Frame reference = stitch(rig, dir.path);
-    zqavs::StitchSetup setup = rig.setup();
-    setup.calibDir = dir.path;
-    zqavs::StitchSession session;
-    ASSERT_TRUE(session.init(setup, &error)) << error;
-    for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
+    RigSession live;
+    ASSERT_EQ(live.open(rig), "");
+    zqavs::StitchSession& session = live.session;
+    const Frame reference = live.next();
 
     // Every frame presents the cameras under new descriptor numbers (duplicates of the same
     // buffers), so the 100-slot table fills up and is flushed along the way.

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fakegl/fakegl.h"
+#include "unit/engine_log_support.h"
 #include "gles_multiband_blend.h"
 
 namespace zqgfx_gpu_avs {
@@ -107,23 +108,8 @@ inline std::vector<int> flagsOf(int cameras, std::vector<int> blended)
     return flags;
 }
 
-// True when `out` holds the error line "libzqgfx_avs: <function>,line=<n>: <text>" and its newline.
-inline bool hasErrorLine(const std::string& out, const std::string& text)
-{
-    for (size_t at = out.find(",line="); at != std::string::npos; at = out.find(",line=", at + 1)) {
-        size_t colon = out.find(": ", at);
-        if (colon != std::string::npos && out.compare(colon + 2, text.size() + 1, text + "\n") == 0) return true;
-    }
-    return false;
-}
-
-template <class F>
-std::string stdoutOf(F&& body)
-{
-    testing::internal::CaptureStdout();
-    body();
-    return testing::internal::GetCapturedStdout();
-}
+using engine_test::hasErrorLine;
+using engine_test::stdoutOf;
 
 class BlendTest : public ::testing::Test {
 protected:

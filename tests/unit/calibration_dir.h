@@ -82,6 +82,22 @@ inline int meshNodes(const PSR_INITPARAMS_T& l, int camera, int position)
     return k < 0 ? n.mesh_width[position] * n.mesh_height[position] : o.mesh_width[k] * o.mesh_height[k];
 }
 
+// Buffer-mode records for every block of `l` in mesh order, each with its own x and y mesh.
+struct CallerMeshes {
+    explicit CallerMeshes(const PSR_INITPARAMS_T& l)
+    {
+        for (int c = 0; c < l.camera_num; ++c)
+            for (int p = 0; p < l.image_block_num[c]; ++p)
+                for (char axis : {'x', 'y'}) meshes.push_back(meshValues(axis, c, p, meshNodes(l, c, p)));
+        for (size_t m = 0; m < meshes.size() / 2; ++m)
+            records.push_back({int(m), 16, 16, 0, 0, meshes[2 * m].data(), -1, meshes[2 * m + 1].data(), -1});
+        for (PSR_REMAP_MESH& r : records) pointers.push_back(&r);
+    }
+    std::vector<std::vector<float>> meshes;
+    std::vector<PSR_REMAP_MESH> records;
+    std::vector<void*> pointers;
+};
+
 class TempCalibrationDir {
 public:
     TempCalibrationDir()

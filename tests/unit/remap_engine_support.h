@@ -1,17 +1,17 @@
 // Remap engine tests against the fake driver: an engine built as its owner builds it
-// (zero-filled memory, placement new), and matching of the library's error lines.
+// (zero-filled memory, placement new).
 #ifndef ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
 #define ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <memory>
 #include <new>
 #include <string>
 
 #include "fakegl/fakegl.h"
+#include "unit/engine_log_support.h"
 #include "gl_nv12_remap.h"
 #include "gles_multiband_blend.h"
 
@@ -34,25 +34,8 @@ inline EnginePtr makeEngine()
     return EnginePtr(new (calloc(1, sizeof(zqgfx_gpu_avs::ZQGL_Remap))) zqgfx_gpu_avs::ZQGL_Remap);
 }
 
-// True when `out` holds "libzqgfx_avs: <function>,line=<n>: <text>" and the line's newline.
-inline bool hasErrorLine(const std::string& out, const std::string& function, const std::string& text)
-{
-    const std::string prefix = "libzqgfx_avs: " + function + ",line=";
-    for (size_t at = out.find(prefix); at != std::string::npos; at = out.find(prefix, at + 1)) {
-        size_t p = at + prefix.size();
-        while (p < out.size() && isdigit(static_cast<unsigned char>(out[p]))) ++p;
-        if (out.compare(p, text.size() + 3, ": " + text + "\n") == 0) return true;
-    }
-    return false;
-}
-
-template <class F>
-std::string stdoutOf(F&& body)
-{
-    testing::internal::CaptureStdout();
-    body();
-    return testing::internal::GetCapturedStdout();
-}
+using engine_test::hasErrorLine;
+using engine_test::stdoutOf;
 
 // A fresh fake driver and an engine whose ZQ_EGL_Init succeeded on it.
 class InitialisedEngine : public testing::Test {

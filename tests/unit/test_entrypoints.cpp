@@ -147,11 +147,9 @@ TEST_F(EntryPoints, TraceLinesNeedLevelThreeAtInit)
     init();
     setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
     PSR_INITPARAMS_T caller = entry_test::ringLayout(1, 1, 0), copy;
-    float mesh[4] = {};
-    PSR_REMAP_MESH record{0, 16, 16, 2, 2, mesh, -1, mesh, -1};
-    void* records[1] = {&record};
+    entry_test::CallerMeshes meshes(caller);
     ZQGFX_AVS_CONTEXT_T buffers = entry_test::contextFor(caller, "");
-    buffers.AVS_initParams = &caller, buffers.avsRemapMeshArray = records;
+    buffers.AVS_initParams = &caller, buffers.avsRemapMeshArray = meshes.pointers.data();
     inputMeshCoords used;
     EXPECT_FALSE(hasTraceLines(stdoutOf([&] { EXPECT_EQ(get_mesh_and_init_params(&buffers, &copy, &used), 0); })));
 }
@@ -165,8 +163,6 @@ TEST_F(EntryPoints, FileModeInstanceFromInitToDeinit)
     EXPECT_STREQ(ZQGFX_AVS_get_path(), "target");
     const AvsThreadInstance instance = avs_thread_instance();
     EXPECT_EQ(std::vector<int>(instance.doBlendArray, instance.doBlendArray + 4), (std::vector<int>{1, 1, 1, 0}));
-    EXPECT_EQ(instance.multiband_resource->multi_band_num, (std::vector<int32_t>{2, 2, 2, 0}));
-    EXPECT_EQ(instance.mUseInputMeshCoords->input_meshx, instance.mInputMeshCoords->input_meshx);
 
     stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS); });
     EXPECT_STREQ(ZQGFX_AVS_get_path(), "none");
@@ -263,17 +259,12 @@ TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
 TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
 {
     writeFourCameraCalibration();
-    std::vector<std::vector<float>> meshes;
-    std::vector<PSR_REMAP_MESH> records;
-    std::vector<void*> recordPointers;
-    for (int m = 0; m < 12; ++m)
-        for (char axis : {'x', 'y'}) meshes.push_back(entry_test::meshValues(axis, m / 3, m % 3, entry_test::meshNodes(layout, m / 3, m % 3)));
-    for (int m = 0; m < 12; ++m) records.push_back({m, 16, 16, 0, 0, meshes[2 * m].data(), -1, meshes[2 * m + 1].data(), -1});
-    for (PSR_REMAP_MESH& r : records) recordPointers.push_back(&r);
+    entry_test::CallerMeshes caller(layout);
+    const std::vector<std::vector<float>>& meshes = caller.meshes;
     PSR_DRM_BUF_MSG_S alphaBuffer{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
     void* alphaBuffers[3] = {&alphaBuffer, &alphaBuffer, &alphaBuffer};
     context.useMeshBufAddress = 1, context.AVS_initParams = &layout, context.meshFilePath = nullptr;
-    context.avsRemapMeshArray = recordPointers.data(), context.meshAlphaDrmBufMsgArray = alphaBuffers;
+    context.avsRemapMeshArray = caller.pointers.data(), context.meshAlphaDrmBufMsgArray = alphaBuffers;
 
     ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
     EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data());

@@ -160,15 +160,9 @@ public:
     {
         caller = ringLayout(2, 1, 2);
         caller.output_image_stride = 1234, caller.useSync = 7;
-        meshes.assign(12, std::vector<float>(4));
-        records.resize(6);
-        pointers.clear();
-        for (int m = 0; m < 6; ++m) {
-            records[m] = PSR_REMAP_MESH{m, 16, 16, 2, 2, meshes[2 * m].data(), -1, meshes[2 * m + 1].data(), -1};
-            pointers.push_back(&records[m]);
-        }
+        meshes = entry_test::CallerMeshes(caller);
         context = entry_test::contextFor(caller, "");
-        context.useMeshBufAddress = 1, context.AVS_initParams = &caller, context.avsRemapMeshArray = pointers.data();
+        context.useMeshBufAddress = 1, context.AVS_initParams = &caller, context.avsRemapMeshArray = meshes.pointers.data();
     }
     int load()
     {
@@ -179,9 +173,7 @@ public:
     }
 
     PSR_INITPARAMS_T caller, layout;
-    std::vector<std::vector<float>> meshes;
-    std::vector<PSR_REMAP_MESH> records;
-    std::vector<void*> pointers;
+    entry_test::CallerMeshes meshes{PSR_INITPARAMS_T()};
     ZQGFX_AVS_CONTEXT_T context{};
     inputMeshCoords used;
     std::string printed;
@@ -200,11 +192,11 @@ TEST_F(BufferModeLoading, CopiesTheLayoutAndTakesThePointersInMeshOrder)
     caller.overlap_block[1].dst_startx[0] = -99;  // a deep copy
     EXPECT_EQ(layout.overlap_block[1].dst_startx[0], 320);
     for (int m = 0; m < 6; ++m) {
-        EXPECT_EQ(used.input_meshx[m / 3][m % 3], meshes[2 * m].data());
-        EXPECT_EQ(used.input_meshy[m / 3][m % 3], meshes[2 * m + 1].data());
+        EXPECT_EQ(used.input_meshx[m / 3][m % 3], meshes.meshes[2 * m].data());
+        EXPECT_EQ(used.input_meshy[m / 3][m % 3], meshes.meshes[2 * m + 1].data());
     }
     char line[64];
-    snprintf(line, sizeof line, "use_input_meshy[1][2]=%x\n\n", unsigned(reinterpret_cast<uintptr_t>(meshes[11].data())));
+    snprintf(line, sizeof line, "use_input_meshy[1][2]=%x\n\n", unsigned(reinterpret_cast<uintptr_t>(meshes.meshes[11].data())));
     EXPECT_TRUE(contains(printed, line)) << printed;
 }
 
@@ -226,9 +218,9 @@ TEST_F(BufferModeLoading, InconsistentCallerRecordsAreRefused)
         {[](BufferModeLoading& t) { t.caller.overlap_block[1].alpha_height.pop_back(); },
          "AVS_initParams: camera 1 lists fewer block values than its block counts, FAILED!"},
         {[](BufferModeLoading& t) { t.context.avsRemapMeshArray = nullptr; }, "avsRemapMeshArray is NULL, FAILED!"},
-        {[](BufferModeLoading& t) { t.records[4].meshyBufAddr_ = nullptr; },
+        {[](BufferModeLoading& t) { t.meshes.records[4].meshyBufAddr_ = nullptr; },
          "avsRemapMeshArray[4] (camera 1 block 1) has no mesh buffers, FAILED!"},
-        {[](BufferModeLoading& t) { t.pointers[0] = nullptr; },
+        {[](BufferModeLoading& t) { t.meshes.pointers[0] = nullptr; },
          "avsRemapMeshArray[0] (camera 0 block 0) has no mesh buffers, FAILED!"},
     };
     for (const Case& c : cases) {

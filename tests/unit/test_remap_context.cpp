@@ -65,7 +65,6 @@ TEST_F(RemapContext, InitOnATargetDriver)
     EXPECT_EQ(resource.surface, engine->surface);
     EXPECT_FALSE(resource.caps.portable);
     EXPECT_EQ(fakegl::liveObjects("program"), 3u);
-    EXPECT_NE(engine->gProgramRGBtoYUV, 0u);
     ASSERT_NE(engine->cache_input_fd, nullptr);
     EXPECT_EQ(engine->create_texture_fbo_status.size(), 100u);
 }

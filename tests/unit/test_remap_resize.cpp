@@ -41,16 +41,6 @@ struct Rig {
     int doBlend[2] = {1, 1};
 };
 
-TEST(RemapResize, SameSizeKeepsBlocksAndWindows)
-{
-    Rig rig(280, 40, 600, 40);
-    ASSERT_EQ(rig.resize(1000, 500), 0);
-    EXPECT_EQ(rig.resized.nonoverlap_block[1].dst_startx[0], 320);
-    EXPECT_EQ(rig.resized.nonoverlap_block[1].dst_width[0], 280);
-    EXPECT_EQ(rig.window(0), (std::vector<int>{280, 40, 500}));
-    EXPECT_EQ(rig.window(1), (std::vector<int>{600, 40, 500}));
-}
-
 TEST(RemapResize, ScalesFromTheInitialLayoutInSinglePrecision)
 {
     Rig rig(280, 40, 600, 40);

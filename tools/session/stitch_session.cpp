@@ -14,14 +14,8 @@ StitchSession::~StitchSession()
 bool StitchSession::init(const StitchSetup& setup, std::string* error)
 {
     setup_ = setup;
-    panoramaWidth_ = setup.bldWidth;
-    zqavs_synth::RigConfig rig;
-    rig.cameras = setup.cameras;
-    rig.src_width = setup.srcWidth;
-    rig.src_height = setup.srcHeight;
-    rig.bld_width = setup.bldWidth;
-    rig.bld_height = setup.bldHeight;
-    rig.alpha_type = setup.alphaType;
+    const zqavs_synth::RigConfig& rig = setup.rig;
+    panoramaWidth_ = rig.bld_width;
     context_ = zqavs_synth::makeContext(rig, setup.useSync);
     if (setup.buffers) {
         setup.buffers->attach(&context_);
@@ -30,10 +24,10 @@ bool StitchSession::init(const StitchSetup& setup, std::string* error)
         if (pathWithSlash_.empty() || pathWithSlash_.back() != '/') pathWithSlash_ += '/';
         context_.meshFilePath = &pathWithSlash_[0];
     }
-    inputs_.resize(setup.cameras);
+    inputs_.resize(rig.cameras);
     for (auto& buffer : inputs_)
-        if (!buffer.allocate(setup.srcWidth, setup.srcHeight, error)) return false;
-    if (!output_.allocate(setup.bldWidth, setup.bldHeight, error)) return false;
+        if (!buffer.allocate(rig.src_width, rig.src_height, error)) return false;
+    if (!output_.allocate(rig.bld_width, rig.bld_height, error)) return false;
     memset(output_.data(), 0, output_.size());
     fds_.clear();
     for (auto& buffer : inputs_) fds_.push_back(buffer.fd());
@@ -81,7 +75,7 @@ bool StitchSession::profileFrame(AvsStageTimes* times, std::string* error)
 
 bool StitchSession::resize(int width, int height, std::string* error)
 {
-    if (width > setup_.bldWidth || height != setup_.bldHeight) {
+    if (width > setup_.rig.bld_width || height != setup_.rig.bld_height) {
         *error = "a resize may narrow the panorama but not widen it or change its height";
         return false;
     }

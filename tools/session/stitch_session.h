@@ -17,11 +17,9 @@ struct StitchSetup {
     std::string calibDir;  // file mode: the calibration directory
     // buffer mode when set: the calibration in memory (must outlive the session)
     zqavs_synth::BufferModeCalibration* buffers = nullptr;
-    int cameras = 0;
-    int srcWidth = 0, srcHeight = 0;
-    int bldWidth = 0, bldHeight = 0;
+    // cameras, source and panorama sizes, alpha element type
+    zqavs_synth::RigConfig rig;
     bool useSync = false;
-    zqavs_synth::AlphaType alphaType = zqavs_synth::AlphaType::U8;
 };
 
 class StitchSession {

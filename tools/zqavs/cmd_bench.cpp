@@ -44,12 +44,7 @@ void runRow(BenchRow& row, int frames)
     if (!zqavs_synth::generateCalibration(rig, &calib, &row.error) || !buffers.build(calib, false, &row.error)) return;
     StitchSetup setup;
     setup.buffers = &buffers;
-    setup.cameras = rig.cameras;
-    setup.srcWidth = rig.src_width;
-    setup.srcHeight = rig.src_height;
-    setup.bldWidth = rig.bld_width;
-    setup.bldHeight = rig.bld_height;
-    setup.alphaType = rig.alpha_type;
+    setup.rig = rig;
     StitchSession session;
     if (!session.init(setup, &row.error)) return;
     const zqavs_synth::RgbImage scene = zqavs_synth::makeScene(rig);

@@ -82,12 +82,7 @@ int runDemo(const DemoOptions& options)
 
     StitchSetup setup;
     setup.calibDir = temp.path;
-    setup.cameras = rig.cameras;
-    setup.srcWidth = rig.src_width;
-    setup.srcHeight = rig.src_height;
-    setup.bldWidth = rig.bld_width;
-    setup.bldHeight = rig.bld_height;
-    setup.alphaType = rig.alpha_type;
+    setup.rig = rig;
     StitchSession session;
     if (!session.init(setup, &error)) {
         fprintf(stderr, "zqavs demo: %s\n", error.c_str());

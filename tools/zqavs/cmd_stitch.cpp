@@ -122,13 +122,8 @@ int runStitch(const StitchOptions& options)
     zqavs_synth::BufferModeCalibration buffers;
     StitchSetup setup;
     setup.calibDir = options.calibDir;
-    setup.cameras = cameras;
-    setup.srcWidth = calib.rig.src_width;
-    setup.srcHeight = calib.rig.src_height;
-    setup.bldWidth = calib.rig.bld_width;
-    setup.bldHeight = calib.rig.bld_height;
+    setup.rig = calib.rig;
     setup.useSync = options.sync;
-    setup.alphaType = calib.rig.alpha_type;
     if (options.bufferMode) {
         if (!buffers.build(calib, options.sync, &error)) {
             fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
@@ -138,7 +133,7 @@ int runStitch(const StitchOptions& options)
     }
     std::vector<zqavs_synth::Nv12Image> images(cameras);
     for (int c = 0; c < cameras; ++c)
-        if (!loadCameraImage(options.images[c], setup.srcWidth, setup.srcHeight, &images[c], &error)) {
+        if (!loadCameraImage(options.images[c], calib.rig.src_width, calib.rig.src_height, &images[c], &error)) {
             fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
             return kExitFailure;
         }

@@ -35,7 +35,6 @@ struct StitchOptions {
     std::string calibDir;
     std::vector<std::string> images;
     std::vector<std::string> outputs;
-    std::string size;  // source size of raw NV12 inputs
     int frames = 1;
     bool sync = false;
     std::string resize;
