@@ -47,6 +47,10 @@ expect 0 "" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.nv12 -o "$WORK/b.nv12
 cmp -s "$WORK/a.nv12" "$WORK/b.nv12" || fail "file mode and buffer mode stitched different panoramas"
 expect 2 "3 cameras" -- "$ZQAVS" stitch "$CAL" "$CAL/camera0.png" -o "$WORK/c.png"
 
+# bench: a tiny table
+expect 0 "path: (portable|target)" -- "$ZQAVS" bench --frames 1 --cameras 2 --sizes 320x240 --json "$WORK/bench.json"
+grep -q '"fps"' "$WORK/bench.json" || fail "bench --json wrote no table"
+
 # broken calibrations: every problem is reported, not just the first
 BROKEN=$WORK/broken
 cp -r "$CAL" "$BROKEN"

@@ -17,6 +17,7 @@ struct BenchRow {
     double frameMs = 0.0;
     AvsStageTimes stages{};
     std::string error;
+    std::string path;  // rendering path the rig ran on
 };
 
 // A rig of `cameras` cameras at the given source size; the panorama keeps 3/4 of each camera's
@@ -47,6 +48,7 @@ void runRow(BenchRow& row, int frames)
     setup.rig = rig;
     StitchSession session;
     if (!session.init(setup, &row.error)) return;
+    row.path = ZQGFX_AVS_get_path();
     const zqavs_synth::RgbImage scene = zqavs_synth::makeScene(rig);
     for (int c = 0; c < rig.cameras; ++c) session.setInput(c, zqavs_synth::renderCamera(calib, c, scene));
     double ms = 0.0;
@@ -112,7 +114,8 @@ int runBench(const BenchOptions& options)
         runRow(rows[i], options.frames);
         progress.update(static_cast<int>(i + 1), static_cast<int>(rows.size()));
     }
-    printf("path: %s, %d frames per rig, medians in ms\n", ZQGFX_AVS_get_path(), options.frames);
+    printf("path: %s, %d frames per rig, medians in ms\n", rows.empty() ? "none" : rows[0].path.c_str(),
+           options.frames);
     printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s\n", "cams", "source", "panorama", "frame", "fps", "import",
            "remap", "pyramid", "blend", "pack");
     nlohmann::json json = nlohmann::json::array();
