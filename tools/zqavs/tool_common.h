@@ -44,7 +44,7 @@ struct StitchOptions {
 
 struct DemoOptions {
     std::string out = "out/demo";
-    int frames = 5;
+    int frames = 10;
 };
 
 struct BenchOptions {
