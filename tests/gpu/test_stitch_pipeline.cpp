@@ -7,6 +7,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 
 #include "gl_nv12_remap.h"
@@ -206,12 +208,41 @@ TEST(StitchPipeline, ThreadsWithTheirOwnInstancesGiveTheBytesOfOne)
     std::string error;
     ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
     const Frame single = stitch(rig, dir.path);
-    std::vector<Frame> results(4);
+
+    // Every instance is up before any frame and all frames are done before any tear-down: an
+    // instance's de-init terminates the process-wide EGL display the others share.
+    const int count = 4;
+    std::mutex mutex;
+    std::condition_variable changed;
+    int arrived = 0;
+    auto meetTheOthers = [&](int phase) {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++arrived;
+        changed.notify_all();
+        changed.wait(lock, [&] { return arrived >= phase * count; });
+    };
+    std::vector<Frame> results(count);
     std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t)
-        threads.emplace_back([&, t] { results[t] = stitch(rig, dir.path, nullptr, false, 3); });
+    for (int t = 0; t < count; ++t)
+        threads.emplace_back([&, t] {
+            zqavs::StitchSetup setup = rig.setup();
+            setup.calibDir = dir.path;
+            zqavs::StitchSession session;
+            std::string failure;
+            const bool ready = session.init(setup, &failure);
+            meetTheOthers(1);
+            if (ready) {
+                for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
+                double ms = 0;
+                bool stitched = true;
+                for (int f = 0; f < 3 && stitched; ++f) stitched = session.frame(&ms, &failure);
+                if (stitched) results[t] = copyFrame(session.outputView());
+            }
+            if (!failure.empty()) ADD_FAILURE() << "thread " << t << ": " << failure;
+            meetTheOthers(2);
+        });
     for (std::thread& thread : threads) thread.join();
-    for (int t = 0; t < 4; ++t) expectSameBytes(results[t], single, ("thread" + std::to_string(t)).c_str());
+    for (int t = 0; t < count; ++t) expectSameBytes(results[t], single, ("thread" + std::to_string(t)).c_str());
 }
 
 TEST(StitchPipeline, PixelsNoBlockCoversKeepTheBuffersContent)
