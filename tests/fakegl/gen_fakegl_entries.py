@@ -3,7 +3,8 @@
 that the hand-written fakegl_egl.cpp / fakegl_gles.cpp do not define, plus the table that
 eglGetProcAddress uses to hand out core functions.
 
-Usage: gen_fakegl_entries.py [include dir, default /usr/include]  (run from tests/fakegl/)
+Usage: gen_fakegl_entries.py [include dir, default /usr/include] [output file]
+The build runs it, so the fake always matches the headers the library is compiled against.
 """
 import os
 import re
@@ -60,7 +61,8 @@ def main():
     out += [f'    {{"{name}", reinterpret_cast<ProcAddress>({name})}},' for _, name, _ in protos]
     out += ["};", "const size_t kCoreProcCount = sizeof(kCoreProcs) / sizeof(kCoreProcs[0]);", "",
             "}  // namespace fakegl::detail", ""]
-    with open(os.path.join(HERE, "fakegl_generated.cpp"), "w") as f:
+    target = sys.argv[2] if len(sys.argv) > 2 else os.path.join(HERE, "fakegl_generated.cpp")
+    with open(target, "w") as f:
         f.write("\n".join(out))
 
 
