@@ -19,14 +19,6 @@ using namespace stitch_test;
 
 namespace {
 
-std::vector<uint8_t> seamColumns(const zqavs_synth::Calibration& calib, int width)
-{
-    std::vector<uint8_t> mask(width, 0);
-    for (const zqavs_synth::Seam& seam : calib.seams)
-        std::fill(mask.begin() + seam.startx, mask.begin() + seam.startx + seam.width, 1);
-    return mask;
-}
-
 double lumaPsnr(const Frame& actual, const Frame& expected, const std::vector<uint8_t>& mask)
 {
     return zqavs_synth::psnr(actual.luma(), expected.luma(), mask);
@@ -155,7 +147,6 @@ TEST(StitchPipeline, AlphaOneGivesSideAAndZeroGivesSideB)
     Rig sideA(config), sideB(config);
     setAlpha(sideA.calib, 1.0);
     setAlpha(sideB.calib, 0.0);
-    const std::vector<uint8_t> seams = seamColumns(sideA.calib, config.bld_width);
     const Frame bright = expectedPanorama(sceneWithGain(sideA.scene, 1.2));
     const Frame dark = expectedPanorama(sceneWithGain(sideA.scene, 0.8));
     // Camera 0 and 2 (gain 1.2) are side A of seams 0 and 2; side A of seam 1 is camera 1 (0.8).
@@ -168,7 +159,6 @@ TEST(StitchPipeline, AlphaOneGivesSideAAndZeroGivesSideB)
         EXPECT_GE(lumaPsnr(a, leftIsBright ? bright : dark, mask), 28.0) << "seam " << s << " side A";
         EXPECT_GE(lumaPsnr(b, leftIsBright ? dark : bright, mask), 28.0) << "seam " << s << " side B";
     }
-    (void)seams;
 }
 
 TEST(StitchPipeline, BufferModeGivesTheBytesOfFileMode)
