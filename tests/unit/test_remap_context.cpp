@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "remap_engine_support.h"
@@ -22,6 +21,7 @@ class RemapContext : public testing::Test {
 protected:
     void SetUp() override { fakegl::reset(); }
 
+    // A fresh engine's ZQ_EGL_Init; keeps what it wrote to standard output and error.
     int init()
     {
         engine = makeEngine();
@@ -36,10 +36,19 @@ protected:
     multibandResource resource{};
     std::string out, err;
 };
+
 TEST_F(RemapContext, InitOnATargetDriver)
 {
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(fakegl::callsTo("eglChooseConfig")[0].attribs, configList(EGL_WINDOW_BIT));
+    EXPECT_EQ(err.find("EGL version 1.4\n"), 0u);
+    EXPECT_NE(err.find("GL Version = OpenGL ES 3.1 fakegl\n"), std::string::npos);
+
+    std::vector<fakegl::Call> choose = fakegl::callsTo("eglChooseConfig");
+    ASSERT_EQ(choose.size(), 2u);  // the count, then the configs
+    EXPECT_EQ(choose[0].attribs, configList(EGL_WINDOW_BIT));
+    EXPECT_EQ(choose[1].args[3], 1);
+    EXPECT_EQ(fakegl::callsTo("eglCreatePbufferSurface")[0].attribs,
+              (std::vector<EGLint>{EGL_WIDTH, 100, EGL_HEIGHT, 100, EGL_LARGEST_PBUFFER, EGL_TRUE, EGL_NONE}));
     EXPECT_EQ(fakegl::callsTo("eglCreateContext")[0].attribs,
               (std::vector<EGLint>{EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE}));
     long previous = -1;
@@ -48,13 +57,25 @@ TEST_F(RemapContext, InitOnATargetDriver)
         EXPECT_GT(fakegl::findCall(fn), previous) << fn;
         previous = fakegl::findCall(fn);
     }
-    EXPECT_EQ(std::make_pair(resource.dpy, resource.context), std::make_pair(engine->dpy, engine->context));
+    // No fallback runs on a driver that needs none.
+    EXPECT_EQ(fakegl::countCalls("eglGetPlatformDisplay") + fakegl::countCalls("eglGetConfigAttrib"), 0u);
+
+    EXPECT_EQ(resource.dpy, engine->dpy);
+    EXPECT_EQ(resource.context, engine->context);
+    EXPECT_EQ(resource.surface, engine->surface);
+    EXPECT_FALSE(resource.caps.portable);
     EXPECT_EQ(fakegl::liveObjects("program"), 3u);
+    ASSERT_NE(engine->cache_input_fd, nullptr);
+    EXPECT_EQ(engine->create_texture_fbo_status.size(), 100u);
 }
 
 TEST_F(RemapContext, EachFailedStepReturnsOneWithItsMessage)
 {
-    struct Row { void (*inject)(); const char *out, *err; };
+    struct Row {
+        void (*inject)();
+        const char* out;
+        const char* err;
+    };
     const Row rows[] = {
         {[] { fakegl::inject().noDisplay = true; }, "eglGetDisplay returned EGL_NO_DISPLAY.\n", ""},
         {[] { fakegl::inject().initializeFails = true; }, "eglInitialize failed\n",
@@ -68,7 +89,7 @@ TEST_F(RemapContext, EachFailedStepReturnsOneWithItsMessage)
     for (const Row& row : rows) {
         fakegl::reset();
         row.inject();
-        EXPECT_EQ(init(), 1);
+        EXPECT_EQ(init(), 1) << row.out;
         EXPECT_EQ(out, row.out);
         EXPECT_NE(err.find(row.err), std::string::npos) << err;
         EXPECT_EQ(fakegl::countCalls("glCreateShader"), 0u);
@@ -82,19 +103,32 @@ TEST_F(RemapContext, WithoutAWindowSystemFallsBackToSurfacelessAndPbuffer)
     fakegl::inject().eglClientExtensions = "EGL_EXT_platform_base EGL_MESA_platform_surfaceless";
     ASSERT_EQ(init(), 0) << out << err;
     EXPECT_EQ(engine->dpy, eglGetPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, nullptr, nullptr));
+    EXPECT_EQ(resource.dpy, engine->dpy);
+    EXPECT_EQ(fakegl::callsTo("eglChooseConfig").back().attribs, configList(EGL_PBUFFER_BIT));
+
+    // Either fallback failing leaves the ordinary failure.
+    fakegl::reset();
+    fakegl::inject().initializeFails = true;
+    fakegl::inject().eglClientExtensions = "EGL_MESA_platform_surfaceless";
+    EXPECT_EQ(init(), 1);
+    EXPECT_EQ(out, "eglInitialize failed\n");
+    fakegl::reset();
+    fakegl::inject().numConfigs = 0;
+    EXPECT_EQ(init(), 1);
     EXPECT_EQ(fakegl::callsTo("eglChooseConfig").back().attribs, configList(EGL_PBUFFER_BIT));
 }
 
 TEST_F(RemapContext, ShaderBuildFailures)
 {
-    // Compile failure with a log stops set-up; the vertex shader is not deleted on that path.
+    // Compile failure with a log: set-up stops; the vertex shader is not deleted on that path.
     fakegl::inject().failCompileAt = 2;
     fakegl::inject().compileLog = "0:5: bad sampler";
     EXPECT_EQ(init(), 1);
     EXPECT_NE(err.find("Could not compile shader 35632:\n0:5: bad sampler\n"), std::string::npos);
     EXPECT_EQ(fakegl::liveObjects("shader"), 1u);
+    EXPECT_EQ(fakegl::countCalls("glCreateProgram"), 0u);
 
-    // Without a log the link catches it; earlier programs stay.
+    // Without a log the failed shader goes on to the link, which catches it; earlier programs stay.
     fakegl::reset();
     fakegl::inject().failCompileAt = 4;
     fakegl::inject().failLinkAt = 2;
@@ -102,7 +136,15 @@ TEST_F(RemapContext, ShaderBuildFailures)
     EXPECT_EQ(init(), 1);
     EXPECT_EQ(err.find("Could not compile"), std::string::npos);
     EXPECT_NE(err.find("Could not link program:\nvaryings differ\n"), std::string::npos);
+    EXPECT_NE(engine->gProgram, 0u);
+    EXPECT_EQ(engine->gProgramRGB, 0u);
     EXPECT_EQ(fakegl::liveObjects("program"), 1u);
+    EXPECT_EQ(fakegl::liveObjects("shader"), 0u);
+
+    fakegl::reset();
+    fakegl::inject().failLinkAt = 1;  // no log: silent, still a failure
+    EXPECT_EQ(init(), 1);
+    EXPECT_EQ(err.find("Could not link"), std::string::npos);
 }
 
 TEST_F(RemapContext, DeinitDeletesEveryObjectOnceInOrder)
@@ -112,52 +154,71 @@ TEST_F(RemapContext, DeinitDeletesEveryObjectOnceInOrder)
     PSR_INITPARAMS_T& layout = engine->_remap_init_params;
     layout.camera_num = 2;
     layout.overlap_block.resize(2);
-    layout.overlap_block[0].overlap_num = layout.overlap_block[1].overlap_num = 2;
+    layout.overlap_block[0].overlap_num = 2;
+    layout.overlap_block[1].overlap_num = 2;
     engine->overlapFramebuffer.assign(2, {});
     for (int made : {0, 0, 1}) {
-        engine->overlapFramebuffer[made].emplace_back();
-        glGenFramebuffers(1, &engine->overlapFramebuffer[made].back().fbo_id);
-        glGenTextures(1, &engine->overlapFramebuffer[made].back().texture_id);
+        drmSharedFramebuffer fb{};
+        glGenFramebuffers(1, &fb.fbo_id);
+        glGenTextures(1, &fb.texture_id);
+        engine->overlapFramebuffer[made].push_back(fb);
     }
     // Import slots: an output (framebuffer and texture) and an input (texture only).
     glGenFramebuffers(1, &engine->create_texture_fbo_status[0].fbo_id);
-    for (int i : {0, 1}) glGenTextures(1, &engine->create_texture_fbo_status[i].texture_id);
+    glGenTextures(1, &engine->create_texture_fbo_status[0].texture_id);
+    glGenTextures(1, &engine->create_texture_fbo_status[1].texture_id);
     size_t start = fakegl::calls().size();
 
     std::string log = stdoutOf([&] { EXPECT_EQ(engine->ZQ_EGL_Deinit(), 0); });
     engine.get_deleter().deinitialised = true;
     EXPECT_TRUE(hasErrorLine(log, "ZQ_EGL_Deinit", "camera 1 has 1 overlap framebuffers of 2; deleting those"));
-    EXPECT_EQ(fakegl::doubleDeletes() + fakegl::liveObjects("texture") + fakegl::liveObjects("framebuffer"), 0u);
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+    for (const char* kind : {"texture", "framebuffer", "program", "surface", "context"})
+        EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
 
     std::vector<std::string> sequence;
-    for (size_t i = start; i < fakegl::calls().size(); ++i)
-        if (fakegl::calls()[i].fn.find("Delete") != std::string::npos || fakegl::calls()[i].fn.find("egl") == 0)
-            sequence.push_back(fakegl::calls()[i].fn);
+    for (size_t i = start; i < fakegl::calls().size(); ++i) {
+        const std::string& fn = fakegl::calls()[i].fn;
+        if (fn.find("Delete") != std::string::npos || fn.find("Destroy") != std::string::npos ||
+            fn == "eglMakeCurrent" || fn == "eglTerminate")
+            sequence.push_back(fn);
+    }
     const std::string fb = "glDeleteFramebuffers", tex = "glDeleteTextures", prog = "glDeleteProgram";
-    EXPECT_EQ(sequence, (std::vector<std::string>{fb, tex, fb, tex, fb, tex, fb, tex, tex, prog, prog, prog,
-                                                  "eglDestroySurface", "eglDestroyContext", "eglMakeCurrent",
-                                                  "eglTerminate"}));
+    EXPECT_EQ(sequence, (std::vector<std::string>{fb, tex, fb, tex, fb, tex,  // overlap framebuffers
+                                                  fb, tex, tex,               // import slots
+                                                  prog, prog, prog, "eglDestroySurface", "eglDestroyContext",
+                                                  "eglMakeCurrent", "eglTerminate"}));
+    std::vector<fakegl::Call> programs = fakegl::callsTo("glDeleteProgram");
+    ASSERT_EQ(programs.size(), 3u);
+    EXPECT_EQ((std::vector<int64_t>{programs[0].args[0], programs[1].args[0], programs[2].args[0]}),
+              (std::vector<int64_t>{engine->gProgram, engine->gProgramRGB, engine->gProgramRGBtoYUV}));
 }
 
 class RemapFence : public InitialisedEngine {};
+
 TEST_F(RemapFence, OnlyASuccessfulWaitReleasesTheFence)
 {
     void* sync = engine->gles_create_sync();
     ASSERT_NE(sync, nullptr);
-    fakegl::inject().clientWaitResult = EGL_TIMEOUT_EXPIRED_KHR;  // a timeout keeps the fence
+    EXPECT_EQ(fakegl::callsTo("eglCreateSyncKHR")[0].args[1], EGL_SYNC_FENCE_KHR);
+
+    fakegl::inject().clientWaitResult = EGL_TIMEOUT_EXPIRED_KHR;
     std::string out = stdoutOf([&] { EXPECT_EQ(engine->gles_wait_sync(sync), 1); });
     EXPECT_TRUE(hasErrorLine(out, "gles_wait_sync", "GLProcess: fence wait timed out"));
     EXPECT_EQ(fakegl::liveObjects("sync"), 1u);
-    const std::vector<int64_t> wait = fakegl::callsTo("eglClientWaitSyncKHR")[0].args;
-    EXPECT_EQ(std::vector<int64_t>(wait.begin() + 1, wait.end()),
-              (std::vector<int64_t>{reinterpret_cast<int64_t>(sync), EGL_SYNC_FLUSH_COMMANDS_BIT_KHR, 2000000000}));
+    EXPECT_EQ(fakegl::callsTo("eglClientWaitSyncKHR")[0].args,
+              (std::vector<int64_t>{reinterpret_cast<int64_t>(engine->dpy), reinterpret_cast<int64_t>(sync),
+                                    EGL_SYNC_FLUSH_COMMANDS_BIT_KHR, 2000000000}));
 
+    // Any other result counts as signalled when no EGL error is pending.
     fakegl::inject().clientWaitResult = EGL_FALSE;
     EXPECT_EQ(engine->gles_wait_sync(sync), 0);
     EXPECT_EQ(fakegl::liveObjects("sync"), 0u);
 
     out = stdoutOf([&] { EXPECT_EQ(engine->gles_wait_sync(nullptr), 1); });
     EXPECT_TRUE(hasErrorLine(out, "gles_wait_sync", "GLProcess: error waiting on EGL fence: 0x300c"));
+    EXPECT_EQ(fakegl::countCalls("eglDestroySyncKHR"), 1u);
+
     fakegl::inject().noSync = true;
     out = stdoutOf([&] { EXPECT_EQ(engine->gles_create_sync(), nullptr); });
     EXPECT_TRUE(hasErrorLine(out, "gles_create_sync", "failed to create EGL native fence sync"));

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "remap_engine_support.h"
@@ -16,7 +15,9 @@ namespace {
 TEST(ImportSlotLookup, HitOrFirstFreeSlot)
 {
     std::vector<GLuint> table(kImportSlotCount, 0);
-    table[0] = 5, table[1] = 9, table[3] = 7;  // 7 is behind a free slot: the free slot is found first
+    table[0] = 5;
+    table[1] = 9;
+    table[3] = 7;  // behind a free slot: the free slot is found first
     EXPECT_EQ(findImportSlot(table.data(), 9), 1);
     EXPECT_EQ(findImportSlot(table.data(), 7), 2);
     std::fill(table.begin(), table.end(), 4);
@@ -30,8 +31,10 @@ protected:
         InitialisedEngine::SetUp();
         PSR_INITPARAMS_T& p = engine->_remap_init_params;
         p.camera_num = 2;
-        p.src_width = 1000, p.src_height = 720;
-        p.bld_width = 1900, p.bld_height = 720;
+        p.src_width = 1000;
+        p.src_height = 720;
+        p.bld_width = 1900;
+        p.bld_height = 720;
         p.output_image_stride = 2048;
     }
 
@@ -39,7 +42,11 @@ protected:
     {
         return engine->create_texture_and_fbo(fds.data(), inputAfbc, 0, &outFbo);
     }
-    std::string frameLog(std::vector<int> fds) { return stdoutOf([&] { result = frame(fds); }); }
+    // The error lines a frame wrote; its result goes to `result`.
+    std::string frameLog(std::vector<int> fds)
+    {
+        return stdoutOf([&] { result = frame(fds); });
+    }
     const textureAndFboStatus& slot(int i) const { return engine->create_texture_fbo_status[i]; }
 
     GLuint outFbo = 0;
@@ -51,19 +58,32 @@ TEST_F(RemapImport, FirstFrameImportsEveryDescriptor)
     ASSERT_EQ(frame({11, 12, 20}), 0);
     std::vector<fakegl::Call> images = fakegl::callsTo("eglCreateImageKHR");
     ASSERT_EQ(images.size(), 3u);
-    // Inputs: pitch rounded up to 16. Output: the caller's stride as is.
+    // Inputs: pitch rounded up to 16, chroma right after luma. Output: the caller's stride as is.
     EXPECT_EQ(fakegl::attribValue(images[0], EGL_DMA_BUF_PLANE0_PITCH_EXT), 1008);
+    EXPECT_EQ(fakegl::attribValue(images[0], EGL_DMA_BUF_PLANE1_OFFSET_EXT), 1008 * 720);
+    EXPECT_EQ(fakegl::attribValue(images[2], EGL_WIDTH), 1900);
     EXPECT_EQ(fakegl::attribValue(images[2], EGL_DMA_BUF_PLANE0_PITCH_EXT), 2048);
     EXPECT_EQ(fakegl::attribValue(images[2], EGL_DMA_BUF_PLANE1_OFFSET_EXT), 2048 * 720);
+
     EXPECT_EQ(std::vector<GLuint>(engine->cache_input_fd, engine->cache_input_fd + 4),
               (std::vector<GLuint>{11, 12, 20, 0}));
     EXPECT_EQ(engine->textureID, (std::vector<GLuint>{slot(0).texture_id, slot(1).texture_id}));
+    EXPECT_EQ(slot(1).fbo_id, 0u);
     EXPECT_EQ(outFbo, slot(2).fbo_id);
     EXPECT_EQ(engine->fbo_texture0, slot(2).texture_id);
+
+    // Input: image bound before the parameters are set; output: the other way round.
+    auto after = [](const char* fn, long from) { return fakegl::findCall(fn, static_cast<size_t>(from)); };
+    long input = fakegl::findCall("eglCreateImageKHR");
+    long output = after("eglCreateImageKHR", after("eglCreateImageKHR", input + 1) + 1);
+    EXPECT_LT(after("glEGLImageTargetTexture2DOES", input), after("glTexParameteri", input));
+    EXPECT_LT(after("glTexParameteri", output), after("glEGLImageTargetTexture2DOES", output));
+
     // AFBC inputs: one plane with the modifier; the output follows its own flag.
     engine->destroy_texture_and_fbo();
     ASSERT_EQ(frame({11, 12, 20}, 1), 0);
     images = fakegl::callsTo("eglCreateImageKHR");
+    EXPECT_EQ(fakegl::attribValue(images[3], EGL_DMA_BUF_PLANE0_MODIFIER_HI_EXT), 0x08000000);
     EXPECT_EQ(fakegl::attribValue(images[3], EGL_DMA_BUF_PLANE1_FD_EXT), -1);
     EXPECT_EQ(fakegl::attribValue(images[5], EGL_LINUX_DRM_FOURCC_EXT), 0x3231564E);
 }
@@ -73,34 +93,42 @@ TEST_F(RemapImport, KnownDescriptorsAreReusedAndTheOutputRebuiltOnANewBlendSize)
     ASSERT_EQ(frame({11, 12, 20}), 0);
     const GLuint firstFbo = outFbo, firstOutTexture = engine->fbo_texture0;
     const std::vector<GLuint> inputs = engine->textureID;
+
     engine->_remap_init_params.src_width = 640;  // not compared for inputs
     ASSERT_EQ(frame({12, 11, 20}), 0);
     EXPECT_EQ(fakegl::createdObjects("image"), 3u);
     EXPECT_EQ(engine->textureID, (std::vector<GLuint>{inputs[1], inputs[0]}));
     EXPECT_EQ(outFbo, firstFbo);
+
     engine->_remap_init_params.bld_width = 1280;
     ASSERT_EQ(frame({11, 12, 20}), 0);
     EXPECT_EQ(slot(2).width, 1280);
-    EXPECT_EQ(outFbo, slot(2).fbo_id);  // same slot
-    EXPECT_FALSE(fakegl::isLive("framebuffer", firstFbo) || fakegl::isLive("texture", firstOutTexture));
+    EXPECT_EQ(outFbo, slot(2).fbo_id);
+    EXPECT_FALSE(fakegl::isLive("framebuffer", firstFbo));
+    EXPECT_FALSE(fakegl::isLive("texture", firstOutTexture));
+    EXPECT_EQ(engine->cache_input_fd[3], 0u);  // same slot
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 }
 
 TEST_F(RemapImport, ArgumentsAreChecked)
 {
     PSR_INITPARAMS_T& p = engine->_remap_init_params;
-    const std::vector<int> fds = {30, 31, 32, 33, 34, 35, 36, 37, 38, 39, 40};
+    std::vector<int> fds(11);
+    for (int i = 0; i < 11; ++i) fds[i] = 30 + i;
     const std::string fn = "create_texture_and_fbo";
 
     p.camera_num = 11;
     EXPECT_TRUE(hasErrorLine(frameLog(fds), fn, "input cam_num=11 is illegal"));
+    p.camera_num = 0;
+    EXPECT_TRUE(hasErrorLine(frameLog(fds), fn, "input cam_num=0 is illegal"));
     EXPECT_EQ(result, -1);
     p.camera_num = 10;
     p.src_width = 16383;
     EXPECT_EQ(frame(fds), 0);
     p.src_width = 16384;
     EXPECT_TRUE(hasErrorLine(frameLog(fds), fn, "src_width=16384 or src_height=720 is exceed the gpu max texture size limit!"));
-    std::swap(p.src_width, p.bld_height);
+    p.src_width = 1000;
+    p.bld_height = 16384;
     EXPECT_TRUE(hasErrorLine(frameLog(fds), fn, "bld_width=1900 or bld_height=16384 is exceed the gpu max texture size limit!"));
     p.bld_height = 720;
     std::string log = stdoutOf([&] { result = engine->create_texture_and_fbo(nullptr, 0, 0, &outFbo); });
@@ -110,8 +138,8 @@ TEST_F(RemapImport, ArgumentsAreChecked)
     p.camera_num = 2;
     EXPECT_TRUE(hasErrorLine(frameLog({77, 0, 78}), fn, "input fd_array[1]=0 is illegal!"));
     EXPECT_EQ(result, -1);
-    EXPECT_EQ(std::vector<GLuint>(engine->cache_input_fd + 11, engine->cache_input_fd + 13),
-              (std::vector<GLuint>{77, 0}));
+    EXPECT_EQ(engine->cache_input_fd[11], 77u);
+    EXPECT_EQ(engine->cache_input_fd[12], 0u);
 }
 
 TEST_F(RemapImport, TableIsFlushedOnceTheLastSlotIsUsed)
@@ -124,12 +152,14 @@ TEST_F(RemapImport, TableIsFlushedOnceTheLastSlotIsUsed)
     EXPECT_EQ(engine->cache_input_fd[99], 500u);
     EXPECT_EQ(engine->textureID[1], lastCamera1);
     EXPECT_EQ(outFbo, lastFbo);
+
     // Next frame: everything is deleted and imported anew from slot 0.
     ASSERT_EQ(frame({100, 101, 102}), 0);
     EXPECT_EQ(std::vector<GLuint>(engine->cache_input_fd, engine->cache_input_fd + 4),
               (std::vector<GLuint>{100, 101, 102, 0}));
     EXPECT_EQ(engine->cache_input_fd[99], 0u);
-    EXPECT_EQ(fakegl::liveObjects("texture") + fakegl::liveObjects("framebuffer"), 4u);
+    EXPECT_EQ(fakegl::liveObjects("texture"), 3u);
+    EXPECT_EQ(fakegl::liveObjects("framebuffer"), 1u);
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 }
 
@@ -141,7 +171,17 @@ TEST_F(RemapImport, FailedImportsAreRecordedAndTheFrameGoesOn)
     EXPECT_EQ(result, 0);
     EXPECT_TRUE(hasErrorLine(log, "create_egl_texture", "avs-debug eglCreateImageKHR NULL! stride=1008,height=720,fd=11\n"));
     EXPECT_TRUE(hasErrorLine(log, "create_fbo_output", "avs-debug eglCreateImageKHR NULL! stride=2048,height=720,fd=20\n"));
-    EXPECT_EQ(std::make_pair(engine->textureID[0], outFbo), std::make_pair(0xFFFFFFFFu, 0xFFFFFFFFu));
+    EXPECT_EQ(engine->textureID[0], 0xFFFFFFFFu);
+    EXPECT_EQ(outFbo, 0xFFFFFFFFu);
+
+    engine->destroy_texture_and_fbo();
+    fakegl::reset();
+    fakegl::inject().framebufferStatus = GL_FRAMEBUFFER_INCOMPLETE_ATTACHMENT;
+    log = frameLog({11, 12, 20});
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(hasErrorLine(log, "create_fbo_output", "zq_debug create fbo failed!\n"));
+    EXPECT_EQ(slot(2).fbo_id, 0xFFFFFFFFu);
+    EXPECT_EQ(fakegl::liveObjects("image"), 1u);  // the output's image is left as it is
 }
 
 }  // namespace
