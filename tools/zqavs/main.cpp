@@ -12,11 +12,14 @@ int main(int argc, char** argv)
     StitchOptions stitch;
     CheckOptions check;
     BenchOptions bench;
+    CalibOptions calib;
+    IntrinsicsOptions intrinsics;
     addDemoCommand(app, demo, result);
     addSynthCommand(app, synth, result);
     addStitchCommand(app, stitch, result);
     addCheckCommand(app, check, result);
     addBenchCommand(app, bench, result);
+    addCalibCommand(app, calib, intrinsics, result);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& e) {

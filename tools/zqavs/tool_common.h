@@ -47,6 +47,22 @@ struct DemoOptions {
     int frames = 10;
 };
 
+// zqavs calib RIG.json -o DIR [--overlay PNG]
+struct CalibOptions {
+    std::string rig;
+    std::string out;
+    std::string overlay;
+};
+
+// zqavs calib intrinsics IMAGES... --board COLSxROWS --square METRES [--fisheye] -o CAMERA.yml
+struct IntrinsicsOptions {
+    std::vector<std::string> images;
+    std::string board;
+    double square = 0.0;
+    bool fisheye = false;
+    std::string out;
+};
+
 struct BenchOptions {
     int frames = 30;
     std::vector<int> cameras{2, 4, 6, 8};
@@ -59,11 +75,14 @@ void addSynthCommand(CLI::App& app, SynthOptions& options, ToolResult& result);
 void addStitchCommand(CLI::App& app, StitchOptions& options, ToolResult& result);
 void addDemoCommand(CLI::App& app, DemoOptions& options, ToolResult& result);
 void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result);
+void addCalibCommand(CLI::App& app, CalibOptions& options, IntrinsicsOptions& intrinsics, ToolResult& result);
 int runCheck(const CheckOptions& options);
 int runSynth(SynthOptions& options);
 int runStitch(const StitchOptions& options);
 int runDemo(const DemoOptions& options);
 int runBench(const BenchOptions& options);
+int runCalib(const CalibOptions& options);
+int runCalibIntrinsics(const IntrinsicsOptions& options);
 
 // Parameter file, meshes, alpha maps and camera images of a generated calibration into `dir`.
 bool writeSynthDirectory(const zqavs_synth::Calibration& calib, const std::string& dir, std::string* error);

@@ -1,0 +1,32 @@
+// zqavs calib: a calibration directory from a rig file, and camera models from chessboard photos.
+#include "tool_common.h"
+
+namespace zqavs {
+
+void addCalibCommand(CLI::App& app, CalibOptions& options, IntrinsicsOptions& intrinsics, ToolResult& result)
+{
+    CLI::App* cmd = app.add_subcommand("calib", "Calibrate a real rig: rig file -> calibration directory");
+    cmd->add_option("RIG", options.rig, "rig file (JSON): panorama and camera models")->check(CLI::ExistingFile);
+    cmd->add_option("-o,--out", options.out, "calibration directory to write (created when missing)");
+    cmd->add_option("--overlay", options.overlay, "also draw the layout (cameras, blocks, seams) as a PNG");
+    cmd->callback([cmd, &options, &result] {
+        if (cmd->got_subcommand("intrinsics")) return;
+        if (options.rig.empty() || options.out.empty())
+            throw CLI::ValidationError("calib", "needs RIG and -o DIR (or the intrinsics subcommand)");
+        result.code = runCalib(options);
+    });
+
+    CLI::App* intr = cmd->add_subcommand("intrinsics", "Camera model from chessboard photos");
+    intr->add_option("IMAGES", intrinsics.images, "chessboard photos (PNG/JPEG) of one camera")
+        ->required()
+        ->check(CLI::ExistingFile);
+    intr->add_option("--board", intrinsics.board, "inner corners of the board, COLSxROWS (e.g. 9x6)")->required();
+    intr->add_option("--square", intrinsics.square, "side of one square in metres")
+        ->required()
+        ->check(CLI::PositiveNumber);
+    intr->add_flag("--fisheye", intrinsics.fisheye, "use OpenCV's fisheye model instead of the pinhole one");
+    intr->add_option("-o,--out", intrinsics.out, "OpenCV calibration file to write (.yml or .xml)")->required();
+    intr->callback([&intrinsics, &result] { result.code = runCalibIntrinsics(intrinsics); });
+}
+
+}  // namespace zqavs
