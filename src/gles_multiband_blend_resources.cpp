@@ -551,9 +551,9 @@ void zqglMultibandBlend::deleteAlphaTextureOfCameraLevel(int camera, int levels)
 void zqglMultibandBlend::delete_multibandBlend_resource(int* do_blend_array)
 {
     if (_multiResource == nullptr || do_blend_array == nullptr) return;
-    // The last camera's pyramids and alpha buffer are left in place; callers have long seen them
-    // outlive de-initialisation.
-    for (int i = 0; i + 1 < cameraNum; ++i) {
+    // Every camera's pyramids go, the last one's included: an instance that is started and
+    // stopped again and again must not grow.
+    for (int i = 0; i < cameraNum; ++i) {
         if (do_blend_array[i] > 0 && alphaAttr[i] != nullptr) {
             int levels = _multiResource->multi_band_num[i];
             deleteAlphaTextureOfCameraLevel(i, levels);
