@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The zqavs tool end to end: demo, synth then check, stitch of PNG inputs, broken calibrations.
+# The zqavs tool end to end: demo, synth then check, chessboard refusals, stitch of PNG inputs, broken calibrations.
 set -uo pipefail
 ZQAVS=$1
 WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
@@ -38,6 +38,14 @@ expect 0 "wrote" -- "$ZQAVS" synth "$CAL" --cameras 3 --source-size 320x240 --pa
 expect 0 "0 errors, 0 warnings" -- "$ZQAVS" check "$CAL" --overlay "$WORK/layout.png"
 expect 0 "camera 2 -> 0: not blended" -- "$ZQAVS" check "$CAL"
 [[ -s $WORK/layout.png ]] || fail "check --overlay wrote no picture"
+
+# calib intrinsics refuses photos without the board, a bad --board and unreadable images
+expect 1 "no 9x6 chessboard found in any photo" -- "$ZQAVS" calib intrinsics "$CAL"/camera{0,1,2}.png \
+    --board 9x6 --square 0.025 -o "$WORK/camera.yml"
+expect 2 "--board" -- "$ZQAVS" calib intrinsics "$CAL/camera0.png" --board 9by6 --square 0.025 -o "$WORK/camera.yml"
+expect 1 "cannot read" -- "$ZQAVS" calib intrinsics "$CAL/zq_ps_gpu_mesh_params.txt" --board 9x6 --square 0.025 \
+    -o "$WORK/camera.yml"
+[[ ! -e $WORK/camera.yml ]] || fail "calib intrinsics wrote a camera file after refusing"
 
 # stitch PNG inputs; raw NV12 inputs in file mode and in buffer mode give the same panorama
 expect 0 "wrote .*pano.png" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/pano.png"
