@@ -196,10 +196,12 @@ bool placeSeam(const Rig& rig, const NodeMargins& m, const Run& a, const Run& b,
     const bool wraps = pano.hfov_deg >= 360.0;
     const int boundary = a.end;
     const int bLength = b.end - b.start;
-    // Each camera keeps at least its run's middle for itself.
+    // A seam takes less than half of either run, so that each camera keeps a column of its own
+    // between its two seams.
+    const int aLength = a.end - a.start;
     int lo = boundary, hi = boundary;
-    while (lo - 1 >= a.start + (a.end - a.start + 1) / 2 && sees(m, b.camera, lo - 1, cells)) --lo;
-    while (hi + 1 <= boundary + bLength / 2 && sees(m, a.camera, hi, cells)) ++hi;
+    while (lo - 1 >= a.end - (aLength - 1) / 2 && sees(m, b.camera, lo - 1, cells)) --lo;
+    while (hi + 1 <= boundary + (bLength - 1) / 2 && sees(m, a.camera, hi, cells)) ++hi;
 
     const int unit = seamUnit(pano) / pano.step;
     const int wanted = pano.seam_width / pano.step / unit * unit;
