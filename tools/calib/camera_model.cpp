@@ -184,11 +184,13 @@ void refinePinholeInverse(const CameraSpec& camera, const std::vector<cv::Point2
 // Camera-frame rays of one chunk of pixels.
 void unprojectChunk(const CameraSpec& camera, double fold, const cv::Point2d* pixels, size_t count, cv::Vec3d* rays)
 {
-    const cv::TermCriteria precise(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, 100, 1e-12);
+    // Newton finishes the pinhole case, so a few fixed-point steps do for a start.
+    const cv::TermCriteria precise(cv::TermCriteria::COUNT + cv::TermCriteria::EPS, 20, 1e-12);
+    const cv::TermCriteria start(cv::TermCriteria::COUNT, 10, 0);
     std::vector<cv::Point2d> input(pixels, pixels + count);
     std::vector<cv::Point2d> plane;
     if (camera.model == LensModel::Pinhole) {
-        cv::undistortPoints(input, plane, camera.K, camera.D, cv::noArray(), cv::noArray(), precise);
+        cv::undistortPoints(input, plane, camera.K, camera.D, cv::noArray(), cv::noArray(), start);
         refinePinholeInverse(camera, input, &plane);
         for (size_t i = 0; i < count; ++i) rays[i] = cv::normalize(cv::Vec3d(plane[i].x, plane[i].y, 1.0));
         return;
