@@ -121,6 +121,11 @@ struct RoundTrip {
     Rig (*rig)();
 };
 
+void PrintTo(const RoundTrip& trip, std::ostream* out)
+{
+    *out << trip.name;
+}
+
 class CalibRoundTrip : public testing::TestWithParam<RoundTrip> {};
 
 TEST_P(CalibRoundTrip, StitchedYIsWithinOneDbOfTheExactRemap)
