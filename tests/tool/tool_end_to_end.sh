@@ -47,6 +47,20 @@ expect 1 "cannot read" -- "$ZQAVS" calib intrinsics "$CAL/zq_ps_gpu_mesh_params.
     -o "$WORK/camera.yml"
 [[ ! -e $WORK/camera.yml ]] || fail "calib intrinsics wrote a camera file after refusing"
 
+# synth of a rig file: what its cameras see of a scene, and the ideal panorama; bad rig files exit 1
+cat >"$WORK/rig.json" <<'JSON'
+{"panorama": {"projection": "cylindrical", "width": 256, "height": 64, "hfov_deg": 120, "vfov_deg": 40},
+ "cameras": [{"model": "pinhole", "image_width": 160, "image_height": 120, "K": [100, 0, 79.5, 0, 100, 59.5, 0, 0, 1],
+              "D": [-0.1, 0.01, 0, 0], "R": [1, 0, 0, 0, 1, 0, 0, 0, 1]}]}
+JSON
+expect 0 "wrote" -- "$ZQAVS" synth --rig "$WORK/rig.json" --scene "$CAL/scene.png" -o "$WORK/rigsyn"
+for f in camera0.nv12 camera0.png panorama.png; do
+    [[ -s $WORK/rigsyn/$f ]] || fail "synth --rig did not write $f"
+done
+sed 's/"pinhole"/"fishy"/' "$WORK/rig.json" >"$WORK/bad.json"
+expect 1 "cameras\[0\]\.model" -- "$ZQAVS" synth --rig "$WORK/bad.json" --scene "$CAL/scene.png" -o "$WORK/rigsyn"
+expect 2 "--scene" -- "$ZQAVS" synth --rig "$WORK/rig.json" -o "$WORK/rigsyn"
+
 # stitch PNG inputs; raw NV12 inputs in file mode and in buffer mode give the same panorama
 expect 0 "wrote .*pano.png" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/pano.png"
 [[ -s $WORK/pano.png ]] || fail "stitch wrote no PNG"

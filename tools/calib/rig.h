@@ -69,6 +69,10 @@ void projectDirections(const CameraSpec& camera, const std::vector<cv::Vec3d>& w
                        std::vector<cv::Point2d>* pixels, std::vector<uint8_t>* visible);
 // The world direction (unit length) seen through a camera pixel.
 cv::Vec3d cameraRay(const CameraSpec& camera, const cv::Point2d& pixel);
+// The same for many pixels at once. valid[i] (when asked for) is 0 where no direction lands on
+// pixel i (past the angle where the model folds back, outside a fisheye's image circle).
+void cameraRays(const CameraSpec& camera, const std::vector<cv::Point2d>& pixels, std::vector<cv::Vec3d>* rays,
+                std::vector<uint8_t>* valid);
 // True when a pixel lies at least `margin` pixels inside the image's outermost pixel centres.
 bool insideImage(const CameraSpec& camera, const cv::Point2d& pixel, double margin = 0.0);
 

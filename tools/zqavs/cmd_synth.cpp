@@ -37,11 +37,28 @@ bool writeSynthDirectory(const zqavs_synth::Calibration& calib, const std::strin
 void addSynthCommand(CLI::App& app, SynthOptions& options, ToolResult& result)
 {
     CLI::App* cmd = app.add_subcommand("synth", "Write a synthetic calibration directory and camera images");
-    cmd->add_option("DIR", options.dir, "output directory (created when missing)")->required();
+    CLI::Option* dir = cmd->add_option("DIR", options.dir, "output directory (created when missing)");
+    CLI::Option* out = cmd->add_option("-o,--out", options.dir, "the same as DIR");
+    dir->excludes(out);
     addRigOptions(cmd, options.rig);
+    CLI::Option* rig = cmd->add_option("--rig", options.rigFile,
+                                       "render a real rig (rig file, JSON) seeing --scene, a 360x180 sphere map")
+                           ->check(CLI::ExistingFile);
+    // A rig file describes everything the synthetic rig's options would.
+    for (const char* name : {"--cameras", "--source-size", "--panorama-size", "--step-x", "--step-y", "--bands",
+                             "--alpha", "--overlap", "--gains", "--profile"})
+        rig->excludes(cmd->get_option(name));
     cmd->footer("Writes zq_ps_gpu_mesh_params.txt, the mesh and alpha files, camera<i>.nv12 / .png and scene.png.\n"
-                "Example: zqavs synth calib --cameras 4 --gains 1,1.2,0.8,1");
-    cmd->callback([&options, &result] { result.code = runSynth(options); });
+                "With --rig: camera<i>.nv12 / .png as the rig's cameras see the scene, and panorama.png, the\n"
+                "panorama an ideal stitcher would show (no calibration: that is zqavs calib's job).\n"
+                "Examples: zqavs synth calib --cameras 4 --gains 1,1.2,0.8,1\n"
+                "          zqavs synth --rig rig.json --scene sphere.jpg -o trial");
+    cmd->callback([&options, &result] {
+        if (options.dir.empty()) throw CLI::ValidationError("synth", "needs an output directory (DIR or -o DIR)");
+        if (!options.rigFile.empty() && options.rig.scene.empty())
+            throw CLI::ValidationError("synth", "--rig needs --scene PHOTO");
+        result.code = options.rigFile.empty() ? runSynth(options) : runSynthRig(options);
+    });
 }
 
 int runSynth(SynthOptions& options)

@@ -26,9 +26,11 @@ struct CheckOptions {
     std::string overlay;
 };
 
+// zqavs synth DIR [rig options] | zqavs synth --rig RIG.json --scene PHOTO -o DIR
 struct SynthOptions {
     std::string dir;
     RigOptions rig;
+    std::string rigFile;
 };
 
 struct StitchOptions {
@@ -78,6 +80,7 @@ void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result);
 void addCalibCommand(CLI::App& app, CalibOptions& options, IntrinsicsOptions& intrinsics, ToolResult& result);
 int runCheck(const CheckOptions& options);
 int runSynth(SynthOptions& options);
+int runSynthRig(const SynthOptions& options);
 int runStitch(const StitchOptions& options);
 int runDemo(const DemoOptions& options);
 int runBench(const BenchOptions& options);
