@@ -43,10 +43,10 @@ json validRig()
     };
 }
 
-void writeIntrinsics(const std::string& path, int width)
+void writeIntrinsics(const std::string& path, int width, const char* model = "pinhole")
 {
     cv::FileStorage fs(path, cv::FileStorage::WRITE);
-    fs << "image_width" << width << "image_height" << 480;
+    fs << "model" << model << "image_width" << width << "image_height" << 480;
     fs << "camera_matrix" << cv::Mat(cv::Matx33d(500, 0, 319.5, 0, 502, 241, 0, 0, 1));
     fs << "distortion_coefficients" << cv::Mat(cv::Matx<double, 5, 1>(-0.2, 0.05, 0.001, -0.002, 0.01));
 }
@@ -62,6 +62,7 @@ TEST(RigFile, RoundTripsAndRefusesBadFieldsNamingThem)
     stitch_test::TempDir dir;
     writeIntrinsics(dir.path + "/cam0.yml", 640);
     writeIntrinsics(dir.path + "/wide.yml", 800);
+    writeIntrinsics(dir.path + "/fisheye.yml", 640, "fisheye");
     std::string error;
     zqavs_calib::Rig rig, again;
     ASSERT_TRUE(zqavs_calib::parseRig(validRig().dump(), dir.path, "rig.json", &rig, &error)) << error;
@@ -102,6 +103,7 @@ TEST(RigFile, RoundTripsAndRefusesBadFieldsNamingThem)
         {[](json& j) { j["cameras"][1]["image_height"] = 481; }, "cameras[1].image_height: must be positive and even"},
         {[](json& j) { j["cameras"][0]["intrinsics"] = "wide.yml"; }, "cameras[1]: image size 640x480 differs"},
         {[](json& j) { j["cameras"][0]["intrinsics"] = "absent.yml"; }, "cameras[0].intrinsics: cannot read"},
+        {[](json& j) { j["cameras"][0]["intrinsics"] = "fisheye.yml"; }, "fisheye model, but the rig says pinhole"},
         {[](json& j) { j["cameras"][0]["K"] = j["cameras"][1]["K"]; }, "cameras[0].K: give either intrinsics"},
         {[](json& j) { j["cameras"] = json::array(); }, "rig.json: cameras: expected an array of 1..10"},
         {[](json& j) { j = json::array(); }, "rig.json: expected a JSON object"},

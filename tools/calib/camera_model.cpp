@@ -112,12 +112,13 @@ void projectChunk(const CameraSpec& camera, double fold, const cv::Vec3d* world,
                   uint8_t* visible)
 {
     const bool fisheye = camera.model == LensModel::Fisheye;
+    // theta < fold, without an arc tangent per direction (cos falls on [0, pi]).
+    const double cosFold = std::cos(fold);
     std::vector<cv::Point3d> viaOpenCv;
     std::vector<size_t> index;
     for (size_t i = 0; i < count; ++i) {
         const cv::Vec3d p = camera.R * world[i];
-        const double theta = std::atan2(std::hypot(p[0], p[1]), p[2]);
-        visible[i] = theta < fold && (fisheye || p[2] > kMinPinholeDepth);
+        visible[i] = p[2] > cosFold * std::sqrt(p.dot(p)) && (fisheye || p[2] > kMinPinholeDepth);
         pixels[i] = kNowhere;
         if (!visible[i]) continue;
         if (fisheye && p[2] < kMinFisheyeDepthForOpenCv) {

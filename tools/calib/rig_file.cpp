@@ -224,13 +224,14 @@ void readIntrinsicsFile(const std::string& file, const std::string& field, Camer
     if (!width.isInt() || !height.isInt()) fail(field, file + ": image_width and image_height must be integers");
     camera->image_width = static_cast<int>(width);
     camera->image_height = static_cast<int>(height);
-    // A file that names its model must agree with the rig's.
-    const cv::FileNode model = fs["model"];
-    if (model.isString()) {
-        const std::string expected = camera->model == LensModel::Fisheye ? "fisheye" : "pinhole";
-        if (static_cast<std::string>(model) != expected)
-            fail(field, file + ": a " + static_cast<std::string>(model) + " model, but the rig says " + expected);
-    }
+    // A file that names its model ("model": pinhole / fisheye, or OpenCV's sample's flag
+    // "fisheye_model") must agree with the rig's.
+    std::string named;
+    if (fs["model"].isString()) named = static_cast<std::string>(fs["model"]);
+    if (fs["fisheye_model"].isInt()) named = static_cast<int>(fs["fisheye_model"]) ? "fisheye" : "pinhole";
+    const std::string expected = camera->model == LensModel::Fisheye ? "fisheye" : "pinhole";
+    if (!named.empty() && named != expected)
+        fail(field, file + ": a " + named + " model, but the rig says " + expected);
 }
 
 CameraSpec readCamera(const json& c, const std::string& path, const std::string& baseDir)
