@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "avs_calib_core.h"
 #include "common_resource.h"
 #include "zqgfx_gpu_avs.h"
 
@@ -15,7 +16,7 @@ struct multibandResource;
 class PortableRemapIo;
 
 constexpr int kImportSlotCount = 100;
-constexpr int kMaxTextureSize = 16384;
+using zqavs_calib_core::kMaxTextureSize;
 
 // Slot of the import table for descriptor `fd`: the slot that already holds it or, failing that,
 // the first free one (0); -1 when all kImportSlotCount slots hold other descriptors.
@@ -31,7 +32,7 @@ inline int stripVertexCount(int mesh_w, int mesh_h)
 
 // Every block of a camera has its own mesh index, camera * 10 + block (non-overlap blocks first,
 // then the overlap blocks), so a camera has at most ten blocks.
-constexpr int kMaxBlocksPerCamera = 10;
+using zqavs_calib_core::kMaxBlocksPerCamera;
 inline int meshIndexOf(int cam, int block)
 {
     return cam * kMaxBlocksPerCamera + block;

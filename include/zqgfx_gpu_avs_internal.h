@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "avs_calib_core.h"
 #include "zqgfx_gpu_avs.h"
 
 namespace zqgfx_gpu_avs {
@@ -15,8 +16,7 @@ class ZQGL_Remap;
 class zqglMultibandBlend;
 }
 
-// The engines name a block camera * 10 + block, so a camera holds at most ten blocks.
-constexpr int kMaxBlocksPerCamera = 10;
+using zqavs_calib_core::kMaxBlocksPerCamera;
 
 // Per-thread table of mesh pointers: per camera, per block (non-overlap blocks, then overlap).
 struct inputMeshCoords {
@@ -44,9 +44,6 @@ int get_mesh_and_init_params(ZQGFX_AVS_CONTEXT_T* mcontext, PSR_INITPARAMS_T* in
 // camera's image_block_num, and every per-block array and mesh size is there and not negative.
 // Each fault is reported with `source` (a file or record name); false when there was any.
 bool checkLayoutBlocks(const PSR_INITPARAMS_T& layout, const char* source);
-
-// Mesh file name of block `block` of camera `camera`: path + prefix + camera + block + ".bin".
-std::string meshFileName(const char* meshFilePath, const char* prefix, int camera, int block);
 
 // Blend planning: which camera's seam is blended and where its strip lies.
 int get_do_multiband_blend_array(int cam_num, PSR_INITPARAMS_T* init_params_temp,

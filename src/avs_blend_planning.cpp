@@ -10,59 +10,14 @@ using zqgfx_gpu_avs::multibandResource;
 
 namespace {
 
-// Camera `camera` blends the seam described by overlap block `block` of camera `source`.
-void takeBlock(multibandResource* res, int camera, int source, int block, int* do_blend_array)
+// Camera `plan.camera` blends the strip its plan found.
+void takeStrip(const zqavs_calib_core::SeamPlan& plan, multibandResource* res, int* do_blend_array)
 {
-    res->output_width[camera] = res->alpha_width[source][block];
-    res->output_startx[camera] = res->overlap_startx[source][block];
-    res->multi_band_num[camera] = res->band_num[source][block];
-    res->output_height[camera] = res->alpha_height[source][block];
-    do_blend_array[camera] = 1;
-}
-
-// Two cameras pair their blocks by count alone, without comparing columns.
-void planTwoCameras(const PSR_INITPARAMS_T* layout, multibandResource* res, int* do_blend_array)
-{
-    const int first = layout->overlap_block[0].overlap_num;
-    const int second = layout->overlap_block[1].overlap_num;
-    if (first == 1 && second == 1) {
-        takeBlock(res, 0, 0, 0, do_blend_array);
-        do_blend_array[1] = 0;
-    } else if (first == 2 && second == 2) {
-        takeBlock(res, 0, 1, 0, do_blend_array);
-        takeBlock(res, 1, 1, 1, do_blend_array);
-    } else {
-        do_blend_array[0] = 0;
-        do_blend_array[1] = 0;
-    }
-}
-
-// Block of the right-hand neighbour whose start column matches one of the camera's first two
-// overlap blocks, or -1. Only the neighbour's first two blocks are looked at, and its second
-// one only when it has exactly two.
-int matchingNeighbourBlock(const PSR_INITPARAMS_T* layout, const multibandResource* res, int camera, int neighbour)
-{
-    const int p = layout->overlap_block[camera].overlap_num;
-    const int q = layout->overlap_block[neighbour].overlap_num;
-    if (p <= 0 || q <= 0 || p > 2) return -1;
-    const std::vector<int32_t>& own = res->overlap_startx[camera];
-    const std::vector<int32_t>& next = res->overlap_startx[neighbour];
-    auto startsAt = [&](int column) { return own[0] == column || (p == 2 && own[1] == column); };
-    if (startsAt(next[0])) return 0;
-    if (q == 2 && startsAt(next[1])) return 1;
-    return -1;
-}
-
-void planRing(int cam_num, const PSR_INITPARAMS_T* layout, multibandResource* res, int* do_blend_array)
-{
-    for (int c = 0; c < cam_num; ++c) {
-        const int neighbour = c + 1 < cam_num ? c + 1 : 0;
-        const int block = matchingNeighbourBlock(layout, res, c, neighbour);
-        if (block >= 0)
-            takeBlock(res, c, neighbour, block, do_blend_array);
-        else
-            do_blend_array[c] = 0;
-    }
+    res->output_width[plan.camera] = plan.width;
+    res->output_startx[plan.camera] = plan.startx;
+    res->multi_band_num[plan.camera] = plan.levels;
+    res->output_height[plan.camera] = plan.height;
+    do_blend_array[plan.camera] = 1;
 }
 
 void sizePerBlockFields(const PSR_INITPARAMS_T* layout, multibandResource* res)
@@ -103,10 +58,12 @@ void refreshPlanningLogLevel()
 int get_do_multiband_blend_array(int cam_num, PSR_INITPARAMS_T* init_params_temp, multibandResource* multiband_res,
                                  int* do_blend_array)
 {
-    if (cam_num == 2)
-        planTwoCameras(init_params_temp, multiband_res, do_blend_array);
-    else
-        planRing(cam_num, init_params_temp, multiband_res, do_blend_array);
+    for (const zqavs_calib_core::SeamPlan& plan : zqavs_calib_core::planSeams(*init_params_temp, cam_num)) {
+        if (plan.blended)
+            takeStrip(plan, multiband_res, do_blend_array);
+        else
+            do_blend_array[plan.camera] = 0;
+    }
     for (int c = 0; c < cam_num; ++c) {
         multiband_res->resize_width[c] = multiband_res->output_width[c];
         multiband_res->resize_startx[c] = multiband_res->output_startx[c];

@@ -10,81 +10,13 @@
 #include "common_resource.h"
 #include "zqgfx_gpu_avs_internal.h"
 
+using zqavs_calib_core::kParamsFileName;
+using zqavs_calib_core::meshFileName;
 using zqgfx_gpu_avs::alignTo16;
 
 namespace {
 
-const char* const kParamsFileName = "zq_ps_gpu_mesh_params.txt";
-const char* const kMeshxPrefix = "zq_ps_gpu_meshx";
-const char* const kMeshyPrefix = "zq_ps_gpu_meshy";
 const char* const kCallerLayoutName = "AVS_initParams";
-
-// ---- parameter file ---------------------------------------------------------------------
-
-// Tokens end at every blank, so "label  5" has an empty second token and the value 0.
-std::string firstToken(const std::string& line)
-{
-    return line.substr(0, line.find(' '));
-}
-
-int lineValue(const std::string& line)
-{
-    const size_t blank = line.find(' ');
-    if (blank == std::string::npos) return 0;
-    const size_t end = line.find(' ', blank + 1);
-    return atoi(line.substr(blank + 1, end == std::string::npos ? std::string::npos : end - blank - 1).c_str());
-}
-
-// Lines inside a section are data whatever they hold; past the end of the file they read as 0.
-int readDataLine(std::istream& in)
-{
-    std::string line;
-    std::getline(in, line);
-    return lineValue(line);
-}
-
-// Counts a camera cannot hold are not read block by block (the loader refuses such a camera),
-// so a wild count cannot make the reader run on for billions of lines.
-int blocksToRead(int count)
-{
-    return std::min(count, kMaxBlocksPerCamera);
-}
-
-void readCameraSection(std::istream& in, int blockCount, PSR_INITPARAMS_T* layout)
-{
-    layout->image_block_num.push_back(blockCount);
-    zqPSR_NONOVERLAP_BLOCK nonoverlap;
-    zqPSR_OVERLAP_BLOCK overlap;
-    nonoverlap.nonoverlap_num = readDataLine(in);
-    overlap.overlap_num = readDataLine(in);
-    for (int b = 0; b < blocksToRead(nonoverlap.nonoverlap_num); ++b) {
-        nonoverlap.dst_startx.push_back(readDataLine(in));
-        nonoverlap.dst_width.push_back(readDataLine(in));
-        nonoverlap.mesh_width.push_back(readDataLine(in));
-        nonoverlap.mesh_height.push_back(readDataLine(in));
-    }
-    for (int b = 0; b < blocksToRead(overlap.overlap_num); ++b) {
-        overlap.band_num.push_back(readDataLine(in));
-        overlap.dst_startx.push_back(readDataLine(in));
-        overlap.dst_width.push_back(readDataLine(in));
-        overlap.mesh_width.push_back(readDataLine(in));
-        overlap.mesh_height.push_back(readDataLine(in));
-        overlap.alpha_width.push_back(readDataLine(in));
-        overlap.alpha_height.push_back(readDataLine(in));
-    }
-    layout->nonoverlap_block.push_back(nonoverlap);
-    layout->overlap_block.push_back(overlap);
-}
-
-void readGlobalSection(const std::string& firstLine, std::istream& in, PSR_INITPARAMS_T* layout)
-{
-    layout->src_width = lineValue(firstLine);
-    layout->src_height = readDataLine(in);
-    layout->bld_width = readDataLine(in);
-    layout->bld_height = readDataLine(in);
-    layout->step_x = readDataLine(in);
-    layout->step_y = readDataLine(in);
-}
 
 // ---- layout checks ----------------------------------------------------------------------
 
@@ -199,14 +131,9 @@ void sizeMeshTables(const PSR_INITPARAMS_T& layout, inputMeshCoords* table)
 template <typename Visit>
 void forEachBlock(const PSR_INITPARAMS_T& layout, Visit visit)
 {
-    for (int c = 0; c < layout.camera_num; ++c) {
-        const zqPSR_NONOVERLAP_BLOCK& nonoverlap = layout.nonoverlap_block[c];
-        const zqPSR_OVERLAP_BLOCK& overlap = layout.overlap_block[c];
-        for (int b = 0; b < nonoverlap.nonoverlap_num; ++b)
-            visit(c, b, nonoverlap.mesh_width[b], nonoverlap.mesh_height[b]);
-        for (int b = 0; b < overlap.overlap_num; ++b)
-            visit(c, nonoverlap.nonoverlap_num + b, overlap.mesh_width[b], overlap.mesh_height[b]);
-    }
+    for (int c = 0; c < layout.camera_num; ++c)
+        for (const zqavs_calib_core::BlockView& block : zqavs_calib_core::cameraBlocks(layout, c))
+            visit(c, block.position, block.mesh_width, block.mesh_height);
 }
 
 // Allocates and reads the x and y mesh of one block; both files are tried either way.
@@ -224,11 +151,12 @@ bool readBlockMeshes(const char* dir, int camera, int position, int meshWidth, i
         return false;
     }
     const long length = static_cast<long>(bytes);
-    bool ok = readBinParamsAVS(meshFileName(dir, kMeshxPrefix, camera, position), reinterpret_cast<char*>(meshx),
-                               length) != 0;
-    ok = readBinParamsAVS(meshFileName(dir, kMeshyPrefix, camera, position), reinterpret_cast<char*>(meshy),
-                          length) != 0 && ok;
-    return ok;
+    const std::string path(dir);
+    const bool xRead = readBinParamsAVS(path + meshFileName('x', camera, position), reinterpret_cast<char*>(meshx),
+                                        length) != 0;
+    const bool yRead = readBinParamsAVS(path + meshFileName('y', camera, position), reinterpret_cast<char*>(meshy),
+                                        length) != 0;
+    return xRead && yRead;
 }
 
 unsigned lowBits(const void* pointer)
@@ -257,12 +185,6 @@ void refreshCalibrationLogLevel()
     zqgfx_gpu_avs::UpdateAvsLogLevel();
 }
 
-std::string meshFileName(const char* meshFilePath, const char* prefix, int camera, int block)
-{
-    // Camera and block run together: camera 1 block 12 and camera 11 block 2 share a name.
-    return std::string(meshFilePath) + prefix + std::to_string(camera) + std::to_string(block) + ".bin";
-}
-
 int readTxtParamsAVS(std::string mesh_params_path, PSR_INITPARAMS_T* output_params)
 {
     std::ifstream in(mesh_params_path);
@@ -271,18 +193,7 @@ int readTxtParamsAVS(std::string mesh_params_path, PSR_INITPARAMS_T* output_para
         return 0;
     }
     std::cout << "Read succeeded:" << mesh_params_path << std::endl;
-    int cameraSections = 0;
-    std::string line;
-    // A section-starting line that ends the file without a line break is not processed.
-    while (std::getline(in, line) && !in.eof()) {
-        if (!line.empty() && line[0] == '#') continue;
-        if (firstToken(line) == "camera_" + std::to_string(cameraSections) + ":") {
-            readCameraSection(in, lineValue(line), output_params);
-            ++cameraSections;
-        } else {
-            readGlobalSection(line, in, output_params);
-        }
-    }
+    zqavs_calib_core::readParams(in, output_params);
     return 1;
 }
 

@@ -55,7 +55,7 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
     const int cam_num = _remap_init_params.camera_num;
     AVS_LOGD("enter cam_num=%d,inputIsAFBC=%d,outputIsAFBC=%d\n", cam_num, inputIsAFBC, outputIsAFBC);
 
-    if (cam_num < 1 || cam_num > 10) {
+    if (cam_num < 1 || cam_num > zqavs_calib_core::kMaxCameras) {
         AVS_LOGE("input cam_num=%d is illegal", cam_num);
         return -1;
     }

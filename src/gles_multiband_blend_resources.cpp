@@ -9,6 +9,7 @@
 
 #include "DebugLog.h"
 #include "avs_alloc.h"
+#include "avs_calib_core.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -370,8 +371,8 @@ int zqglMultibandBlend::readAlphaFile(int camera, int length, size_t bytes, Alph
         AVS_LOGE("avs-debug alpha directory is NULL!");
         return -1;
     }
-    std::string path = std::string(directory) + "zq_ps_gpu_alpha" + std::to_string(camera) +
-                       std::to_string(seamNextCamera(camera, cameraNum)) + ".bin";
+    std::string path =
+        std::string(directory) + zqavs_calib_core::alphaFileName(camera, seamNextCamera(camera, cameraNum));
     FILE* file = fopen(path.c_str(), "rb");
     if (file == nullptr) {
         AVS_LOGE("avs-debug fopen failed layername:%s", path.c_str());

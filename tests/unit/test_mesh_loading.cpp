@@ -54,9 +54,9 @@ protected:
 
 TEST_F(MeshLoading, FileNamesRunCameraAndBlockTogether)
 {
-    EXPECT_EQ(meshFileName("/c/", "zq_ps_gpu_meshx", 2, 3), "/c/zq_ps_gpu_meshx23.bin");
-    EXPECT_EQ(meshFileName("/c/", "zq_ps_gpu_meshy", 1, 12), meshFileName("/c/", "zq_ps_gpu_meshy", 11, 2));
-    EXPECT_EQ(meshFileName("/c", "zq_ps_gpu_meshx", 0, 0), "/czq_ps_gpu_meshx00.bin");
+    using zqavs_calib_core::meshFileName;
+    EXPECT_EQ(meshFileName('x', 2, 3), "zq_ps_gpu_meshx23.bin");
+    EXPECT_EQ(meshFileName('y', 1, 12), meshFileName('y', 11, 2));
 }
 
 TEST_F(MeshLoading, FileModeCompletesTheLayoutAndFillsBothTables)

@@ -13,14 +13,6 @@ std::vector<LevelSize> alphaLevelSizes(int width, int height, int levels)
     return sizes;
 }
 
-size_t alphaElementCount(int width, int height, int levels)
-{
-    size_t total = 0;
-    for (const LevelSize& size : alphaLevelSizes(width, height, levels))
-        total += static_cast<size_t>(size.width) * size.height;
-    return total;
-}
-
 // Weight of side A at each column of the full-size level: 1 at the left edge, 0 at the right.
 static std::vector<double> seamProfile(int width, SeamProfile profile)
 {

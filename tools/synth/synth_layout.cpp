@@ -1,7 +1,6 @@
-// Rig validation, panorama layout and the calibration's file names.
+// Rig validation and panorama layout.
 #include <algorithm>
 #include <cmath>
-#include <set>
 
 #include "synth_internal.h"
 #include "zqavs_synth.h"
@@ -132,46 +131,16 @@ std::vector<uint8_t> coveredColumns(const PSR_INITPARAMS_T& layout)
     return mask;
 }
 
-std::string meshFileName(char axis, int camera, int block)
-{
-    return std::string("zq_ps_gpu_mesh") + axis + std::to_string(camera) + std::to_string(block) + ".bin";
-}
-
-std::string alphaFileName(int camera, int next)
-{
-    return "zq_ps_gpu_alpha" + std::to_string(camera) + std::to_string(next) + ".bin";
-}
-
-std::string findFileNameCollision(const PSR_INITPARAMS_T& layout)
-{
-    // The library runs the numbers together (camera 1 block 12 and camera 11 block 2 give the
-    // same name), so a layout whose names clash cannot be written as files.
-    std::set<std::string> meshNames;
-    for (int c = 0; c < layout.camera_num; ++c) {
-        for (int b = 0; b < layout.image_block_num[c]; ++b) {
-            std::string name = meshFileName('x', c, b);
-            if (!meshNames.insert(name).second) {
-                return "mesh file " + name + " would hold two blocks (camera " + std::to_string(c) +
-                       " block " + std::to_string(b) + " clashes with an earlier block)";
-            }
-        }
-    }
-    std::set<std::string> alphaNames;
-    for (int c = 0; c < layout.camera_num; ++c) {
-        std::string name = alphaFileName(c, (c + 1) % layout.camera_num);
-        if (!alphaNames.insert(name).second) return "alpha file " + name + " would hold two seams";
-    }
-    return std::string();
-}
-
 static std::string validateSizes(const RigConfig& rig)
 {
-    if (rig.cameras < 1 || rig.cameras > 10) return "cameras must be 1..10";
+    if (rig.cameras < 1 || rig.cameras > zqavs_calib_core::kMaxCameras)
+        return "cameras must be 1.." + std::to_string(zqavs_calib_core::kMaxCameras);
     if (rig.src_width < 2 || rig.src_height < 2 || rig.src_width % 2 || rig.src_height % 2)
         return "source size must be positive and even (NV12)";
     if (rig.bld_width < 2 || rig.bld_height < 2 || rig.bld_width % 2 || rig.bld_height % 2)
         return "panorama size must be positive and even (NV12)";
-    if (rig.bld_width >= 16384 || rig.bld_height >= 16384) return "panorama size must be below 16384";
+    if (rig.bld_width >= zqavs_calib_core::kMaxTextureSize || rig.bld_height >= zqavs_calib_core::kMaxTextureSize)
+        return "panorama size must be below " + std::to_string(zqavs_calib_core::kMaxTextureSize);
     if (rig.step_x < 1 || rig.step_y < 1) return "mesh steps must be positive";
     if (rig.bld_width % rig.step_x) return "bld_width must be a multiple of step_x";
     if (rig.bld_height % rig.step_y) return "bld_height must be a multiple of step_y";

@@ -36,76 +36,11 @@ bool makeDirectory(const std::string& dir, std::string* error)
     return false;
 }
 
-void appendLine(std::string* text, const char* label, int value)
-{
-    *text += label;
-    *text += ' ';
-    *text += std::to_string(value);
-    *text += '\n';
-}
-
 }  // namespace
-
-std::string paramsFileText(const PSR_INITPARAMS_T& layout)
-{
-    std::string text;
-    appendLine(&text, "src_width", layout.src_width);
-    appendLine(&text, "src_height", layout.src_height);
-    appendLine(&text, "bld_width", layout.bld_width);
-    appendLine(&text, "bld_height", layout.bld_height);
-    appendLine(&text, "step_x", layout.step_x);
-    appendLine(&text, "step_y", layout.step_y);
-    for (int c = 0; c < layout.camera_num; ++c) {
-        const std::string header = "camera_" + std::to_string(c) + ":";
-        appendLine(&text, header.c_str(), layout.image_block_num[c]);
-        const PSR_NONOVERLAP_BLOCK& nb = layout.nonoverlap_block[c];
-        const PSR_OVERLAP_BLOCK& ob = layout.overlap_block[c];
-        appendLine(&text, "nonoverlap_num", nb.nonoverlap_num);
-        appendLine(&text, "overlap_num", ob.overlap_num);
-        for (int b = 0; b < nb.nonoverlap_num; ++b) {
-            appendLine(&text, "dst_startx", nb.dst_startx[b]);
-            appendLine(&text, "dst_width", nb.dst_width[b]);
-            appendLine(&text, "mesh_width", nb.mesh_width[b]);
-            appendLine(&text, "mesh_height", nb.mesh_height[b]);
-        }
-        for (int b = 0; b < ob.overlap_num; ++b) {
-            appendLine(&text, "band_num", ob.band_num[b]);
-            appendLine(&text, "dst_startx", ob.dst_startx[b]);
-            appendLine(&text, "dst_width", ob.dst_width[b]);
-            appendLine(&text, "mesh_width", ob.mesh_width[b]);
-            appendLine(&text, "mesh_height", ob.mesh_height[b]);
-            appendLine(&text, "alpha_width", ob.alpha_width[b]);
-            appendLine(&text, "alpha_height", ob.alpha_height[b]);
-        }
-    }
-    return text;
-}
 
 bool writeCalibration(const Calibration& calib, const std::string& dir, std::string* error)
 {
-    std::string collision = findFileNameCollision(calib.layout);
-    if (!collision.empty()) {
-        if (error) *error = collision;
-        return false;
-    }
-    if (!makeDirectory(dir, error)) return false;
-    const std::string params = paramsFileText(calib.layout);
-    if (!writeFile(joinPath(dir, "zq_ps_gpu_mesh_params.txt"), params.data(), params.size(), error)) return false;
-    for (size_t c = 0; c < calib.meshes.size(); ++c) {
-        for (size_t b = 0; b < calib.meshes[c].size(); ++b) {
-            const BlockMesh& mesh = calib.meshes[c][b];
-            const size_t bytes = mesh.x.size() * sizeof(float);
-            if (!writeFile(joinPath(dir, meshFileName('x', static_cast<int>(c), static_cast<int>(b))), mesh.x.data(), bytes, error) ||
-                !writeFile(joinPath(dir, meshFileName('y', static_cast<int>(c), static_cast<int>(b))), mesh.y.data(), bytes, error))
-                return false;
-        }
-    }
-    for (const AlphaMap& alpha : calib.alphas) {
-        if (!writeFile(joinPath(dir, alphaFileName(alpha.camera, alpha.next)), alpha.bytes.data(),
-                       alpha.bytes.size(), error))
-            return false;
-    }
-    return true;
+    return zqavs_calib_core::writeCalibrationDir(dir, calib.layout, calib.meshes, calib.alphas, {}, error);
 }
 
 bool writeCameraImages(const std::vector<Nv12Image>& cameras, const std::string& dir, std::string* error)

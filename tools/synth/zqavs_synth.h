@@ -19,11 +19,21 @@
 #include <string>
 #include <vector>
 
+#include "avs_calib_core.h"
 #include "zqgfx_gpu_avs.h"
 
 namespace zqavs_synth {
 
-enum class AlphaType { U8, Float };
+// The calibration's own types, names and formats come from the calibration core.
+using zqavs_calib_core::AlphaMap;
+using zqavs_calib_core::AlphaType;
+using zqavs_calib_core::BlockMesh;
+using zqavs_calib_core::alphaElementCount;
+using zqavs_calib_core::alphaFileName;
+using zqavs_calib_core::findFileNameCollision;
+using zqavs_calib_core::meshFileName;
+using zqavs_calib_core::paramsFileText;
+
 enum class SeamProfile { LinearRamp, Step };
 
 // 8-bit interleaved RGB, rows back to back.
@@ -78,12 +88,6 @@ void cameraColumnRange(const PSR_INITPARAMS_T& layout, int camera, int* first, i
 // 1 for every panorama column some block covers.
 std::vector<uint8_t> coveredColumns(const PSR_INITPARAMS_T& layout);
 
-// File names as the library forms them (camera and block numbers run together).
-std::string meshFileName(char axis, int camera, int block);
-std::string alphaFileName(int camera, int next);
-// An empty string when no two block files or alpha files of the layout share a name.
-std::string findFileNameCollision(const PSR_INITPARAMS_T& layout);
-
 // ---- geometry -----------------------------------------------------------------------------
 
 struct CameraModel {
@@ -107,13 +111,6 @@ RigGeometry buildGeometry(const RigConfig& rig, const PSR_INITPARAMS_T& layout);
 bool panoramaToCamera(const RigGeometry& geo, int camera, double px, double py, double* sx, double* sy);
 void cameraToPanorama(const RigGeometry& geo, int camera, double sx, double sy, double* px, double* py);
 
-struct BlockMesh {
-    int width = 0;    // nodes per row
-    int height = 0;   // rows
-    std::vector<float> x;
-    std::vector<float> y;
-};
-
 // Mesh of one block whose first column is dst_startx: node (c, r) holds the source position
 // sampled by the output point at edge coordinate (dst_startx + c * step_x, r * step_y).
 BlockMesh buildBlockMesh(const RigGeometry& geo, int camera, int dst_startx, int mesh_width,
@@ -127,20 +124,9 @@ struct LevelSize {
 };
 // Level l is (W / 2^l) x (H / 2^l), truncated; finest first.
 std::vector<LevelSize> alphaLevelSizes(int width, int height, int levels);
-size_t alphaElementCount(int width, int height, int levels);
 
-// The levels of one seam's alpha map back to back (U8: 255 = side A; float: 1.0 = side A).
 // Level 0 is the profile across the seam; each coarser level is the 2x2 box reduction of the
 // level above it (an odd last column or row is dropped).
-struct AlphaMap {
-    int camera = 0;   // side A
-    int next = 0;     // side B
-    int width = 0;
-    int height = 0;
-    int levels = 0;
-    AlphaType type = AlphaType::U8;
-    std::vector<uint8_t> bytes;   // the file content
-};
 AlphaMap buildAlphaMap(int camera, int next, int width, int height, int levels, AlphaType type,
                        SeamProfile profile);
 
@@ -256,9 +242,7 @@ Nv12View nv12View(const SharedBuffer& buffer, int width, int height);
 // descriptors yet.
 ZQGFX_AVS_CONTEXT_T makeContext(const RigConfig& rig, bool useSync);
 
-// The parameter file's text for a layout.
-std::string paramsFileText(const PSR_INITPARAMS_T& layout);
-// Parameter file, mesh files and alpha files into `dir` (created when missing).
+// Parameter file, mesh files and alpha files into `dir` (created when missing), all or nothing.
 bool writeCalibration(const Calibration& calib, const std::string& dir, std::string* error);
 // "camera<i>.nv12" per camera (rows of the image's stride, chroma after luma).
 bool writeCameraImages(const std::vector<Nv12Image>& cameras, const std::string& dir, std::string* error);

@@ -30,50 +30,19 @@ std::string withSlash(const std::string& dir)
     return (!dir.empty() && dir.back() == '/') ? dir : dir + "/";
 }
 
-}  // namespace
-
-PSR_INITPARAMS_T layoutFromLint(const LintLayout& lint)
+// The layout a context would get from the parameter file in file mode.
+PSR_INITPARAMS_T completeFileLayout(const PSR_INITPARAMS_T& read)
 {
-    PSR_INITPARAMS_T layout;
-    layout.camera_num = static_cast<int>(lint.cameras.size());
-    layout.src_width = lint.src_width;
-    layout.src_height = lint.src_height;
-    layout.bld_width = lint.bld_width;
-    layout.bld_height = lint.bld_height;
-    layout.step_x = lint.step_x;
-    layout.step_y = lint.step_y;
-    layout.image_stride = lint.src_width;
-    layout.output_image_stride = static_cast<uint32_t>((lint.bld_width + 15) & ~15);
+    PSR_INITPARAMS_T layout = read;
+    layout.image_stride = read.src_width;
+    layout.output_image_stride = static_cast<uint32_t>((read.bld_width + 15) & ~15);
     layout.image_formate = PSR_TYPE_YUV420SP;
     layout.gain_step_x = 32;
     layout.gain_step_y = 64;
-    for (const LintCamera& camera : lint.cameras) {
-        zqPSR_NONOVERLAP_BLOCK nonoverlap;
-        zqPSR_OVERLAP_BLOCK overlap;
-        for (const LintBlock& b : camera.blocks) {
-            if (!b.overlap) {
-                nonoverlap.dst_startx.push_back(b.dst_startx);
-                nonoverlap.dst_width.push_back(b.dst_width);
-                nonoverlap.mesh_width.push_back(b.mesh_width);
-                nonoverlap.mesh_height.push_back(b.mesh_height);
-                continue;
-            }
-            overlap.band_num.push_back(b.band_num);
-            overlap.dst_startx.push_back(b.dst_startx);
-            overlap.dst_width.push_back(b.dst_width);
-            overlap.mesh_width.push_back(b.mesh_width);
-            overlap.mesh_height.push_back(b.mesh_height);
-            overlap.alpha_width.push_back(b.alpha_width);
-            overlap.alpha_height.push_back(b.alpha_height);
-        }
-        nonoverlap.nonoverlap_num = camera.nonoverlapNum;
-        overlap.overlap_num = camera.overlapNum;
-        layout.nonoverlap_block.push_back(nonoverlap);
-        layout.overlap_block.push_back(overlap);
-        layout.image_block_num.push_back(camera.blockCount);
-    }
     return layout;
 }
+
+}  // namespace
 
 bool loadCalibration(const std::string& dir, const std::string& alpha, zqavs_synth::Calibration* out,
                      std::string* error)
@@ -86,24 +55,23 @@ bool loadCalibration(const std::string& dir, const std::string& alpha, zqavs_syn
         return false;
     }
     const std::string base = withSlash(dir);
-    out->layout = layoutFromLint(report.layout);
+    out->layout = completeFileLayout(report.layout);
     out->rig.cameras = out->layout.camera_num;
-    out->rig.src_width = report.layout.src_width;
-    out->rig.src_height = report.layout.src_height;
-    out->rig.bld_width = report.layout.bld_width;
-    out->rig.bld_height = report.layout.bld_height;
-    out->rig.step_x = report.layout.step_x;
-    out->rig.step_y = report.layout.step_y;
-    out->meshes.assign(report.layout.cameras.size(), {});
-    for (size_t c = 0; c < report.layout.cameras.size(); ++c) {
-        const auto& blocks = report.layout.cameras[c].blocks;
-        for (size_t b = 0; b < blocks.size(); ++b) {
+    out->rig.src_width = out->layout.src_width;
+    out->rig.src_height = out->layout.src_height;
+    out->rig.bld_width = out->layout.bld_width;
+    out->rig.bld_height = out->layout.bld_height;
+    out->rig.step_x = out->layout.step_x;
+    out->rig.step_y = out->layout.step_y;
+    out->meshes.assign(out->layout.camera_num, {});
+    for (int c = 0; c < out->layout.camera_num; ++c) {
+        for (const zqavs_calib_core::BlockView& block : zqavs_calib_core::cameraBlocks(out->layout, c)) {
             zqavs_synth::BlockMesh mesh;
-            mesh.width = blocks[b].mesh_width;
-            mesh.height = blocks[b].mesh_height;
+            mesh.width = block.mesh_width;
+            mesh.height = block.mesh_height;
             const size_t count = static_cast<size_t>(mesh.width) * mesh.height;
-            const std::string x = base + zqavs_synth::meshFileName('x', static_cast<int>(c), static_cast<int>(b));
-            const std::string y = base + zqavs_synth::meshFileName('y', static_cast<int>(c), static_cast<int>(b));
+            const std::string x = base + zqavs_synth::meshFileName('x', c, block.position);
+            const std::string y = base + zqavs_synth::meshFileName('y', c, block.position);
             if (!readFloats(x, count, &mesh.x) || !readFloats(y, count, &mesh.y)) {
                 *error = "cannot read the meshes " + x + " / " + y;
                 return false;
@@ -111,14 +79,13 @@ bool loadCalibration(const std::string& dir, const std::string& alpha, zqavs_syn
             out->meshes[c].push_back(std::move(mesh));
         }
     }
-    const int cameras = out->layout.camera_num;
     bool typeKnown = alpha != "auto";
     out->rig.alpha_type = alpha == "float" ? zqavs_synth::AlphaType::Float : zqavs_synth::AlphaType::U8;
     for (const SeamPlan& seam : report.plan) {
         if (!seam.blended) continue;
         zqavs_synth::AlphaMap map;
         map.camera = seam.camera;
-        map.next = (seam.camera + 1) % cameras;
+        map.next = seam.neighbour;
         map.width = seam.width;
         map.height = seam.height;
         map.levels = seam.levels;

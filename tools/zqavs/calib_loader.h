@@ -9,9 +9,6 @@
 
 namespace zqavs {
 
-// The layout a context would get from the parameter file in file mode.
-PSR_INITPARAMS_T layoutFromLint(const LintLayout& lint);
-
 // Checks `dir` first (every error is reported into *error) and reads its meshes and the alpha
 // maps of the blended seams. `alpha` is "u8", "float" or "auto" (from the alpha files' sizes).
 bool loadCalibration(const std::string& dir, const std::string& alpha, zqavs_synth::Calibration* out,

@@ -11,7 +11,7 @@ void addCheckCommand(CLI::App& app, CheckOptions& options, ToolResult& result)
     CLI::App* cmd = app.add_subcommand("check", "Lint a calibration directory and show its blend plan");
     cmd->add_option("CALIB_DIR", options.dir, "calibration directory")->required()->check(CLI::ExistingDirectory);
     cmd->add_option("--cameras", options.cameras, "check this many camera sections (as numView would)")
-        ->check(CLI::Range(1, 10));
+        ->check(CLI::Range(1, zqavs_calib_core::kMaxCameras));
     cmd->add_option("--overlay", options.overlay, "write the layout (blocks, seams, cameras) as a PNG");
     cmd->callback([&options, &result] { result.code = runCheck(options); });
 }
