@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# The zqavs tool end to end: demo, synth then check, chessboard refusals, stitch of PNG inputs, broken calibrations.
+# The zqavs tool end to end: demo, synth then check, chessboard refusals, a real rig from rig file to
+# panorama, stitch of PNG inputs, broken calibrations.
 set -uo pipefail
 ZQAVS=$1
 WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
@@ -47,9 +48,10 @@ expect 1 "cannot read" -- "$ZQAVS" calib intrinsics "$CAL/zq_ps_gpu_mesh_params.
     -o "$WORK/camera.yml"
 [[ ! -e $WORK/camera.yml ]] || fail "calib intrinsics wrote a camera file after refusing"
 
-# synth of a rig file: what its cameras see of a scene, and the ideal panorama; bad rig files exit 1
+# a real rig: synth renders what its cameras see, calib makes its calibration, check and stitch take it;
+# bad rig files exit 1
 cat >"$WORK/rig.json" <<'JSON'
-{"panorama": {"projection": "cylindrical", "width": 256, "height": 64, "hfov_deg": 120, "vfov_deg": 40},
+{"panorama": {"projection": "cylindrical", "width": 256, "height": 64, "hfov_deg": 64, "vfov_deg": 40},
  "cameras": [{"model": "pinhole", "image_width": 160, "image_height": 120, "K": [100, 0, 79.5, 0, 100, 59.5, 0, 0, 1],
               "D": [-0.1, 0.01, 0, 0], "R": [1, 0, 0, 0, 1, 0, 0, 0, 1]}]}
 JSON
@@ -60,6 +62,13 @@ done
 sed 's/"pinhole"/"fishy"/' "$WORK/rig.json" >"$WORK/bad.json"
 expect 1 "cameras\[0\]\.model" -- "$ZQAVS" synth --rig "$WORK/bad.json" --scene "$CAL/scene.png" -o "$WORK/rigsyn"
 expect 2 "--scene" -- "$ZQAVS" synth --rig "$WORK/rig.json" -o "$WORK/rigsyn"
+expect 0 "mesh interpolation error" -- "$ZQAVS" calib "$WORK/rig.json" -o "$WORK/rigcal" --overlay "$WORK/rig.png"
+[[ -s $WORK/rigcal/rig.json && -s $WORK/rig.png ]] || fail "calib wrote no rig copy or overlay"
+expect 0 "0 errors" -- "$ZQAVS" check "$WORK/rigcal"
+expect 0 "wrote" -- "$ZQAVS" stitch "$WORK/rigcal" "$WORK/rigsyn/camera0.png" -o "$WORK/rigpano.png"
+sed 's/"hfov_deg": 64/"hfov_deg": 120/' "$WORK/rig.json" >"$WORK/wide.json"
+expect 1 "columns .*hfov" -- "$ZQAVS" calib "$WORK/wide.json" -o "$WORK/widecal"
+[[ ! -e $WORK/widecal ]] || fail "calib left a directory behind after refusing"
 
 # stitch PNG inputs; raw NV12 inputs in file mode and in buffer mode give the same panorama
 expect 0 "wrote .*pano.png" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/pano.png"

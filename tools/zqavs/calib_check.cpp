@@ -245,35 +245,4 @@ CheckReport checkCalibration(const std::string& dir, int cameras)
     return report;
 }
 
-std::vector<unsigned char> drawLayoutOverlay(const PSR_INITPARAMS_T& layout, const std::vector<SeamPlan>& plan,
-                                             int* height)
-{
-    static const unsigned char palette[10][3] = {{230, 25, 75},  {60, 180, 75},  {255, 225, 25}, {0, 130, 200},
-                                                 {245, 130, 48}, {145, 30, 180}, {70, 240, 240}, {240, 50, 230},
-                                                 {210, 245, 60}, {170, 110, 40}};
-    const int band = 32;
-    const int width = layout.bld_width > 0 ? layout.bld_width : 1;
-    const int cameras = layout.camera_num;
-    *height = band * (cameras + 1);
-    std::vector<unsigned char> rgb(static_cast<size_t>(width) * *height * 3, 255);
-    auto fill = [&](int x0, int x1, int y0, int y1, const unsigned char* colour, bool hatched) {
-        for (int y = y0; y < y1; ++y)
-            for (int x = std::max(0, x0); x < std::min(width, x1); ++x) {
-                const bool light = hatched && ((x + y) / 4) % 2 == 0;
-                unsigned char* p = &rgb[(static_cast<size_t>(y) * width + x) * 3];
-                for (int k = 0; k < 3; ++k) p[k] = light ? static_cast<unsigned char>((colour[k] + 255) / 2) : colour[k];
-            }
-    };
-    static const unsigned char black[3] = {0, 0, 0};
-    for (int c = 0; c < cameras; ++c) {
-        for (const BlockView& b : zqavs_calib_core::cameraBlocks(layout, c))
-            fill(b.dst_startx, b.dst_startx + b.dst_width, c * band + 2, (c + 1) * band - 2, palette[c % 10],
-                 b.overlap);
-    }
-    // Bottom band: blended seams in black, with the camera colours beside them.
-    for (const SeamPlan& seam : plan)
-        if (seam.blended) fill(seam.startx, seam.startx + seam.width, cameras * band + 2, (cameras + 1) * band - 2, black, false);
-    return rgb;
-}
-
 }  // namespace zqavs

@@ -32,10 +32,6 @@ struct CheckReport {
 // as a context's numView would; 0 takes every section of the file.
 CheckReport checkCalibration(const std::string& dir, int cameras = 0);
 
-// Draws the layout (one band per camera, blocks, seams) as an RGB image `width` wide.
-std::vector<unsigned char> drawLayoutOverlay(const PSR_INITPARAMS_T& layout, const std::vector<SeamPlan>& plan,
-                                             int* height);
-
 }  // namespace zqavs
 
 #endif  // ZQAVS_CALIB_CHECK_H

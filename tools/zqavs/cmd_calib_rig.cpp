@@ -2,52 +2,13 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 
+#include "avs_calib_core.h"
 #include "rig.h"
 #include "rig_layout.h"
 #include "tool_common.h"
 
 namespace zqavs {
-
-namespace {
-
-namespace fs = std::filesystem;
-
-// Writes the calibration and the rig file's copy into a staging directory beside `dir` and
-// moves them in only when all were written, so that a failure leaves `dir` as it was.
-bool writeStaged(const zqavs_synth::Calibration& calib, const std::string& rigJson, const std::string& dir,
-                 std::string* error)
-{
-    fs::path target = fs::absolute(dir).lexically_normal();
-    if (target.filename().empty()) target = target.parent_path();
-    const fs::path staging = target.parent_path() / ("." + target.filename().string() + ".staging");
-    std::error_code ec;
-    fs::remove_all(staging, ec);
-    bool ok = zqavs_synth::writeCalibration(calib, staging.string(), error);
-    if (ok) {
-        std::ofstream copy(staging / "rig.json");
-        ok = static_cast<bool>(copy << rigJson << '\n');
-        if (!ok) *error = "cannot write " + (staging / "rig.json").string();
-    }
-    if (ok) {
-        fs::create_directories(target, ec);
-        for (const fs::directory_entry& entry : fs::directory_iterator(staging, ec)) {
-            fs::rename(entry.path(), target / entry.path().filename(), ec);
-            if (ec) {
-                *error = "cannot move " + entry.path().filename().string() + " into " + target.string() + ": " +
-                         ec.message();
-                ok = false;
-                break;
-            }
-        }
-    }
-    fs::remove_all(staging, ec);
-    return ok;
-}
-
-}  // namespace
 
 int runCalib(const CalibOptions& options)
 {
@@ -63,7 +24,10 @@ int runCalib(const CalibOptions& options)
         return kExitFailure;
     }
     for (const std::string& warning : calib.warnings) fprintf(stderr, "zqavs calib: warning: %s\n", warning.c_str());
-    if (!writeStaged(calib.calibration, zqavs_calib::rigToJson(rig), options.out, &error)) {
+    // The rig file travels with its calibration, every model written in, in the same all-or-nothing step.
+    const std::vector<zqavs_calib_core::NamedFile> rigCopy{{"rig.json", zqavs_calib::rigToJson(rig) + "\n"}};
+    const zqavs_synth::Calibration& out = calib.calibration;
+    if (!zqavs_calib_core::writeCalibrationDir(options.out, out.layout, out.meshes, out.alphas, rigCopy, &error)) {
         fprintf(stderr, "zqavs calib: %s\n", error.c_str());
         return kExitFailure;
     }

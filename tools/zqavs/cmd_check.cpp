@@ -1,7 +1,10 @@
 // zqavs check CALIB_DIR: lint a calibration directory.
+#include <opencv2/imgcodecs.hpp>
+
 #include <cstdio>
 
 #include "calib_check.h"
+#include "rig_layout.h"
 #include "tool_common.h"
 
 namespace zqavs {
@@ -37,10 +40,11 @@ int runCheck(const CheckOptions& options)
             printf("  camera %d -> %d: not blended: %s\n", seam.camera, seam.neighbour, seam.reason.c_str());
     }
     if (!options.overlay.empty()) {
-        int height = 0;
-        const std::vector<unsigned char> rgb = drawLayoutOverlay(report.layout, report.plan, &height);
-        const int width = report.layout.bld_width > 0 ? report.layout.bld_width : 1;
-        if (!writePng(options.overlay, rgb.data(), width, height)) {
+        // The same picture as `zqavs calib --overlay`, with the seams the library will blend.
+        std::vector<zqavs_synth::Seam> blended;
+        for (const SeamPlan& seam : report.plan)
+            if (seam.blended) blended.push_back({seam.camera, seam.neighbour, seam.startx, seam.width});
+        if (!cv::imwrite(options.overlay, zqavs_calib::drawLayoutOverlay(report.layout, blended))) {
             fprintf(stderr, "zqavs check: cannot write %s\n", options.overlay.c_str());
             return kExitFailure;
         }
