@@ -168,31 +168,34 @@ struct BytesCase {
     const char* properties;
 };
 
+void PrintTo(const BytesCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
 class GstStitchBytes : public GstStitch, public ::testing::WithParamInterface<BytesCase> {};
 
-// Frames alternate between the rig's images and the same images on swapped cameras, so that a
-// stale or misplaced camera frame shows. A pool sends the same two buffers per camera again and
-// again; without it every frame is in new memory.
+// Three sets of camera images take turns (the rig's, the cameras swapped, camera 0 twice), so
+// that a stale or misplaced camera frame shows. Frames go one at a time, so new memory may get
+// the descriptor numbers of frames already stitched; a pool sends the same buffers again instead.
 TEST_P(GstStitchBytes, EveryFrameIsTheToolsPanoramaWithSink0sTiming)
 {
-    Rig swapped = rig;
-    std::swap(swapped.cameras[0], swapped.cameras[1]);
-    const Rig* variants[2] = {&rig, &swapped};
-    const Frame expected[2] = {stitch(rig, dir.path), stitch(swapped, dir.path)};
+    constexpr int kVariants = 3;
+    Rig variants[kVariants] = {rig, rig, rig};
+    std::swap(variants[1].cameras[0], variants[1].cameras[1]);
+    variants[2].cameras[1] = rig.cameras[0];
+    std::vector<Frame> expected;
+    for (const Rig& variant : variants) expected.push_back(stitch(variant, dir.path));
     const Input input = GetParam().input;
-    GstBuffer* pool[2][2];
-    for (int v = 0; v < 2; ++v)
-        for (int c = 0; c < 2; ++c) pool[v][c] = cameraBuffer(variants[v]->cameras[c], input);
+    GstBuffer* pool[kVariants][2];
+    for (int v = 0; v < kVariants; ++v)
+        for (int c = 0; c < 2; ++c) pool[v][c] = cameraBuffer(variants[v].cameras[c], input);
     launch({{320, 240}, {320, 240}}, GetParam().properties);
     ASSERT_EQ(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_ASYNC);
-    const int frames = 4;
-    for (int f = 0; f < frames; ++f)
+    for (int f = 0; f < 2 * kVariants; ++f) {
+        const int v = f % kVariants;
         for (int c = 0; c < 2; ++c)
-            push(c, input == Input::MemfdPool ? gst_buffer_copy(pool[f % 2][c]) : cameraBuffer(variants[f % 2]->cameras[c], input), f);
-    for (auto& buffers : pool)
-        for (GstBuffer* buffer : buffers) gst_buffer_unref(buffer);
-    for (int c = 0; c < 2; ++c) gst_app_src_end_of_stream(source(c));
-    for (int f = 0; f < frames; ++f) {
+            push(c, input == Input::MemfdPool ? gst_buffer_copy(pool[v][c]) : cameraBuffer(variants[v].cameras[c], input), f);
         GstSample* sample = pull();
         ASSERT_TRUE(sample) << "frame " << f;
         GstBuffer* buffer = gst_sample_get_buffer(sample);
@@ -200,12 +203,14 @@ TEST_P(GstStitchBytes, EveryFrameIsTheToolsPanoramaWithSink0sTiming)
         EXPECT_EQ(GST_BUFFER_DURATION(buffer), kFrame);
         GstMapInfo map;
         ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
-        const Frame& want = expected[f % 2];
-        EXPECT_TRUE(map.size == want.bytes.size() && memcmp(map.data, want.bytes.data(), map.size) == 0)
+        EXPECT_TRUE(map.size == expected[v].bytes.size() && memcmp(map.data, expected[v].bytes.data(), map.size) == 0)
             << "frame " << f << " differs from the tool's panorama";
         gst_buffer_unmap(buffer, &map);
         gst_sample_unref(sample);
     }
+    for (auto& buffers : pool)
+        for (GstBuffer* buffer : buffers) gst_buffer_unref(buffer);
+    for (int c = 0; c < 2; ++c) gst_app_src_end_of_stream(source(c));
     EXPECT_EQ(outcome(), "");
     gchar* path = nullptr;
     g_object_get(element("s"), "path", &path, nullptr);
