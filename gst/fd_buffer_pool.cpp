@@ -7,6 +7,8 @@
 #include <gst/allocators/allocators.h>
 #include <xf86drm.h>
 
+#include <atomic>
+
 struct _ZqavsFdBufferPool {
     GstBufferPool parent;
     GstVideoInfo layout;
@@ -120,21 +122,9 @@ static void zqavs_fd_buffer_pool_init(ZqavsFdBufferPool* pool)
     pool->dmabufAllocator = gst_dmabuf_allocator_new();
 }
 
-GstBufferPool* zqavs_fd_buffer_pool_new(int width, int height, guint min, guint max)
+GstBufferPool* zqavs_fd_buffer_pool_new(void)
 {
-    GstBufferPool* pool = GST_BUFFER_POOL(g_object_new(ZQAVS_TYPE_FD_BUFFER_POOL, nullptr));
-    gst_object_ref_sink(pool);
-    GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "NV12", "width", G_TYPE_INT, width,
-                                        "height", G_TYPE_INT, height, nullptr);
-    GstStructure* config = gst_buffer_pool_get_config(pool);
-    gst_buffer_pool_config_set_params(config, caps, 0, min, max);
-    gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
-    gst_caps_unref(caps);
-    if (!gst_buffer_pool_set_config(pool, config) || !gst_buffer_pool_set_active(pool, TRUE)) {
-        gst_object_unref(pool);
-        return nullptr;
-    }
-    return pool;
+    return GST_BUFFER_POOL(gst_object_ref_sink(g_object_new(ZQAVS_TYPE_FD_BUFFER_POOL, nullptr)));
 }
 
 namespace zqavs_gst {
@@ -149,6 +139,19 @@ GstVideoInfo libraryLayout(int width, int height)
     info.offset[1] = static_cast<gsize>(stride) * height;
     info.size = static_cast<gsize>(stride) * height * 3 / 2;
     return info;
+}
+
+GstBufferPool* fixedFramePool(int width, int height, guint count)
+{
+    GstBufferPool* pool = zqavs_fd_buffer_pool_new();
+    GstCaps* caps = gst_caps_new_simple("video/x-raw", "format", G_TYPE_STRING, "NV12", "width", G_TYPE_INT, width,
+                                        "height", G_TYPE_INT, height, nullptr);
+    GstStructure* config = gst_buffer_pool_get_config(pool);
+    gst_buffer_pool_config_set_params(config, caps, 0, count, count);
+    gst_buffer_pool_config_add_option(config, GST_BUFFER_POOL_OPTION_VIDEO_META);
+    gst_caps_unref(caps);
+    if (!gst_buffer_pool_set_config(pool, config) || !gst_buffer_pool_set_active(pool, TRUE)) gst_clear_object(&pool);
+    return pool;
 }
 
 namespace {
@@ -182,10 +185,16 @@ int DescriptorLedger::admit(GstBuffer* buffer, const GstVideoInfo& negotiated)
     if (!gst_is_fd_memory(memory) || memory->offset != 0 || !inLibraryLayout(buffer, negotiated)) return -1;
     const int fd = gst_fd_memory_get_fd(memory);
     GstMiniObject* object = GST_MINI_OBJECT_CAST(memory);
-    if (gst_mini_object_get_qdata(object, handedOverQuark())) return fd;
+    if (GPOINTER_TO_UINT(gst_mini_object_get_qdata(object, handedOverQuark())) == id_) return fd;
     if (!handedOver_.insert(fd).second) return -1;
-    gst_mini_object_set_qdata(object, handedOverQuark(), GINT_TO_POINTER(1), nullptr);
+    gst_mini_object_set_qdata(object, handedOverQuark(), GUINT_TO_POINTER(id_), nullptr);
     return fd;
+}
+
+guint DescriptorLedger::nextId()
+{
+    static std::atomic<guint> last{0};
+    return ++last;
 }
 
 int poolDescriptor(GstBuffer* buffer)

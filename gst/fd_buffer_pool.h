@@ -14,8 +14,8 @@ G_BEGIN_DECLS
 #define ZQAVS_TYPE_FD_BUFFER_POOL (zqavs_fd_buffer_pool_get_type())
 G_DECLARE_FINAL_TYPE(ZqavsFdBufferPool, zqavs_fd_buffer_pool, ZQAVS, FD_BUFFER_POOL, GstBufferPool)
 
-// An active pool of NV12 frames of `width` x `height` holding `min`..`max` buffers (0: no limit).
-GstBufferPool* zqavs_fd_buffer_pool_new(int width, int height, guint min, guint max);
+// A pool to configure with NV12 caps (the size given is replaced by the library layout's).
+GstBufferPool* zqavs_fd_buffer_pool_new(void);
 
 G_END_DECLS
 
@@ -23,6 +23,9 @@ namespace zqavs_gst {
 
 // The library's layout of an NV12 frame.
 GstVideoInfo libraryLayout(int width, int height);
+
+// An active pool of exactly `count` NV12 frames of `width` x `height`, or nullptr.
+GstBufferPool* fixedFramePool(int width, int height, guint count);
 
 // Upstream descriptors handed to the library as they are. The library remembers descriptors by
 // number, so a number must not come back on another memory (its first owner closed it and the
@@ -35,6 +38,9 @@ public:
     int admit(GstBuffer* buffer, const GstVideoInfo& negotiated);
 
 private:
+    static guint nextId();
+
+    guint id_ = nextId();  // the mark this ledger leaves on the memories it handed over
     std::set<int> handedOver_;
 };
 

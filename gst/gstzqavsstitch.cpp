@@ -119,6 +119,13 @@ static void clearLast(GstZqavsStitchPad* pad)
     gst_clear_buffer(&pad->last);
 }
 
+static void releasePool(GstBufferPool** pool)
+{
+    if (!*pool) return;
+    gst_buffer_pool_set_active(*pool, FALSE);
+    gst_clear_object(pool);
+}
+
 static GstFlowReturn padFlush(GstAggregatorPad* aggpad, GstAggregator*)
 {
     clearLast(GST_ZQAVS_STITCH_PAD(aggpad));
@@ -129,10 +136,7 @@ static void padFinalize(GObject* object)
 {
     GstZqavsStitchPad* pad = GST_ZQAVS_STITCH_PAD(object);
     clearLast(pad);
-    if (pad->staging) {
-        gst_buffer_pool_set_active(pad->staging, FALSE);
-        gst_clear_object(&pad->staging);
-    }
+    releasePool(&pad->staging);
     G_OBJECT_CLASS(gst_zqavs_stitch_pad_parent_class)->finalize(object);
 }
 
@@ -279,13 +283,13 @@ static bool makePools(GstZqavsStitch* self)
     StitchState& state = *self->state;
     if (!state.outputPool)
         state.outputPool =
-            zqavs_fd_buffer_pool_new(state.rig.bld_width, state.rig.bld_height, kOutputBuffers, kOutputBuffers);
+            zqavs_gst::fixedFramePool(state.rig.bld_width, state.rig.bld_height, kOutputBuffers);
     bool made = state.outputPool != nullptr;
     std::vector<GstZqavsStitchPad*> pads = sinkPadsInOrder(self);
     for (GstZqavsStitchPad* pad : pads) {
         if (!pad->staging)
             pad->staging =
-                zqavs_fd_buffer_pool_new(state.rig.src_width, state.rig.src_height, kStagingBuffers, kStagingBuffers);
+                zqavs_gst::fixedFramePool(state.rig.src_width, state.rig.src_height, kStagingBuffers);
         made = made && pad->staging;
     }
     unrefAll(pads);
@@ -352,6 +356,23 @@ static gboolean sinkQuery(GstAggregator* agg, GstAggregatorPad* aggpad, GstQuery
     }
 }
 
+// Upstream may send any stride (in a video meta), and may write straight into memory the library
+// reads as it is.
+static gboolean proposeAllocation(GstAggregator*, GstAggregatorPad*, GstQuery*, GstQuery* query)
+{
+    gst_query_add_allocation_meta(query, GST_VIDEO_META_API_TYPE, nullptr);
+    GstCaps* caps = nullptr;
+    gboolean needPool = FALSE;
+    gst_query_parse_allocation(query, &caps, &needPool);
+    GstVideoInfo info;
+    if (!needPool || !caps || !gst_video_info_from_caps(&info, caps)) return TRUE;
+    GstBufferPool* pool = zqavs_fd_buffer_pool_new();
+    const GstVideoInfo layout = zqavs_gst::libraryLayout(GST_VIDEO_INFO_WIDTH(&info), GST_VIDEO_INFO_HEIGHT(&info));
+    gst_query_add_allocation_pool(query, pool, static_cast<guint>(GST_VIDEO_INFO_SIZE(&layout)), 0, 0);
+    gst_object_unref(pool);
+    return TRUE;
+}
+
 // ---- frames ---------------------------------------------------------------------------------
 
 // One camera's frame as the library reads it: the buffer itself or a copy in the library's layout.
@@ -386,6 +407,7 @@ static bool copyIntoStaging(GstZqavsStitch* self, GstZqavsStitchPad* pad, GstBuf
 static bool cameraFrame(GstZqavsStitch* self, GstZqavsStitchPad* pad, GstBuffer* buffer, CameraFrame* out)
 {
     const int fd = self->state->ledger.admit(buffer, pad->info);
+    GST_LOG_OBJECT(pad, "%s", fd < 0 ? "copying the frame" : "the frame goes as it is");
     if (fd < 0) return copyIntoStaging(self, pad, buffer, out);
     out->buffer = gst_buffer_ref(buffer);
     out->fd = fd;
@@ -585,18 +607,12 @@ static gboolean stop(GstAggregator* agg)
         state.worker.reset();
     }
     state.ledger = zqavs_gst::DescriptorLedger();
-    if (state.outputPool) {
-        gst_buffer_pool_set_active(state.outputPool, FALSE);
-        gst_clear_object(&state.outputPool);
-    }
+    releasePool(&state.outputPool);
     std::vector<GstZqavsStitchPad*> pads = sinkPadsInOrder(self);
     for (GstZqavsStitchPad* pad : pads) {
         clearLast(pad);
         pad->negotiated = FALSE;
-        if (pad->staging) {
-            gst_buffer_pool_set_active(pad->staging, FALSE);
-            gst_clear_object(&pad->staging);
-        }
+        releasePool(&pad->staging);
     }
     unrefAll(pads);
     GST_OBJECT_LOCK(self);
@@ -689,6 +705,7 @@ static void gst_zqavs_stitch_class_init(GstZqavsStitchClass* klass)
     agg->negotiated_src_caps = negotiatedSrcCaps;
     agg->get_next_time = gst_aggregator_simple_get_next_time;
     agg->clip = clip;
+    agg->propose_allocation = proposeAllocation;
 
     gst_type_mark_as_plugin_api(GST_TYPE_ZQAVS_STITCH_PAD, static_cast<GstPluginAPIFlags>(0));
 }
