@@ -177,12 +177,13 @@ bool inLibraryLayout(GstBuffer* buffer, const GstVideoInfo& negotiated)
 
 }  // namespace
 
-int DescriptorLedger::admit(GstBuffer* buffer, const GstVideoInfo& negotiated)
+int DescriptorLedger::admit(GstBuffer* buffer, const GstVideoInfo& negotiated, bool dmabufOnly)
 {
     if (gst_buffer_n_memory(buffer) != 1) return -1;
     GstMemory* memory = gst_buffer_peek_memory(buffer, 0);
+    const bool readable = dmabufOnly ? gst_is_dmabuf_memory(memory) : gst_is_fd_memory(memory);
     // The library maps and imports whole descriptors from their first byte.
-    if (!gst_is_fd_memory(memory) || memory->offset != 0 || !inLibraryLayout(buffer, negotiated)) return -1;
+    if (!readable || memory->offset != 0 || !inLibraryLayout(buffer, negotiated)) return -1;
     const int fd = gst_fd_memory_get_fd(memory);
     GstMiniObject* object = GST_MINI_OBJECT_CAST(memory);
     if (GPOINTER_TO_UINT(gst_mini_object_get_qdata(object, handedOverQuark())) == id_) return fd;

@@ -33,9 +33,9 @@ GstBufferPool* fixedFramePool(int width, int height, guint count);
 class DescriptorLedger {
 public:
     // The descriptor of `buffer` when the library can read it as it is (one descriptor-backed
-    // memory from the descriptor's first byte, in the library's layout, not a recycled number),
-    // else -1.
-    int admit(GstBuffer* buffer, const GstVideoInfo& negotiated);
+    // memory, a dma-buf if `dmabufOnly`, from the descriptor's first byte, in the library's
+    // layout, not a recycled number), else -1.
+    int admit(GstBuffer* buffer, const GstVideoInfo& negotiated, bool dmabufOnly);
 
 private:
     static guint nextId();

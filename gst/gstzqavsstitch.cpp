@@ -37,11 +37,10 @@ struct LibraryInstance {
     std::string calibDir;  // ends in '/', as the library appends file names
     bool ready = false;
 
-    bool open(const zqavs_synth::RigConfig& rig, bool sync, std::vector<int>& fds, std::string* error)
+    bool open(const zqavs_synth::RigConfig& rig, bool sync, std::string* error)
     {
         context = zqavs_synth::makeContext(rig, sync);
         context.meshFilePath = &calibDir[0];
-        context.inputFdArray = fds.data();
         if (ZQGFX_AVS_init(&context) != ZQGFX_AVS_SUCCESS) {
             *error = "ZQGFX_AVS_init failed (the library's lines on standard output say why)";
             return false;
@@ -85,6 +84,7 @@ struct StitchState {
     bool useSync = false;
     std::unique_ptr<zqavs_gst::LibraryThread> worker;
     LibraryInstance library;
+    bool targetPath = false;  // imports dma-bufs only; other memory is copied into the pools'
     zqavs_gst::DescriptorLedger ledger;
     GstBufferPool* outputPool = nullptr;
 };
@@ -406,7 +406,7 @@ static bool copyIntoStaging(GstZqavsStitch* self, GstZqavsStitchPad* pad, GstBuf
 
 static bool cameraFrame(GstZqavsStitch* self, GstZqavsStitchPad* pad, GstBuffer* buffer, CameraFrame* out)
 {
-    const int fd = self->state->ledger.admit(buffer, pad->info);
+    const int fd = self->state->ledger.admit(buffer, pad->info, self->state->targetPath);
     GST_LOG_OBJECT(pad, "%s", fd < 0 ? "copying the frame" : "the frame goes as it is");
     if (fd < 0) return copyIntoStaging(self, pad, buffer, out);
     out->buffer = gst_buffer_ref(buffer);
@@ -414,20 +414,28 @@ static bool cameraFrame(GstZqavsStitch* self, GstZqavsStitchPad* pad, GstBuffer*
     return true;
 }
 
-// Runs one frame of the library on its thread, opening the instance with the first frame.
-static bool stitchOnLibraryThread(GstZqavsStitch* self, std::vector<int>& fds, std::string* error)
+// Opens the library's instance on its thread, once: the path it takes decides which memory it
+// can read as it is.
+static bool openLibrary(GstZqavsStitch* self, std::string* error)
 {
     StitchState& state = *self->state;
-    bool ok = false;
+    if (state.library.ready) return true;
     std::string path;
     state.worker->run([&] {
-        if (!state.library.ready && !state.library.open(state.rig, state.useSync, fds, error)) return;
-        path = ZQGFX_AVS_get_path();
-        ok = state.library.frame(fds, error);
+        if (state.library.open(state.rig, state.useSync, error)) path = ZQGFX_AVS_get_path();
     });
+    if (path.empty()) return false;
+    state.targetPath = path == "target";
     GST_OBJECT_LOCK(self);
-    if (!path.empty()) state.path = path;
+    state.path = path;
     GST_OBJECT_UNLOCK(self);
+    return true;
+}
+
+static bool stitchOnLibraryThread(GstZqavsStitch* self, std::vector<int>& fds, std::string* error)
+{
+    bool ok = false;
+    self->state->worker->run([&] { ok = self->state->library.frame(fds, error); });
     return ok;
 }
 
@@ -477,6 +485,11 @@ static void consumeInputs(const std::vector<GstZqavsStitchPad*>& pads)
 static GstFlowReturn stitchFrame(GstZqavsStitch* self, const std::vector<GstZqavsStitchPad*>& pads,
                                  const std::vector<GstBuffer*>& inputs)
 {
+    std::string error;
+    if (!openLibrary(self, &error)) {
+        GST_ELEMENT_ERROR(self, LIBRARY, INIT, ("%s", error.c_str()), (nullptr));
+        return GST_FLOW_ERROR;
+    }
     std::vector<CameraFrame> cameras(pads.size());
     std::vector<int> fds;
     GstFlowReturn ret = GST_FLOW_OK;
@@ -489,7 +502,6 @@ static GstFlowReturn stitchFrame(GstZqavsStitch* self, const std::vector<GstZqav
     }
     GstBuffer* output = nullptr;
     if (ret == GST_FLOW_OK) ret = gst_buffer_pool_acquire_buffer(self->state->outputPool, &output, nullptr);
-    std::string error;
     if (ret == GST_FLOW_OK) {
         fds.push_back(zqavs_gst::poolDescriptor(output));
         if (!stitchOnLibraryThread(self, fds, &error)) {
@@ -607,6 +619,7 @@ static gboolean stop(GstAggregator* agg)
         state.worker.reset();
     }
     state.ledger = zqavs_gst::DescriptorLedger();
+    state.targetPath = false;
     releasePool(&state.outputPool);
     std::vector<GstZqavsStitchPad*> pads = sinkPadsInOrder(self);
     for (GstZqavsStitchPad* pad : pads) {
