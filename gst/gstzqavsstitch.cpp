@@ -1,3 +1,8 @@
+// The library's instance is thread-local, while GstAggregator calls aggregate() on its src pad
+// task and start()/stop() on whichever thread changes the state. So the element owns a thread
+// (LibraryThread) that creates the instance, stitches every frame and tears it down:
+// aggregate() hands it each frame and waits, and stop(), which runs once the src pad task has
+// stopped, hands it the teardown.
 #include "gstzqavsstitch.h"
 
 #include <gst/allocators/allocators.h>
