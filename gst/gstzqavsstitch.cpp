@@ -189,15 +189,17 @@ static bool calibrated(GstZqavsStitch* self)
     return self->state->worker != nullptr;
 }
 
-// Any NV12 size before the calibration is read, its source size after.
+// The calibration's source size first, so that a source free to choose takes it; then any other
+// size, so that a source held to another size gets as far as the caps event, whose error names
+// the pad and both sizes instead of leaving the source with a bare "not negotiated".
 static GstCaps* sinkCaps(GstZqavsStitch* self, GstAggregatorPad* pad)
 {
-    GstCaps* caps = gst_pad_get_pad_template_caps(GST_PAD(pad));
-    if (!calibrated(self)) return caps;
-    caps = gst_caps_make_writable(caps);
+    GstCaps* any = gst_pad_get_pad_template_caps(GST_PAD(pad));
+    if (!calibrated(self)) return any;
+    GstCaps* preferred = gst_caps_copy(any);
     const zqavs_synth::RigConfig& rig = self->state->rig;
-    gst_caps_set_simple(caps, "width", G_TYPE_INT, rig.src_width, "height", G_TYPE_INT, rig.src_height, nullptr);
-    return caps;
+    gst_caps_set_simple(preferred, "width", G_TYPE_INT, rig.src_width, "height", G_TYPE_INT, rig.src_height, nullptr);
+    return gst_caps_merge(preferred, any);
 }
 
 // Why `info` does not fit the calibration, or an empty string.
@@ -347,8 +349,7 @@ static gboolean sinkQuery(GstAggregator* agg, GstAggregatorPad* aggpad, GstQuery
         return TRUE;
     }
     case GST_QUERY_ACCEPT_CAPS: {
-        // Any NV12 size is taken here so that a wrong one reaches the caps event, whose error
-        // names the pad and both sizes.
+        // Any NV12 size, as in the caps above.
         GstCaps* caps = nullptr;
         gst_query_parse_accept_caps(query, &caps);
         GstCaps* templ = gst_pad_get_pad_template_caps(GST_PAD(aggpad));
