@@ -441,7 +441,9 @@ static bool openLibrary(GstZqavsStitch* self, std::string* error)
 static bool stitchOnLibraryThread(GstZqavsStitch* self, std::vector<int>& fds, std::string* error)
 {
     bool ok = false;
+    const gint64 start = g_get_monotonic_time();
     self->state->worker->run([&] { ok = self->state->library.frame(fds, error); });
+    GST_LOG_OBJECT(self, "stitched in %.2f ms", (g_get_monotonic_time() - start) / 1000.0);
     return ok;
 }
 
@@ -615,6 +617,15 @@ static gboolean start(GstAggregator* agg)
     return TRUE;
 }
 
+// A src pad task waiting for an output buffer that downstream keeps must not hold up its stop.
+static gboolean srcActivate(GstAggregator* agg, GstPadMode mode, gboolean active)
+{
+    GstBufferPool* pool = GST_ZQAVS_STITCH(agg)->state->outputPool;
+    if (!active && pool) gst_buffer_pool_set_flushing(pool, TRUE);
+    GstAggregatorClass* parent = GST_AGGREGATOR_CLASS(gst_zqavs_stitch_parent_class);
+    return parent->src_activate ? parent->src_activate(agg, mode, active) : TRUE;
+}
+
 // Called once the src pad task has stopped: the instance is torn down on the thread that made it.
 static gboolean stop(GstAggregator* agg)
 {
@@ -725,6 +736,7 @@ static void gst_zqavs_stitch_class_init(GstZqavsStitchClass* klass)
     agg->get_next_time = gst_aggregator_simple_get_next_time;
     agg->clip = clip;
     agg->propose_allocation = proposeAllocation;
+    agg->src_activate = srcActivate;
 
     gst_type_mark_as_plugin_api(GST_TYPE_ZQAVS_STITCH_PAD, static_cast<GstPluginAPIFlags>(0));
 }
