@@ -277,7 +277,8 @@ static GstFlowReturn updateSrcCaps(GstAggregator* agg, GstCaps* downstream, GstC
     *out = gst_caps_intersect(caps, downstream);
     gst_caps_unref(caps);
     if (gst_caps_is_empty(*out)) {
-        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION, ("downstream does not take NV12 %dx%d", rig.bld_width, rig.bld_height),
+        GST_ELEMENT_ERROR(self, CORE, NEGOTIATION,
+                          ("downstream does not take NV12 %dx%d", rig.bld_width, rig.bld_height),
                           ("downstream caps %" GST_PTR_FORMAT, downstream));
         gst_clear_caps(out);
         return GST_FLOW_NOT_NEGOTIATED;
@@ -314,7 +315,8 @@ static gboolean negotiatedSrcCaps(GstAggregator* agg, GstCaps* caps)
     }
     // A frame is stitched within its own duration, or the pipeline could not keep up anyway.
     if (GST_VIDEO_INFO_FPS_N(&info) > 0) {
-        const GstClockTime frame = gst_util_uint64_scale(GST_SECOND, GST_VIDEO_INFO_FPS_D(&info), GST_VIDEO_INFO_FPS_N(&info));
+        const GstClockTime frame =
+            gst_util_uint64_scale(GST_SECOND, GST_VIDEO_INFO_FPS_D(&info), GST_VIDEO_INFO_FPS_N(&info));
         gst_aggregator_set_latency(agg, frame, frame);
     }
     return GST_AGGREGATOR_CLASS(gst_zqavs_stitch_parent_class)->negotiated_src_caps(agg, caps);
@@ -456,16 +458,17 @@ static void stampOutput(GstZqavsStitch* self, GstZqavsStitchPad* first, GstBuffe
     const GstClockTime running = gst_segment_to_running_time(inSegment, GST_FORMAT_TIME, GST_BUFFER_PTS(in));
     GST_BUFFER_PTS(out) = gst_segment_position_from_running_time(&src->segment, GST_FORMAT_TIME, running);
     GST_BUFFER_DURATION(out) = GST_BUFFER_DURATION(in);
-    GST_LOG_OBJECT(self, "sink_0 %" GST_TIME_FORMAT " in %" GST_SEGMENT_FORMAT " -> %" GST_TIME_FORMAT " in %" GST_SEGMENT_FORMAT,
-                   GST_TIME_ARGS(GST_BUFFER_PTS(in)), inSegment, GST_TIME_ARGS(GST_BUFFER_PTS(out)), &src->segment);
+    GST_LOG_OBJECT(self, "sink_0 %" GST_TIME_FORMAT " -> %" GST_TIME_FORMAT " in %" GST_SEGMENT_FORMAT,
+                   GST_TIME_ARGS(GST_BUFFER_PTS(in)), GST_TIME_ARGS(GST_BUFFER_PTS(out)), &src->segment);
     if (GST_BUFFER_PTS_IS_VALID(out))
-        src->segment.position = GST_BUFFER_PTS(out) + (GST_BUFFER_DURATION_IS_VALID(out) ? GST_BUFFER_DURATION(out) : 0);
+        src->segment.position =
+            GST_BUFFER_PTS(out) + (GST_BUFFER_DURATION_IS_VALID(out) ? GST_BUFFER_DURATION(out) : 0);
     GST_OBJECT_UNLOCK(self);
 }
 
 // This round's frame of every pad; false when some pad has none to give.
-static bool collectInputs(const std::vector<GstZqavsStitchPad*>& pads, gboolean timeout, std::vector<GstBuffer*>* inputs,
-                          bool* eos)
+static bool collectInputs(const std::vector<GstZqavsStitchPad*>& pads, gboolean timeout,
+                          std::vector<GstBuffer*>* inputs, bool* eos)
 {
     *eos = false;
     bool complete = true;

@@ -108,7 +108,8 @@ protected:
     std::string outcome()
     {
         GstBus* bus = gst_element_get_bus(pipeline);
-        GstMessage* message = gst_bus_timed_pop_filtered(bus, kWait, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS));
+        GstMessage* message =
+            gst_bus_timed_pop_filtered(bus, kWait, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS));
         gst_object_unref(bus);
         if (!message) return "timed out";
         std::string text;
@@ -194,8 +195,10 @@ TEST_P(GstStitchBytes, EveryFrameIsTheToolsPanoramaWithSink0sTiming)
     ASSERT_EQ(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_ASYNC);
     for (int f = 0; f < 2 * kVariants; ++f) {
         const int v = f % kVariants;
-        for (int c = 0; c < 2; ++c)
-            push(c, input == Input::MemfdPool ? gst_buffer_copy(pool[v][c]) : cameraBuffer(variants[v].cameras[c], input), f);
+        for (int c = 0; c < 2; ++c) {
+            const bool pooled = input == Input::MemfdPool;
+            push(c, pooled ? gst_buffer_copy(pool[v][c]) : cameraBuffer(variants[v].cameras[c], input), f);
+        }
         GstSample* sample = pull();
         ASSERT_TRUE(sample) << "frame " << f;
         GstBuffer* buffer = gst_sample_get_buffer(sample);
@@ -263,11 +266,12 @@ TEST_P(GstStitchNegotiation, GivesThePanoramaOrSaysWhatDisagrees)
     EXPECT_EQ(outcome(), "");
 }
 
-INSTANTIATE_TEST_SUITE_P(Caps, GstStitchNegotiation,
-                         ::testing::Values(NegotiationCase{"Good", {{320, 240}, {320, 240}}, ""},
-                                           NegotiationCase{"WrongSize", {{320, 240}, {304, 240}}, "sink_1: the frames are 304x240"},
-                                           NegotiationCase{"TooFewPads", {{320, 240}}, "1 sink pads"},
-                                           NegotiationCase{"TooManyPads", {{320, 240}, {320, 240}, {320, 240}}, "3 sink pads"}),
+INSTANTIATE_TEST_SUITE_P(
+    Caps, GstStitchNegotiation,
+    ::testing::Values(NegotiationCase{"Good", {{320, 240}, {320, 240}}, ""},
+                      NegotiationCase{"WrongSize", {{320, 240}, {304, 240}}, "sink_1: the frames are 304x240"},
+                      NegotiationCase{"TooFewPads", {{320, 240}}, "1 sink pads"},
+                      NegotiationCase{"TooManyPads", {{320, 240}, {320, 240}, {320, 240}}, "3 sink pads"}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(GstStitch, EndOfStreamOnOnePadEndsTheStream)
@@ -297,8 +301,9 @@ TEST_F(GstStitch, FlushingSeekRestartsAtTheNewPosition)
         ASSERT_TRUE(sample);
         gst_sample_unref(sample);
     }
-    ASSERT_TRUE(gst_element_seek(pipeline, 1.0, GST_FORMAT_TIME, GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE),
-                                 GST_SEEK_TYPE_SET, GST_SECOND, GST_SEEK_TYPE_SET, GST_SECOND * 6 / 5));
+    const auto flags = GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
+    const GstClockTime start = GST_SECOND, stop = GST_SECOND * 6 / 5;
+    ASSERT_TRUE(gst_element_seek(pipeline, 1.0, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, start, GST_SEEK_TYPE_SET, stop));
     std::vector<GstClockTime> times;
     while (GstSample* sample = pull()) {
         times.push_back(GST_BUFFER_PTS(gst_sample_get_buffer(sample)));
