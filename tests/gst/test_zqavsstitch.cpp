@@ -303,7 +303,8 @@ TEST_F(GstStitch, FlushingSeekRestartsAtTheNewPosition)
     }
     const auto flags = GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
     const GstClockTime start = GST_SECOND, stop = GST_SECOND * 6 / 5;
-    ASSERT_TRUE(gst_element_seek(pipeline, 1.0, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, start, GST_SEEK_TYPE_SET, stop));
+    ASSERT_TRUE(gst_element_seek(pipeline, 1.0, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, start, GST_SEEK_TYPE_SET,
+                                 stop));
     std::vector<GstClockTime> times;
     while (GstSample* sample = pull()) {
         times.push_back(GST_BUFFER_PTS(gst_sample_get_buffer(sample)));
