@@ -1,0 +1,349 @@
+// The zqavsstitch element in pipelines on the machine's real driver: negotiation, the bytes of
+// `zqavs stitch` from every kind of input buffer, the ends of streams, flushing seeks and bad
+// calibrations.
+#include <gtest/gtest.h>
+
+#include <gst/allocators/allocators.h>
+#include <gst/app/gstappsink.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/gst.h>
+#include <gst/video/video.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "gpu/stitch_fixture.h"
+#include "gstzqavsstitch.h"
+
+using namespace stitch_test;
+
+namespace {
+
+constexpr GstClockTime kFrame = GST_SECOND / 30;
+constexpr GstClockTime kWait = 30 * GST_SECOND;
+
+zqavs_synth::RigConfig twoCameraRig()
+{
+    zqavs_synth::RigConfig rig = smallRig();
+    rig.cameras = 2;
+    rig.src_width = 320;
+    rig.src_height = 240;
+    rig.bld_width = 512;
+    rig.bld_height = 240;
+    rig.band_num = 2;
+    rig.overlap_width = 64;
+    return rig;
+}
+
+gboolean registerElement(GstPlugin* plugin)
+{
+    return gst_zqavs_stitch_register(plugin);
+}
+
+class GstStitch : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        gst_init(nullptr, nullptr);
+        static const bool registered = gst_plugin_register_static(
+            GST_VERSION_MAJOR, GST_VERSION_MINOR, "zqavs", "test", registerElement, "1.0", "Proprietary", "zqavs",
+            "zqavs", "zqavs");
+        ASSERT_TRUE(registered);
+    }
+
+    void SetUp() override
+    {
+        std::string error;
+        ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
+    }
+
+    void TearDown() override
+    {
+        if (!pipeline) return;
+        gst_element_set_state(pipeline, GST_STATE_NULL);
+        gst_object_unref(pipeline);
+    }
+
+    // `zqavsstitch` fed by appsrc src0.. (one per entry of `sizes`) into appsink `out`.
+    void launch(const std::vector<std::pair<int, int>>& sizes, const std::string& properties = "")
+    {
+        std::string line = "zqavsstitch name=s calibration=" + dir.path + " " + properties +
+                           " ! appsink name=out sync=false max-buffers=64";
+        for (size_t i = 0; i < sizes.size(); ++i)
+            line += " appsrc name=src" + std::to_string(i) + " format=time caps=video/x-raw,format=NV12,width=" +
+                    std::to_string(sizes[i].first) + ",height=" + std::to_string(sizes[i].second) +
+                    ",framerate=30/1 ! s.sink_" + std::to_string(i);
+        build(line);
+    }
+
+    void build(const std::string& line)
+    {
+        GError* error = nullptr;
+        pipeline = gst_parse_launch(line.c_str(), &error);
+        ASSERT_TRUE(pipeline) << (error ? error->message : line);
+        sink = element("out");
+    }
+
+    GstElement* element(const std::string& name)
+    {
+        GstElement* found = gst_bin_get_by_name(GST_BIN(pipeline), name.c_str());
+        g_object_unref(found);  // the pipeline keeps it
+        return found;
+    }
+
+    GstAppSrc* source(int index) { return GST_APP_SRC(element("src" + std::to_string(index))); }
+
+    void push(int pad, GstBuffer* buffer, int frame)
+    {
+        GST_BUFFER_PTS(buffer) = frame * kFrame;
+        GST_BUFFER_DURATION(buffer) = kFrame;
+        ASSERT_EQ(gst_app_src_push_buffer(source(pad), buffer), GST_FLOW_OK);
+    }
+
+    // The first error's text, or "" when the stream ended first.
+    std::string outcome()
+    {
+        GstBus* bus = gst_element_get_bus(pipeline);
+        GstMessage* message =
+            gst_bus_timed_pop_filtered(bus, kWait, GstMessageType(GST_MESSAGE_ERROR | GST_MESSAGE_EOS));
+        gst_object_unref(bus);
+        if (!message) return "timed out";
+        std::string text;
+        if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_ERROR) {
+            GError* error = nullptr;
+            gst_message_parse_error(message, &error, nullptr);
+            text = error->message;
+            g_error_free(error);
+        }
+        gst_message_unref(message);
+        return text;
+    }
+
+    GstSample* pull() { return gst_app_sink_try_pull_sample(GST_APP_SINK(sink), kWait); }
+
+    Rig rig{twoCameraRig()};
+    TempDir dir;
+    GstElement* pipeline = nullptr;
+    GstElement* sink = nullptr;
+};
+
+enum class Input { SystemMemory, SystemMemoryWideStride, Memfd, MemfdPool };
+
+// A camera image in a buffer of the given kind: NV12 with the library's stride, or a wider one
+// declared in a video meta, or a memfd in the library's layout.
+GstBuffer* cameraBuffer(const zqavs_synth::Nv12Image& image, Input input)
+{
+    if (input == Input::MemfdPool) input = Input::Memfd;
+    const size_t rows = static_cast<size_t>(image.height) * 3 / 2;
+    const int stride = input == Input::SystemMemoryWideStride ? image.stride + 64 : image.stride;
+    const size_t size = rows * stride;
+    GstBuffer* buffer = nullptr;
+    if (input == Input::Memfd) {
+        const int fd = memfd_create("camera", MFD_CLOEXEC);
+        EXPECT_EQ(ftruncate(fd, static_cast<off_t>(size)), 0);
+        GstAllocator* allocator = gst_fd_allocator_new();
+        buffer = gst_buffer_new();
+        gst_buffer_append_memory(buffer, gst_fd_allocator_alloc(allocator, fd, size, GST_FD_MEMORY_FLAG_NONE));
+        gst_object_unref(allocator);
+    } else {
+        buffer = gst_buffer_new_allocate(nullptr, size, nullptr);
+    }
+    GstMapInfo map;
+    gst_buffer_map(buffer, &map, GST_MAP_WRITE);
+    for (size_t r = 0; r < rows; ++r) memcpy(map.data + r * stride, &image.data[r * image.stride], image.width);
+    gst_buffer_unmap(buffer, &map);
+    gsize offsets[4] = {0, static_cast<gsize>(stride) * image.height};
+    gint strides[4] = {stride, stride};
+    gst_buffer_add_video_meta_full(buffer, GST_VIDEO_FRAME_FLAG_NONE, GST_VIDEO_FORMAT_NV12, image.width, image.height,
+                                   2, offsets, strides);
+    return buffer;
+}
+
+struct BytesCase {
+    const char* name;
+    Input input;
+    const char* properties;
+};
+
+void PrintTo(const BytesCase& c, std::ostream* os)
+{
+    *os << c.name;
+}
+
+class GstStitchBytes : public GstStitch, public ::testing::WithParamInterface<BytesCase> {};
+
+// Three sets of camera images take turns (the rig's, the cameras swapped, camera 0 twice), so
+// that a stale or misplaced camera frame shows. Frames go one at a time, so new memory may get
+// the descriptor numbers of frames already stitched; a pool sends the same buffers again instead.
+TEST_P(GstStitchBytes, EveryFrameIsTheToolsPanoramaWithSink0sTiming)
+{
+    constexpr int kVariants = 3;
+    Rig variants[kVariants] = {rig, rig, rig};
+    std::swap(variants[1].cameras[0], variants[1].cameras[1]);
+    variants[2].cameras[1] = rig.cameras[0];
+    std::vector<Frame> expected;
+    for (const Rig& variant : variants) expected.push_back(stitch(variant, dir.path));
+    const Input input = GetParam().input;
+    GstBuffer* pool[kVariants][2];
+    for (int v = 0; v < kVariants; ++v)
+        for (int c = 0; c < 2; ++c) pool[v][c] = cameraBuffer(variants[v].cameras[c], input);
+    launch({{320, 240}, {320, 240}}, GetParam().properties);
+    ASSERT_EQ(gst_element_set_state(pipeline, GST_STATE_PLAYING), GST_STATE_CHANGE_ASYNC);
+    for (int f = 0; f < 2 * kVariants; ++f) {
+        const int v = f % kVariants;
+        for (int c = 0; c < 2; ++c) {
+            const bool pooled = input == Input::MemfdPool;
+            push(c, pooled ? gst_buffer_copy(pool[v][c]) : cameraBuffer(variants[v].cameras[c], input), f);
+        }
+        GstSample* sample = pull();
+        ASSERT_TRUE(sample) << "frame " << f;
+        GstBuffer* buffer = gst_sample_get_buffer(sample);
+        EXPECT_EQ(GST_BUFFER_PTS(buffer), f * kFrame);
+        EXPECT_EQ(GST_BUFFER_DURATION(buffer), kFrame);
+        GstMapInfo map;
+        ASSERT_TRUE(gst_buffer_map(buffer, &map, GST_MAP_READ));
+        EXPECT_TRUE(map.size == expected[v].bytes.size() && memcmp(map.data, expected[v].bytes.data(), map.size) == 0)
+            << "frame " << f << " differs from the tool's panorama";
+        gst_buffer_unmap(buffer, &map);
+        gst_sample_unref(sample);
+    }
+    for (auto& buffers : pool)
+        for (GstBuffer* buffer : buffers) gst_buffer_unref(buffer);
+    for (int c = 0; c < 2; ++c) gst_app_src_end_of_stream(source(c));
+    EXPECT_EQ(outcome(), "");
+    gchar* path = nullptr;
+    g_object_get(element("s"), "path", &path, nullptr);
+    EXPECT_TRUE(g_str_equal(path, "portable") || g_str_equal(path, "target")) << path;
+    g_free(path);
+}
+
+INSTANTIATE_TEST_SUITE_P(Inputs, GstStitchBytes,
+                         ::testing::Values(BytesCase{"SystemMemory", Input::SystemMemory, ""},
+                                           BytesCase{"WideStride", Input::SystemMemoryWideStride, ""},
+                                           BytesCase{"MemfdEveryFrameNew", Input::Memfd, ""},
+                                           BytesCase{"MemfdPool", Input::MemfdPool, ""},
+                                           BytesCase{"MemfdPoolWithFences", Input::MemfdPool, "sync=true"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+struct NegotiationCase {
+    const char* name;
+    std::vector<std::pair<int, int>> sizes;
+    const char* error;  // part of the error's text; empty for a panorama
+};
+
+class GstStitchNegotiation : public GstStitch, public ::testing::WithParamInterface<NegotiationCase> {};
+
+TEST_P(GstStitchNegotiation, GivesThePanoramaOrSaysWhatDisagrees)
+{
+    const NegotiationCase& c = GetParam();
+    launch(c.sizes);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    for (size_t p = 0; p < c.sizes.size(); ++p) {
+        const int camera = static_cast<int>(p) % rig.config.cameras;
+        push(static_cast<int>(p), cameraBuffer(rig.cameras[camera], Input::SystemMemory), 0);
+        gst_app_src_end_of_stream(source(static_cast<int>(p)));
+    }
+    if (*c.error) {
+        EXPECT_NE(outcome().find(c.error), std::string::npos) << "expected an error with '" << c.error << "'";
+        return;
+    }
+    GstSample* sample = pull();
+    ASSERT_TRUE(sample);
+    GstVideoInfo info;
+    ASSERT_TRUE(gst_video_info_from_caps(&info, gst_sample_get_caps(sample)));
+    EXPECT_EQ(GST_VIDEO_INFO_WIDTH(&info), rig.config.bld_width);
+    EXPECT_EQ(GST_VIDEO_INFO_HEIGHT(&info), rig.config.bld_height);
+    EXPECT_EQ(GST_VIDEO_INFO_FPS_N(&info), 30);
+    const GstVideoMeta* meta = gst_buffer_get_video_meta(gst_sample_get_buffer(sample));
+    ASSERT_TRUE(meta);
+    EXPECT_EQ(meta->stride[0], zqavs_synth::nv12Stride(rig.config.bld_width));
+    EXPECT_TRUE(gst_is_fd_memory(gst_buffer_peek_memory(gst_sample_get_buffer(sample), 0)));
+    gst_sample_unref(sample);
+    EXPECT_EQ(outcome(), "");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Caps, GstStitchNegotiation,
+    ::testing::Values(NegotiationCase{"Good", {{320, 240}, {320, 240}}, ""},
+                      NegotiationCase{"WrongSize", {{320, 240}, {304, 240}}, "sink_1: the frames are 304x240"},
+                      NegotiationCase{"TooFewPads", {{320, 240}}, "1 sink pads"},
+                      NegotiationCase{"TooManyPads", {{320, 240}, {320, 240}, {320, 240}}, "3 sink pads"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(GstStitch, EndOfStreamOnOnePadEndsTheStream)
+{
+    launch({{320, 240}, {320, 240}});
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    for (int f = 0; f < 3; ++f) push(0, cameraBuffer(rig.cameras[0], Input::SystemMemory), f);
+    push(1, cameraBuffer(rig.cameras[1], Input::SystemMemory), 0);
+    gst_app_src_end_of_stream(source(1));
+    GstSample* sample = pull();
+    ASSERT_TRUE(sample);
+    gst_sample_unref(sample);
+    EXPECT_EQ(outcome(), "");
+    EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(sink)));
+}
+
+TEST_F(GstStitch, FlushingSeekRestartsAtTheNewPosition)
+{
+    std::string line = "zqavsstitch name=s calibration=" + dir.path + " ! appsink name=out sync=false";
+    for (int c = 0; c < 2; ++c)
+        line += " videotestsrc ! video/x-raw,format=NV12,width=320,height=240,framerate=30/1 ! s.sink_" +
+                std::to_string(c);
+    build(line);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    for (int f = 0; f < 3; ++f) {
+        GstSample* sample = pull();
+        ASSERT_TRUE(sample);
+        gst_sample_unref(sample);
+    }
+    const auto flags = GstSeekFlags(GST_SEEK_FLAG_FLUSH | GST_SEEK_FLAG_ACCURATE);
+    const GstClockTime start = GST_SECOND, stop = GST_SECOND * 6 / 5;
+    ASSERT_TRUE(gst_element_seek(pipeline, 1.0, GST_FORMAT_TIME, flags, GST_SEEK_TYPE_SET, start, GST_SEEK_TYPE_SET,
+                                 stop));
+    std::vector<GstClockTime> times;
+    while (GstSample* sample = pull()) {
+        times.push_back(GST_BUFFER_PTS(gst_sample_get_buffer(sample)));
+        gst_sample_unref(sample);
+    }
+    EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(sink)));
+    // Frames stitched before the flush may not come out after it.
+    ASSERT_EQ(times.size(), 6u) << ::testing::PrintToString(times);
+    for (size_t i = 0; i < times.size(); ++i) EXPECT_EQ(times[i], gst_util_uint64_scale(30 + i, GST_SECOND, 30));
+}
+
+struct CalibrationCase {
+    const char* name;
+    void (*spoil)(const std::string& dir);
+    const char* properties;
+    const char* error;
+};
+
+class GstStitchCalibration : public GstStitch, public ::testing::WithParamInterface<CalibrationCase> {};
+
+TEST_P(GstStitchCalibration, FailsTheChangeToPausedNamingTheProblem)
+{
+    GetParam().spoil(dir.path);
+    launch({{320, 240}, {320, 240}}, GetParam().properties);
+    EXPECT_EQ(gst_element_set_state(pipeline, GST_STATE_PAUSED), GST_STATE_CHANGE_FAILURE);
+    const std::string error = outcome();
+    EXPECT_NE(error.find(GetParam().error), std::string::npos) << error;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Broken, GstStitchCalibration,
+    ::testing::Values(
+        CalibrationCase{"NotSet", [](const std::string&) {}, "calibration=\"\"", "set the 'calibration' property"},
+        CalibrationCase{"MissingMesh",
+                        [](const std::string& dir) { std::filesystem::remove(dir + "/zq_ps_gpu_meshy10.bin"); }, "",
+                        "zq_ps_gpu_meshy10.bin"},
+        CalibrationCase{"NoParameterFile",
+                        [](const std::string& dir) { std::filesystem::remove(dir + "/zq_ps_gpu_mesh_params.txt"); },
+                        "", "zq_ps_gpu_mesh_params.txt"}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
