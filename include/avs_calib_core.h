@@ -45,6 +45,15 @@ struct BlockView {
 // (a negative count gives none).
 std::vector<BlockView> cameraBlocks(const PSR_INITPARAMS_T& layout, int camera);
 
+// Appends a full-height block of `width` columns from `startx` to a camera's record, with the
+// mesh a `step_x` x `step_y` grid needs (one node more than steps each way).
+struct MeshGrid {
+    int step_x = 16, step_y = 16, height = 0;   // height: the panorama's rows
+};
+void appendNonoverlapBlock(PSR_NONOVERLAP_BLOCK* block, int startx, int width, const MeshGrid& grid);
+// An overlap block also carries its blend window: `bands` and an alpha map of the block's size.
+void appendOverlapBlock(PSR_OVERLAP_BLOCK* block, int startx, int width, int bands, const MeshGrid& grid);
+
 // ---- parameter file ---------------------------------------------------------------------
 
 struct ParamsDiagnostic {

@@ -31,6 +31,27 @@ std::string format(const char* fmt, ...)
     return text;
 }
 
+void appendNonoverlapBlock(PSR_NONOVERLAP_BLOCK* block, int startx, int width, const MeshGrid& grid)
+{
+    block->nonoverlap_num++;
+    block->dst_startx.push_back(startx);
+    block->dst_width.push_back(width);
+    block->mesh_width.push_back(width / grid.step_x + 1);
+    block->mesh_height.push_back(grid.height / grid.step_y + 1);
+}
+
+void appendOverlapBlock(PSR_OVERLAP_BLOCK* block, int startx, int width, int bands, const MeshGrid& grid)
+{
+    block->overlap_num++;
+    block->band_num.push_back(bands);
+    block->dst_startx.push_back(startx);
+    block->dst_width.push_back(width);
+    block->mesh_width.push_back(width / grid.step_x + 1);
+    block->mesh_height.push_back(grid.height / grid.step_y + 1);
+    block->alpha_width.push_back(width);
+    block->alpha_height.push_back(grid.height);
+}
+
 std::string meshFileName(char axis, int camera, int block)
 {
     return std::string("zq_ps_gpu_mesh") + axis + std::to_string(camera) + std::to_string(block) + ".bin";

@@ -234,25 +234,19 @@ bool placeSeam(const Rig& rig, const NodeMargins& m, const Run& a, const Run& b,
     return true;
 }
 
+zqavs_calib_core::MeshGrid meshGrid(const PanoramaSpec& pano)
+{
+    return {pano.step, pano.step, pano.height};
+}
+
 void addNonoverlap(PSR_NONOVERLAP_BLOCK* block, int startx, int width, const PanoramaSpec& pano)
 {
-    block->nonoverlap_num++;
-    block->dst_startx.push_back(startx);
-    block->dst_width.push_back(width);
-    block->mesh_width.push_back(width / pano.step + 1);
-    block->mesh_height.push_back(pano.height / pano.step + 1);
+    zqavs_calib_core::appendNonoverlapBlock(block, startx, width, meshGrid(pano));
 }
 
 void addOverlap(PSR_OVERLAP_BLOCK* block, const zqavs_synth::Seam& window, const PanoramaSpec& pano)
 {
-    block->overlap_num++;
-    block->band_num.push_back(pano.bands);
-    block->dst_startx.push_back(window.startx);
-    block->dst_width.push_back(window.width);
-    block->mesh_width.push_back(window.width / pano.step + 1);
-    block->mesh_height.push_back(pano.height / pano.step + 1);
-    block->alpha_width.push_back(window.width);
-    block->alpha_height.push_back(pano.height);
+    zqavs_calib_core::appendOverlapBlock(block, window.startx, window.width, pano.bands, meshGrid(pano));
 }
 
 // Columns [first, last) of the panorama, unwrapped, as non-overlap blocks: two when they run

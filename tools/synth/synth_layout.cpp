@@ -40,25 +40,9 @@ std::vector<Seam> buildSeams(const RigConfig& rig)
     return seams;
 }
 
-static void appendNonoverlap(PSR_NONOVERLAP_BLOCK* block, int startx, int width, const RigConfig& rig)
+static zqavs_calib_core::MeshGrid meshGrid(const RigConfig& rig)
 {
-    block->nonoverlap_num++;
-    block->dst_startx.push_back(startx);
-    block->dst_width.push_back(width);
-    block->mesh_width.push_back(width / rig.step_x + 1);
-    block->mesh_height.push_back(rig.bld_height / rig.step_y + 1);
-}
-
-static void appendOverlap(PSR_OVERLAP_BLOCK* block, const Seam& seam, const RigConfig& rig)
-{
-    block->overlap_num++;
-    block->band_num.push_back(rig.band_num);
-    block->dst_startx.push_back(seam.startx);
-    block->dst_width.push_back(seam.width);
-    block->mesh_width.push_back(seam.width / rig.step_x + 1);
-    block->mesh_height.push_back(rig.bld_height / rig.step_y + 1);
-    block->alpha_width.push_back(seam.width);
-    block->alpha_height.push_back(rig.bld_height);
+    return {rig.step_x, rig.step_y, rig.bld_height};
 }
 
 PSR_INITPARAMS_T buildLayout(const RigConfig& rig)
@@ -86,11 +70,11 @@ PSR_INITPARAMS_T buildLayout(const RigConfig& rig)
         PSR_OVERLAP_BLOCK overlap;
         int start = c == 0 ? 0 : seams[c - 1].startx + seams[c - 1].width;
         int end = c == last ? rig.bld_width : seams[c].startx;
-        appendNonoverlap(&nonoverlap, start, end - start, rig);
+        zqavs_calib_core::appendNonoverlapBlock(&nonoverlap, start, end - start, meshGrid(rig));
         // Left overlap first: the planning pairs a camera's last overlap block with the
         // next camera's first one.
-        if (c > 0) appendOverlap(&overlap, seams[c - 1], rig);
-        if (c < last) appendOverlap(&overlap, seams[c], rig);
+        if (c > 0) zqavs_calib_core::appendOverlapBlock(&overlap, seams[c - 1].startx, seams[c - 1].width, rig.band_num, meshGrid(rig));
+        if (c < last) zqavs_calib_core::appendOverlapBlock(&overlap, seams[c].startx, seams[c].width, rig.band_num, meshGrid(rig));
         layout.image_block_num.push_back(nonoverlap.nonoverlap_num + overlap.overlap_num);
         layout.nonoverlap_block.push_back(nonoverlap);
         layout.overlap_block.push_back(overlap);
