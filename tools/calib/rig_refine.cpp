@@ -34,6 +34,8 @@ constexpr int kJointIterations = 20;
 constexpr int kPatchRadius = 8;
 // Past this the first solution was too far off for the patches to be trusted.
 constexpr double kMaxPatchShiftPx = 1.5;
+// A rig that is right already may come out a hair worse by noise alone.
+constexpr double kWorseTolerancePx = 0.05;
 
 struct Features {
     std::vector<cv::Point2d> points;
@@ -412,6 +414,71 @@ std::string pairName(const PairRefinement& pair)
     return formatText("pair %d-%d", pair.left, pair.right);
 }
 
+// Per pair of neighbours its matches and those that agree on one rotation; pairs with too few
+// are marked untrusted with a warning.
+std::vector<PairData> matchNeighbours(const Rig& rig, const std::vector<Features>& features,
+                                      const RefineOptions& options, std::vector<std::string>* warnings)
+{
+    std::vector<PairData> pairs;
+    for (const auto& [a, b] : neighbourPairs(rig)) {
+        const std::vector<RayMatch> matches = matchPair(rig, features, a, b, options);
+        const double focal = std::min(rig.cameras[a].K(0, 0), rig.cameras[b].K(0, 0));
+        PairData pair;
+        pair.inliers = robustInliers(matches, options.inlierThresholdPx / focal);
+        PairRefinement& s = pair.summary;
+        s.left = a;
+        s.right = b;
+        s.matches = static_cast<int>(matches.size());
+        s.inliers = static_cast<int>(pair.inliers.size());
+        s.trusted = s.inliers >= options.minInliers;
+        if (!s.trusted)
+            warnings->push_back(formatText("%s: %d inliers of %d matches, fewer than %d to trust: left out",
+                                           pairName(s).c_str(), s.inliers, s.matches, options.minInliers));
+        pairs.push_back(std::move(pair));
+    }
+    return pairs;
+}
+
+// The trusted pairs' matches aligned on patches through `rotations`, and their errors with the
+// given rotations.
+void alignTrustedPairs(const Rig& rig, const std::vector<cv::Matx33d>& rotations, const std::vector<cv::Mat>& images,
+                       std::vector<PairData>* pairs)
+{
+    for (PairData& pair : *pairs) {
+        PairRefinement& s = pair.summary;
+        if (s.trusted)
+            alignMatchesOnPatches(withRotation(rig.cameras[s.left], rotations[s.left]),
+                                  withRotation(rig.cameras[s.right], rotations[s.right]), images[s.left],
+                                  images[s.right], &pair.inliers);
+        s.before = reprojectionErrors(rig.cameras[s.left], rig.cameras[s.right], pair.inliers);
+    }
+}
+
+// Solves, holding back at their given rotations the cameras of any pair the solution makes
+// worse, until none is. held[c] says which were.
+std::vector<cv::Matx33d> solveHoldingBack(const Rig& rig, std::vector<PairData>* pairs, std::vector<bool>* held,
+                                          std::vector<int>* freeIndex, std::vector<std::string>* warnings)
+{
+    for (;;) {
+        const std::vector<cv::Matx33d> rotations = solveRotations(rig, *pairs, *held, freeIndex);
+        bool worse = false;
+        for (PairData& pair : *pairs) {
+            PairRefinement& s = pair.summary;
+            s.after = reprojectionErrors(withRotation(rig.cameras[s.left], rotations[s.left]),
+                                         withRotation(rig.cameras[s.right], rotations[s.right]), pair.inliers);
+            if (!s.trusted || s.after.median <= s.before.median + kWorseTolerancePx) continue;
+            bool holds = false;
+            for (int c : {s.left, s.right})
+                if ((*freeIndex)[c] >= 0) (*held)[c] = holds = true;
+            worse = worse || holds;
+            if (holds)
+                warnings->push_back(formatText("%s: the refinement made its error worse (median %.2f px, was %.2f px)",
+                                               pairName(s).c_str(), s.after.median, s.before.median));
+        }
+        if (!worse) return rotations;
+    }
+}
+
 }  // namespace
 
 bool refineRig(const Rig& rig, const std::vector<cv::Mat>& images, RigRefinement* out, std::string* error,
@@ -425,26 +492,8 @@ bool refineRig(const Rig& rig, const std::vector<cv::Mat>& images, RigRefinement
         features.push_back(detectFeatures(rig.cameras[c], images[c], options.detector));
         out->features.push_back(static_cast<int>(features.back().points.size()));
     }
-
-    std::vector<PairData> pairs;
     out->warnings.clear();
-    for (const auto& [a, b] : neighbourPairs(rig)) {
-        const std::vector<RayMatch> matches = matchPair(rig, features, a, b, options);
-        const double focal = std::min(rig.cameras[a].K(0, 0), rig.cameras[b].K(0, 0));
-        PairData pair;
-        pair.inliers = robustInliers(matches, options.inlierThresholdPx / focal);
-        PairRefinement& s = pair.summary;
-        s.left = a;
-        s.right = b;
-        s.matches = static_cast<int>(matches.size());
-        s.inliers = static_cast<int>(pair.inliers.size());
-        s.trusted = s.inliers >= options.minInliers;
-        s.before = reprojectionErrors(rig.cameras[a], rig.cameras[b], pair.inliers);
-        if (!s.trusted)
-            out->warnings.push_back(formatText("%s: %d inliers of %d matches, fewer than %d to trust: left out",
-                                               pairName(s).c_str(), s.inliers, s.matches, options.minInliers));
-        pairs.push_back(std::move(pair));
-    }
+    std::vector<PairData> pairs = matchNeighbours(rig, features, options, &out->warnings);
     if (std::none_of(pairs.begin(), pairs.end(), [](const PairData& p) { return p.summary.trusted; })) {
         *error = formatText("no pair of neighbouring cameras has %d matched features to trust: the images need "
                             "texture where the cameras' views overlap, and the given rotations must be within %g "
@@ -453,39 +502,12 @@ bool refineRig(const Rig& rig, const std::vector<cv::Mat>& images, RigRefinement
         return false;
     }
 
-    // A first solution from the features' positions, then again from positions aligned on
-    // patches through it.
+    // A first solution from the features' positions, then the final one from positions aligned
+    // on patches through it.
     std::vector<bool> held(n, false);
     std::vector<int> freeIndex;
-    std::vector<cv::Matx33d> rotations = solveRotations(rig, pairs, held, &freeIndex);
-    for (PairData& pair : pairs) {
-        PairRefinement& s = pair.summary;
-        if (!s.trusted) continue;
-        alignMatchesOnPatches(withRotation(rig.cameras[s.left], rotations[s.left]),
-                              withRotation(rig.cameras[s.right], rotations[s.right]), images[s.left], images[s.right],
-                              &pair.inliers);
-        s.before = reprojectionErrors(rig.cameras[s.left], rig.cameras[s.right], pair.inliers);
-    }
-    // Cameras of a pair the solution makes worse are held back at their given rotations, until
-    // no pair is made worse.
-    for (bool worse = true; worse;) {
-        rotations = solveRotations(rig, pairs, held, &freeIndex);
-        worse = false;
-        for (PairData& pair : pairs) {
-            PairRefinement& s = pair.summary;
-            s.after = reprojectionErrors(withRotation(rig.cameras[s.left], rotations[s.left]),
-                                         withRotation(rig.cameras[s.right], rotations[s.right]), pair.inliers);
-            if (!s.trusted || s.after.median <= s.before.median) continue;
-            bool holds = false;
-            for (int c : {s.left, s.right})
-                if (freeIndex[c] >= 0) held[c] = holds = true;
-            worse = worse || holds;
-            if (holds)
-                out->warnings.push_back(formatText("%s: the refinement made its error worse (median %.2f px, was "
-                                                   "%.2f px)",
-                                                   pairName(s).c_str(), s.after.median, s.before.median));
-        }
-    }
+    alignTrustedPairs(rig, solveRotations(rig, pairs, held, &freeIndex), images, &pairs);
+    const std::vector<cv::Matx33d> rotations = solveHoldingBack(rig, &pairs, &held, &freeIndex, &out->warnings);
     out->keptGiven.assign(n, true);
     for (int c = 1; c < n; ++c) out->keptGiven[c] = freeIndex[c] < 0;
 
