@@ -300,7 +300,8 @@ void alignMatchesOnPatches(const CameraSpec& a, const CameraSpec& b, const cv::M
             for (int x = -kPatchRadius; x <= kPatchRadius; ++x) grid.push_back(centre + cv::Point2d(x, y));
     }
     std::vector<cv::Vec3d> rays;
-    cameraRays(unrotated(a), grid, &rays, nullptr);
+    std::vector<uint8_t> hasRay;
+    cameraRays(unrotated(a), grid, &rays, &hasRay);
     for (cv::Vec3d& ray : rays) ray = aToB * ray;
     std::vector<cv::Point2d> inB;
     std::vector<uint8_t> visible;
@@ -315,7 +316,7 @@ void alignMatchesOnPatches(const CameraSpec& a, const CameraSpec& b, const cv::M
         bool seen = true;
         for (int j = 0; j < side * side; ++j) {
             const size_t g = k * side * side + j;
-            seen = seen && visible[g] && insideImage(b, inB[g], 1.0);
+            seen = seen && hasRay[g] && visible[g] && insideImage(b, inB[g], 1.0);
             map.at<cv::Vec2f>(j / side, j % side) = cv::Vec2f(static_cast<float>(inB[g].x), static_cast<float>(inB[g].y));
         }
         if (!seen) continue;
