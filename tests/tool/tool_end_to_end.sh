@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The zqavs tool end to end: demo, synth then check, chessboard refusals, a real rig from rig file to
-# panorama, stitch of PNG inputs, broken calibrations.
+# panorama, rotations refined from images, stitch of PNG inputs, broken calibrations.
 set -uo pipefail
 ZQAVS=$1
 WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
@@ -69,6 +69,28 @@ expect 0 "wrote" -- "$ZQAVS" stitch "$WORK/rigcal" "$WORK/rigsyn/camera0.png" -o
 sed 's/"hfov_deg": 64/"hfov_deg": 120/' "$WORK/rig.json" >"$WORK/wide.json"
 expect 1 "columns .*hfov" -- "$ZQAVS" calib "$WORK/wide.json" -o "$WORK/widecal"
 [[ ! -e $WORK/widecal ]] || fail "calib left a directory behind after refusing"
+
+# calib --refine: a rig photographs random blocks, its file has camera 1 turned 3 degrees too far; images
+# of the wrong count or size are refused, naming them
+python3 -c 'import random, sys; r = random.Random(7)
+sys.stdout.buffer.write(b"P6 512 256 255\n" + bytes(r.randrange(256) for _ in range(512 * 256 * 3)))' >"$WORK/blocks.ppm"
+cat >"$WORK/pair.json" <<'JSON'
+{"panorama": {"projection": "cylindrical", "width": 384, "height": 96, "hfov_deg": 100, "vfov_deg": 36},
+ "cameras": [{"model": "pinhole", "image_width": 240, "image_height": 180, "K": [150, 0, 119.5, 0, 150, 89.5, 0, 0, 1],
+              "D": [-0.1, 0.01, 0, 0], "R": [0.906308, 0, 0.422618, 0, 1, 0, -0.422618, 0, 0.906308]},
+             {"model": "pinhole", "image_width": 240, "image_height": 180, "K": [150, 0, 119.5, 0, 150, 89.5, 0, 0, 1],
+              "D": [-0.1, 0.01, 0, 0], "R": [0.906308, 0, -0.422618, 0, 1, 0, 0.422618, 0, 0.906308]}]}
+JSON
+expect 0 "wrote" -- "$ZQAVS" synth --rig "$WORK/pair.json" --scene "$WORK/blocks.ppm" -o "$WORK/pairsyn"
+sed 's/0.906308, 0, -0.422618, 0, 1, 0, 0.422618, 0, 0.906308/0.882948, 0, -0.469472, 0, 1, 0, 0.469472, 0, 0.882948/' \
+    "$WORK/pair.json" >"$WORK/pairoff.json"
+expect 0 "camera 1: .*corrected by (2\.99|3\.00)" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal" \
+    --refine "$WORK/pairsyn/camera0.png" "$WORK/pairsyn/camera1.nv12"
+grep -q '0.9063' "$WORK/paircal/rig.json" 2>/dev/null || fail "calib --refine did not write the refined rig"
+expect 1 "1 images for 2 cameras" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal2" --refine "$WORK/pairsyn/camera0.png"
+expect 1 "camera0.png: 320x240, expected 240x180" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal2" \
+    --refine "$WORK/pairsyn/camera0.png" "$CAL/camera0.png"
+[[ ! -e $WORK/paircal2 ]] || fail "calib --refine left a directory behind after refusing"
 
 # stitch PNG inputs; raw NV12 inputs in file mode and in buffer mode give the same panorama
 expect 0 "wrote .*pano.png" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/pano.png"

@@ -7,6 +7,9 @@ void addCalibCommand(CLI::App& app, CalibOptions& options, IntrinsicsOptions& in
 {
     CLI::App* cmd = app.add_subcommand("calib", "Calibrate a real rig: rig file -> calibration directory");
     cmd->add_option("RIG", options.rig, "rig file (JSON): panorama and camera models")->check(CLI::ExistingFile);
+    cmd->add_option("--refine", options.refineImages,
+                    "recover the cameras' rotations from one image each (PNG/JPEG or raw NV12), in the rig's order")
+        ->check(CLI::ExistingFile);
     cmd->add_option("-o,--out", options.out, "calibration directory to write (created when missing)");
     cmd->add_option("--overlay", options.overlay, "also draw the layout (cameras, blocks, seams) as a PNG");
     cmd->callback([cmd, &options, &result] {

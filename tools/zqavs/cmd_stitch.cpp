@@ -1,8 +1,6 @@
 // zqavs stitch CALIB_DIR IMAGES... -o OUT: stitch camera images with a calibration directory.
 #include <cstdio>
-#include <cstring>
 #include <fstream>
-#include <iterator>
 
 #include "calib_loader.h"
 #include "stitch_session.h"
@@ -10,61 +8,6 @@
 
 namespace zqavs {
 namespace {
-
-bool endsWith(const std::string& text, const std::string& suffix)
-{
-    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-bool isRawNv12(const std::string& path)
-{
-    return endsWith(path, ".nv12") || endsWith(path, ".yuv");
-}
-
-// One camera image at the calibration's source size, as NV12 with the library's stride.
-bool loadCameraImage(const std::string& path, int width, int height, zqavs_synth::Nv12Image* out, std::string* error)
-{
-    if (!isRawNv12(path)) {
-        zqavs_synth::RgbImage rgb;
-        if (!readImage(path, rgb.rgb, &rgb.width, &rgb.height)) {
-            *error = path + ": cannot read as PNG or JPEG";
-            return false;
-        }
-        if (rgb.width != width || rgb.height != height) {
-            *error = path + ": " + std::to_string(rgb.width) + "x" + std::to_string(rgb.height) +
-                     ", the calibration wants " + std::to_string(width) + "x" + std::to_string(height);
-            return false;
-        }
-        *out = zqavs_synth::rgbToNv12(rgb);
-        return true;
-    }
-    std::ifstream in(path, std::ios::binary);
-    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    const int stride = zqavs_synth::nv12Stride(width);
-    const size_t tight = static_cast<size_t>(width) * height * 3 / 2;
-    if (!in.good() && bytes.empty()) {
-        *error = path + ": cannot read";
-        return false;
-    }
-    out->width = width;
-    out->height = height;
-    out->stride = stride;
-    if (bytes.size() == zqavs_synth::nv12Bytes(width, height)) {
-        out->data = std::move(bytes);
-        return true;
-    }
-    if (bytes.size() != tight) {
-        *error = path + ": " + std::to_string(bytes.size()) + " bytes, an NV12 image of " + std::to_string(width) + "x" +
-                 std::to_string(height) + " has " + std::to_string(zqavs_synth::nv12Bytes(width, height)) +
-                 " (stride " + std::to_string(stride) + ") or " + std::to_string(tight) + " (tightly packed)";
-        return false;
-    }
-    out->data.assign(zqavs_synth::nv12Bytes(width, height), 0);
-    const int rows = height + height / 2;  // luma rows, then chroma rows
-    for (int r = 0; r < rows; ++r)
-        memcpy(&out->data[static_cast<size_t>(r) * stride], &bytes[static_cast<size_t>(r) * width], width);
-    return true;
-}
 
 bool writeOutput(const std::string& path, const zqavs_synth::Nv12View& view, std::string* error)
 {

@@ -49,9 +49,10 @@ struct DemoOptions {
     int frames = 10;
 };
 
-// zqavs calib RIG.json -o DIR [--overlay PNG]
+// zqavs calib RIG.json [--refine IMG...] -o DIR [--overlay PNG]
 struct CalibOptions {
     std::string rig;
+    std::vector<std::string> refineImages;
     std::string out;
     std::string overlay;
 };
@@ -90,6 +91,11 @@ int runCalibIntrinsics(const IntrinsicsOptions& options);
 // Parameter file, meshes, alpha maps and camera images of a generated calibration into `dir`.
 bool writeSynthDirectory(const zqavs_synth::Calibration& calib, const std::string& dir, std::string* error);
 bool writeNv12AsPng(const std::string& path, const zqavs_synth::Nv12View& image);
+
+bool endsWith(const std::string& text, const std::string& suffix);
+// One camera image of the given size as NV12 with the library's stride: PNG/JPEG, or raw NV12
+// (.nv12/.yuv, at that stride or tightly packed). False with *error naming the file.
+bool loadCameraImage(const std::string& path, int width, int height, zqavs_synth::Nv12Image* out, std::string* error);
 
 // 8-bit RGB images. PNG or JPEG in; PNG out.
 bool readImage(const std::string& path, std::vector<unsigned char>& rgb, int* width, int* height);
