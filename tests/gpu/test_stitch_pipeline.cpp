@@ -85,13 +85,15 @@ void expectSameBytes(const Frame& actual, const Frame& expected, const char* nam
 
 }  // namespace
 
-TEST(StitchPipeline, RunsOnThePortablePathHere)
+TEST(StitchPipeline, RunsOnThePathExpectedOfTheDriver)
 {
     Rig rig(smallRig());
     RigSession live;
     ASSERT_EQ(live.open(rig), "");
-    // Mesa's software rasterizer has neither dma-buf import nor YUV render targets.
-    EXPECT_STREQ(ZQGFX_AVS_get_path(), "portable");
+    // The system's Mesa 22 llvmpipe has neither dma-buf import nor YUV render targets; a run on
+    // another driver names the path it expects.
+    const char* expected = getenv("ZQAVS_EXPECTED_PATH");
+    EXPECT_STREQ(ZQGFX_AVS_get_path(), expected ? expected : "portable");
 }
 
 TEST(StitchPipeline, FileModeReproducesTheScene)
