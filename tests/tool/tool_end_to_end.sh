@@ -101,8 +101,8 @@ cmp -s "$WORK/a.nv12" "$WORK/b.nv12" || fail "file mode and buffer mode stitched
 expect 2 "3 cameras" -- "$ZQAVS" stitch "$CAL" "$CAL/camera0.png" -o "$WORK/c.png"
 
 # bench: a tiny table
-expect 0 "path: (portable|target)" -- "$ZQAVS" bench --frames 1 --cameras 2 --sizes 320x240 --json "$WORK/bench.json"
-grep -q '"fps"' "$WORK/bench.json" || fail "bench --json wrote no table"
+expect 0 "path: (portable|target)" -- "$ZQAVS" bench --opencv --frames 1 --cameras 2 --sizes 320x240 --json "$WORK/bench.json"
+grep -q '"ratio"' "$WORK/bench.json" || fail "bench --opencv --json wrote no table with the ratio"
 
 # broken calibrations: every problem is reported, not just the first
 BROKEN=$WORK/broken

@@ -1,9 +1,11 @@
 // zqavs bench: frames per second and per-stage times for common rigs.
+#include <chrono>
 #include <cstdio>
 #include <fstream>
 
 #include <nlohmann/json.hpp>
 
+#include "opencv_pipeline.h"
 #include "stitch_session.h"
 #include "tool_common.h"
 #include "zqgfx_gpu_avs_internal.h"
@@ -15,13 +17,16 @@ struct BenchRow {
     int cameras = 0;
     int srcWidth = 0, srcHeight = 0, bldWidth = 0, bldHeight = 0;
     double frameMs = 0.0;
+    double opencvMs = 0.0;  // the OpenCV pipeline on the same rig, when asked for
+    double opencvAgreementDb = 0.0;  // PSNR of its luma against the library's
     AvsStageTimes stages{};
     std::string error;
     std::string path;  // rendering path the rig ran on
 };
 
-// A rig of `cameras` cameras at the given source size; the panorama keeps 3/4 of each camera's
-// width, rounded to the mesh step.
+// A rig of `cameras` cameras at the given source size; the panorama keeps 4/5 of each camera's
+// width and the seams are 1/5 of it, rounded to the mesh step (4 x 1280x720 gives 4096x720 with
+// seams of 256 columns).
 zqavs_synth::RigConfig benchRig(int cameras, int width, int height)
 {
     zqavs_synth::RigConfig rig;
@@ -29,13 +34,35 @@ zqavs_synth::RigConfig benchRig(int cameras, int width, int height)
     rig.src_width = width;
     rig.src_height = height;
     rig.step_x = rig.step_y = 16;
-    rig.bld_width = (cameras * width * 3 / 4) / 16 * 16;
+    rig.bld_width = (cameras * width * 4 / 5) / 16 * 16;
     rig.bld_height = height / 16 * 16;
-    rig.overlap_width = 128;
+    rig.overlap_width = width / 5 / 16 * 16;
     return rig;
 }
 
-void runRow(BenchRow& row, int frames)
+// Median time of the OpenCV pipeline; *agreementDb is how close its luma comes to `library`'s.
+double opencvFrameMs(const zqavs_synth::Calibration& calib, const std::vector<zqavs_synth::Nv12Image>& cameras,
+                     int frames, const zqavs_synth::Nv12View& library, double* agreementDb)
+{
+    OpenCvPipeline pipeline(calib);
+    zqavs_synth::Nv12Image output;
+    output.width = calib.rig.bld_width;
+    output.height = calib.rig.bld_height;
+    output.stride = zqavs_synth::nv12Stride(output.width);
+    output.data.resize(zqavs_synth::nv12Bytes(output.width, output.height));
+    pipeline.stitch(cameras, output);  // warm-up, as for the library
+    std::vector<double> times;
+    for (int f = 0; f < frames; ++f) {
+        const auto start = std::chrono::steady_clock::now();
+        pipeline.stitch(cameras, output);
+        times.push_back(std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count());
+    }
+    *agreementDb = zqavs_synth::psnr(zqavs_synth::lumaPlane(output.view()), zqavs_synth::lumaPlane(library),
+                                     zqavs_synth::coveredColumns(calib.layout));
+    return medianOf(times);
+}
+
+void runRow(BenchRow& row, int frames, bool opencv)
 {
     zqavs_synth::RigConfig rig = benchRig(row.cameras, row.srcWidth, row.srcHeight);
     row.bldWidth = rig.bld_width;
@@ -50,7 +77,9 @@ void runRow(BenchRow& row, int frames)
     if (!session.init(setup, &row.error)) return;
     row.path = ZQGFX_AVS_get_path();
     const zqavs_synth::RgbImage scene = zqavs_synth::makeScene(rig);
-    for (int c = 0; c < rig.cameras; ++c) session.setInput(c, zqavs_synth::renderCamera(calib, c, scene));
+    std::vector<zqavs_synth::Nv12Image> cameras;
+    for (int c = 0; c < rig.cameras; ++c) cameras.push_back(zqavs_synth::renderCamera(calib, c, scene));
+    for (int c = 0; c < rig.cameras; ++c) session.setInput(c, cameras[c]);
     double ms = 0.0;
     if (!session.frame(&ms, &row.error)) return;  // warm-up: shader compilation, first imports
     std::vector<double> times, imports, remaps, pyramids, blends, packs;
@@ -74,6 +103,7 @@ void runRow(BenchRow& row, int frames)
     row.stages.pyramid_ms = medianOf(pyramids);
     row.stages.blend_ms = medianOf(blends);
     row.stages.pack_ms = medianOf(packs);
+    if (opencv) row.opencvMs = opencvFrameMs(calib, cameras, frames, session.outputView(), &row.opencvAgreementDb);
 }
 
 }  // namespace
@@ -87,6 +117,8 @@ void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result)
     cmd->add_option("--cameras", options.cameras, "camera counts")->delimiter(',')->check(CLI::Range(2, 10));
     cmd->add_option("--sizes", options.sizes, "camera image sizes WxH")->delimiter(',');
     cmd->add_option("--json", options.json, "also write the table as JSON into this file");
+    cmd->add_flag("--opencv", options.opencv,
+                  "also time the OpenCV pipeline (cv::remap per camera, MultiBandBlender per seam) on each rig");
     cmd->footer("Stages are finish-bracketed (the GPU is drained between stages), so their sum exceeds a "
                 "pipelined frame.\nExample: zqavs bench --cameras 4 --sizes 1280x720 --frames 20");
     cmd->callback([&options, &result] { result.code = runBench(options); });
@@ -111,13 +143,14 @@ int runBench(const BenchOptions& options)
     }
     Progress progress("benchmarking rig");
     for (size_t i = 0; i < rows.size(); ++i) {
-        runRow(rows[i], options.frames);
+        runRow(rows[i], options.frames, options.opencv);
         progress.update(static_cast<int>(i + 1), static_cast<int>(rows.size()));
     }
     printf("path: %s, %d frames per rig, medians in ms\n", rows.empty() ? "none" : rows[0].path.c_str(),
            options.frames);
-    printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s\n", "cams", "source", "panorama", "frame", "fps", "import",
+    printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s", "cams", "source", "panorama", "frame", "fps", "import",
            "remap", "pyramid", "blend", "pack");
+    printf(options.opencv ? " %8s %7s %7s\n" : "\n", "opencv", "ratio", "same dB");
     nlohmann::json json = nlohmann::json::array();
     bool failed = false;
     for (const BenchRow& row : rows) {
@@ -129,14 +162,33 @@ int runBench(const BenchOptions& options)
             continue;
         }
         const double fps = row.frameMs > 0 ? 1000.0 / row.frameMs : 0.0;
-        printf("%-4d %-10s %-11s %8.2f %7.1f %8.2f %8.2f %8.2f %8.2f %8.2f\n", row.cameras, source.c_str(),
+        printf("%-4d %-10s %-11s %8.2f %7.1f %8.2f %8.2f %8.2f %8.2f %8.2f", row.cameras, source.c_str(),
                pano.c_str(), row.frameMs, fps, row.stages.import_ms, row.stages.remap_ms, row.stages.pyramid_ms,
                row.stages.blend_ms, row.stages.pack_ms);
-        json.push_back({{"cameras", row.cameras}, {"source", source}, {"panorama", pano}, {"frame_ms", row.frameMs},
-                        {"fps", fps}, {"import_ms", row.stages.import_ms}, {"remap_ms", row.stages.remap_ms},
-                        {"pyramid_ms", row.stages.pyramid_ms}, {"blend_ms", row.stages.blend_ms},
-                        {"pack_ms", row.stages.pack_ms}, {"gpu_timers", row.stages.gpu_timers}});
+        if (options.opencv)
+            printf(" %8.2f %7.2f %7.1f", row.opencvMs, row.frameMs / row.opencvMs, row.opencvAgreementDb);
+        printf("\n");
+        nlohmann::json entry = {{"cameras", row.cameras},
+                                {"source", source},
+                                {"panorama", pano},
+                                {"frame_ms", row.frameMs},
+                                {"fps", fps},
+                                {"import_ms", row.stages.import_ms},
+                                {"remap_ms", row.stages.remap_ms},
+                                {"pyramid_ms", row.stages.pyramid_ms},
+                                {"blend_ms", row.stages.blend_ms},
+                                {"pack_ms", row.stages.pack_ms},
+                                {"gpu_timers", row.stages.gpu_timers}};
+        if (options.opencv) {
+            entry["opencv_ms"] = row.opencvMs;
+            entry["ratio"] = row.frameMs / row.opencvMs;
+            entry["opencv_luma_psnr_db"] = row.opencvAgreementDb;
+        }
+        json.push_back(entry);
     }
+    if (options.opencv)
+        printf("ratio: the library's frame over the OpenCV pipeline's, both medians of this run; same dB: PSNR of "
+               "the two panoramas' luma\n");
     printf("stage times: %s\n", rows.empty() || !rows[0].stages.gpu_timers ? "finish-bracketed wall clock"
                                                                            : "GPU timer queries");
     if (!options.json.empty()) {

@@ -71,6 +71,7 @@ struct BenchOptions {
     std::vector<int> cameras{2, 4, 6, 8};
     std::vector<std::string> sizes{"1280x720", "1920x1080"};
     std::string json;
+    bool opencv = false;
 };
 
 void addCheckCommand(CLI::App& app, CheckOptions& options, ToolResult& result);
