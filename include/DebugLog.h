@@ -6,6 +6,7 @@
 #ifndef ZQGFX_AVS_DEBUG_LOG_H
 #define ZQGFX_AVS_DEBUG_LOG_H
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -20,17 +21,18 @@ enum AVS_LOG_LEVEL {
 
 namespace zqgfx_gpu_avs {
 
-static int avsDebugLogLevel = 0;
+// Atomic: one thread's init sets it while other threads' instances read it for their frames.
+static std::atomic<int> avsDebugLogLevel{0};
 
 [[maybe_unused]] static void UpdateAvsLogLevel()
 {
     const char* value = getenv("ZQ_GPU_AVS_DEBUG_LOG");
-    avsDebugLogLevel = value ? atoi(value) : 0;
+    avsDebugLogLevel.store(value ? atoi(value) : 0, std::memory_order_relaxed);
 }
 
 [[maybe_unused]] static int AvsLogLevel()
 {
-    return avsDebugLogLevel;
+    return avsDebugLogLevel.load(std::memory_order_relaxed);
 }
 
 // Milliseconds since the epoch, or 0 when logging is off (a cheap timestamp for traces).

@@ -187,7 +187,7 @@ private:
     const uint8_t* paddedAlphaBytes(int camera, int level, const uint8_t* pixels, size_t readBytes,
                                     size_t availableBytes);
     const uint8_t* alphaUploadBytes(int camera, int level, const uint8_t* pixels);
-    void deleteAlphaTextureOfCameraLevel(int camera, int levels);
+    void deleteAlphaTextures(int camera, int levels);
 
     std::vector<PaddedAlphaLevel> paddedAlphaLevels;
 

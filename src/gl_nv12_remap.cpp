@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 #include <new>
 #include <vector>
 
@@ -116,6 +117,38 @@ EglSyncProcs lookupEglSyncProcs()
     return procs;
 }
 
+// Instances on several threads share the process's display, and eglTerminate would end it for
+// all of them: the last instance to leave terminates it. An instance belongs to its thread, so a
+// thread counts once; one whose init failed keeps its place until its next init or its end.
+std::mutex& displayUsersMutex()
+{
+    static std::mutex mutex;
+    return mutex;
+}
+int displayUsers = 0;  // guarded by displayUsersMutex()
+
+struct ThreadDisplayUse {
+    bool counted = false;
+    ~ThreadDisplayUse()
+    {
+        std::lock_guard<std::mutex> lock(displayUsersMutex());
+        leave();
+    }
+    void join()
+    {
+        if (!counted) ++displayUsers;
+        counted = true;
+    }
+    // True when no instance uses the display any more.
+    bool leave()
+    {
+        if (counted) --displayUsers;
+        counted = false;
+        return displayUsers == 0;
+    }
+};
+thread_local ThreadDisplayUse t_displayUse;
+
 timeval now()
 {
     timeval tv;
@@ -139,6 +172,9 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     timeval start = now();
     checkEglError("<init>", EGL_TRUE);
 
+    // Held until the display is initialised and counted, so that no other thread's
+    // tear-down terminates it in between.
+    std::unique_lock<std::mutex> displayLock(displayUsersMutex());
     if (dpy == EGL_NO_DISPLAY) {
         dpy = eglGetDisplay(EGL_DEFAULT_DISPLAY);
         checkEglError("eglGetDisplay", EGL_TRUE);
@@ -169,6 +205,8 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
         puts("eglInitialize failed");
         return 1;
     }
+    t_displayUse.join();
+    displayLock.unlock();
 
     // Asks for window support although only a pbuffer is made; kept for compatibility.
     EGLConfig config = chooseWindowConfig(dpy);
@@ -276,7 +314,13 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
     eglDestroySurface(dpy, surface);
     eglDestroyContext(dpy, context);
     eglMakeCurrent(dpy, EGL_NO_SURFACE, EGL_NO_SURFACE, EGL_NO_CONTEXT);
-    eglTerminate(dpy);
+    {
+        std::lock_guard<std::mutex> lock(displayUsersMutex());
+        if (t_displayUse.leave())
+            eglTerminate(dpy);
+        else
+            AVS_LOGD("the display stays initialised for the other %d instances", displayUsers);
+    }
 
     AVS_LOGD("ZQ_EGL_Deinit use time=%f ms \n", timer.elapsedMs());
     return 0;

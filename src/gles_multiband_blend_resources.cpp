@@ -537,16 +537,14 @@ int zqglMultibandBlend::updateMultibandAlpha(int* do_blend_array)
 
 // ---- tear-down -------------------------------------------------------------------------------
 
-// The camera number picks the alpha level whose texture is released, as it always has; the other
-// alpha textures stay. Deleting it again for every level would be a no-op, so it happens once.
-// A camera number at or past the seam's level count would index past the array: skipped.
-void zqglMultibandBlend::deleteAlphaTextureOfCameraLevel(int camera, int levels)
+// A level whose import failed holds no texture, only the failure marker.
+void zqglMultibandBlend::deleteAlphaTextures(int camera, int levels)
 {
-    if (camera >= levels) {
-        AVS_LOGE("alphaAttr[%d] has %d levels: level %d not deleted!", camera, levels, camera);
-        return;
+    for (int l = 0; l < levels; ++l) {
+        GLuint& texture = alphaAttr[camera][l].texture_id;
+        if (texture != kFailedAlphaImport) glDeleteTextures(1, &texture);
+        texture = 0;
     }
-    glDeleteTextures(1, &alphaAttr[camera][camera].texture_id);
 }
 
 void zqglMultibandBlend::delete_multibandBlend_resource(int* do_blend_array)
@@ -557,7 +555,7 @@ void zqglMultibandBlend::delete_multibandBlend_resource(int* do_blend_array)
     for (int i = 0; i < cameraNum; ++i) {
         if (do_blend_array[i] > 0 && alphaAttr[i] != nullptr) {
             int levels = _multiResource->multi_band_num[i];
-            deleteAlphaTextureOfCameraLevel(i, levels);
+            deleteAlphaTextures(i, levels);
             for (int l = 1; l < levels; ++l) {
                 for (auto* pyramid : {&gaussFboAttrA, &gaussFboAttrB, &outFboAttr})
                     if ((*pyramid)[i] != nullptr) releaseColourLevel((*pyramid)[i][l]);

@@ -227,6 +227,27 @@ TEST(StitchPipeline, FencedFramesGiveTheBytesOfFinishedFrames)
     expectSameBytes(stitchFromFiles(rig, /*useSync=*/true), stitchFromFiles(rig, false), "sync");
 }
 
+// Threads wait for a slot of a shared schedule; a slot is reached once and stays reached.
+class Schedule {
+public:
+    void reach(int slot)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        reached_ = std::max(reached_, slot);
+        changed_.notify_all();
+    }
+    void waitFor(int slot)
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return reached_ >= slot; });
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int reached_ = 0;
+};
+
 TEST(StitchPipeline, ThreadsWithTheirOwnInstancesGiveTheBytesOfOne)
 {
     Rig rig(smallRig());
@@ -235,40 +256,38 @@ TEST(StitchPipeline, ThreadsWithTheirOwnInstancesGiveTheBytesOfOne)
     ASSERT_TRUE(zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) << error;
     const Frame single = stitch(rig, dir.path);
 
-    // Every instance is up before any frame and all frames are done before any tear-down: an
-    // instance's de-init terminates the process-wide EGL display the others share.
+    // Thread t starts in slot t and stops in slot t + 2, so that each start but the first two
+    // meets another thread's tear-down, and every instance stitches again after one has left.
     const int count = 4;
-    std::mutex mutex;
-    std::condition_variable changed;
-    int arrived = 0;
-    auto meetTheOthers = [&](int phase) {
-        std::unique_lock<std::mutex> lock(mutex);
-        ++arrived;
-        changed.notify_all();
-        changed.wait(lock, [&] { return arrived >= phase * count; });
-    };
-    std::vector<Frame> results(count);
+    Schedule schedule;
+    std::vector<Frame> firstFrames(count), lastFrames(count);
     std::vector<std::thread> threads;
     for (int t = 0; t < count; ++t)
         threads.emplace_back([&, t] {
-            zqavs::StitchSetup setup = rig.setup();
+            schedule.waitFor(t);
+            // Fenced frames ask the display for a sync object each time: a terminated display refuses.
+            zqavs::StitchSetup setup = rig.setup(/*useSync=*/true);
             setup.calibDir = dir.path;
-            zqavs::StitchSession session;
             std::string failure;
-            const bool ready = session.init(setup, &failure);
-            meetTheOthers(1);
-            if (ready) {
-                for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
+            {
+                zqavs::StitchSession session;
                 double ms = 0;
-                bool stitched = true;
-                for (int f = 0; f < 3 && stitched; ++f) stitched = session.frame(&ms, &failure);
-                if (stitched) results[t] = copyFrame(session.outputView());
-            }
+                bool stitching = session.init(setup, &failure);
+                for (int c = 0; stitching && c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
+                stitching = stitching && session.frame(&ms, &failure);
+                if (stitching) firstFrames[t] = copyFrame(session.outputView());
+                schedule.reach(t + 1);
+                schedule.waitFor(std::min(t + 2, count));
+                if (stitching && session.frame(&ms, &failure)) lastFrames[t] = copyFrame(session.outputView());
+            }  // torn down here
             if (!failure.empty()) ADD_FAILURE() << "thread " << t << ": " << failure;
-            meetTheOthers(2);
         });
     for (std::thread& thread : threads) thread.join();
-    for (int t = 0; t < count; ++t) expectSameBytes(results[t], single, ("thread" + std::to_string(t)).c_str());
+    for (int t = 0; t < count; ++t) {
+        expectSameBytes(firstFrames[t], single, ("thread" + std::to_string(t) + "_first").c_str());
+        expectSameBytes(lastFrames[t], single, ("thread" + std::to_string(t) + "_last").c_str());
+    }
+    expectSameBytes(stitch(rig, dir.path), single, "after_the_threads");
 }
 
 TEST(StitchPipeline, PixelsNoBlockCoversKeepTheBuffersContent)

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The zqavs tool end to end: demo, synth then check, chessboard refusals, a real rig from rig file to
-# panorama, rotations refined from images, stitch of PNG inputs, broken calibrations.
+# panorama, rotations refined from images, stitch of PNG inputs, bench, a short soak, broken calibrations.
 set -uo pipefail
 ZQAVS=$1
 WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
@@ -103,6 +103,12 @@ expect 2 "3 cameras" -- "$ZQAVS" stitch "$CAL" "$CAL/camera0.png" -o "$WORK/c.pn
 # bench: a tiny table
 expect 0 "path: (portable|target)" -- "$ZQAVS" bench --opencv --frames 1 --cameras 2 --sizes 320x240 --json "$WORK/bench.json"
 grep -q '"ratio"' "$WORK/bench.json" || fail "bench --opencv --json wrote no table with the ratio"
+
+# soak, short: two instances over more distinct descriptors than import slots, reshaped and
+# checked; a usage error exits 2
+expect 0 "0 differed" -- "$ZQAVS" soak --frames 240 --instances 2 --cameras 2 --size 160x96 --descriptors 104 \
+    --reshape-every 50 --check-every 20 --report-every 60 --warmup 120
+expect 2 "--size" -- "$ZQAVS" soak --size big
 
 # broken calibrations: every problem is reported, not just the first
 BROKEN=$WORK/broken

@@ -238,6 +238,30 @@ TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
     }
 }
 
+TEST_F(EntryPoints, RepeatedInstancesLeaveNoDriverObjectBehind)
+{
+    writeFourCameraCalibration();
+    const int cycles = 10;
+    for (int cycle = 0; cycle < cycles; ++cycle) {
+        context.useSync = cycle % 2;
+        ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << "cycle " << cycle << printed;
+        for (int frame = 0; frame < 3; ++frame) {
+            ASSERT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_SUCCESS);
+            if (context.useSync) {
+                ASSERT_EQ(ZQGFX_AVS_wait_sync(ZQGFX_AVS_create_sync()), ZQGFX_AVS_SUCCESS);
+            }
+        }
+        stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
+        forgetInstance();
+    }
+    for (const char* kind : {"texture", "framebuffer", "buffer", "renderbuffer", "vertexarray", "program", "shader",
+                             "query", "sampler", "fence", "image", "sync", "surface", "context"})
+        EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind << " of " << fakegl::createdObjects(kind);
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+    // One instance at a time: each leaves the display terminated.
+    EXPECT_EQ(fakegl::countCalls("eglTerminate"), static_cast<size_t>(cycles));
+}
+
 TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
 {
     writeFourCameraCalibration();

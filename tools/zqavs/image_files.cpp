@@ -100,9 +100,15 @@ void Progress::update(int done, int total)
     shown_ = true;
 }
 
-Progress::~Progress()
+void Progress::clear()
 {
     if (shown_) printf("\r\033[K");
+    shown_ = false;
+}
+
+Progress::~Progress()
+{
+    clear();
 }
 
 }  // namespace zqavs

@@ -12,6 +12,7 @@ int main(int argc, char** argv)
     StitchOptions stitch;
     CheckOptions check;
     BenchOptions bench;
+    SoakOptions soak;
     CalibOptions calib;
     IntrinsicsOptions intrinsics;
     addDemoCommand(app, demo, result);
@@ -19,6 +20,7 @@ int main(int argc, char** argv)
     addStitchCommand(app, stitch, result);
     addCheckCommand(app, check, result);
     addBenchCommand(app, bench, result);
+    addSoakCommand(app, soak, result);
     addCalibCommand(app, calib, intrinsics, result);
     try {
         app.parse(argc, argv);

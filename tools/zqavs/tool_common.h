@@ -66,6 +66,20 @@ struct IntrinsicsOptions {
     std::string out;
 };
 
+// zqavs soak: one instance for many frames, reshaped now and then, its memory watched.
+struct SoakOptions {
+    int frames = 2000;
+    int cameras = 4;
+    std::string size = "480x272";
+    int descriptors = 128;
+    int reshapeEvery = 1000;
+    int checkEvery = 100;
+    int reportEvery = 1000;
+    int instances = 1;
+    int warmup = 2000;
+    int maxGrowthMib = -1;
+};
+
 struct BenchOptions {
     int frames = 30;
     std::vector<int> cameras{2, 4, 6, 8};
@@ -79,6 +93,7 @@ void addSynthCommand(CLI::App& app, SynthOptions& options, ToolResult& result);
 void addStitchCommand(CLI::App& app, StitchOptions& options, ToolResult& result);
 void addDemoCommand(CLI::App& app, DemoOptions& options, ToolResult& result);
 void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result);
+void addSoakCommand(CLI::App& app, SoakOptions& options, ToolResult& result);
 void addCalibCommand(CLI::App& app, CalibOptions& options, IntrinsicsOptions& intrinsics, ToolResult& result);
 int runCheck(const CheckOptions& options);
 int runSynth(SynthOptions& options);
@@ -86,6 +101,7 @@ int runSynthRig(const SynthOptions& options);
 int runStitch(const StitchOptions& options);
 int runDemo(const DemoOptions& options);
 int runBench(const BenchOptions& options);
+int runSoak(const SoakOptions& options);
 int runCalib(const CalibOptions& options);
 int runCalibIntrinsics(const IntrinsicsOptions& options);
 
@@ -107,6 +123,7 @@ class Progress {
 public:
     explicit Progress(const char* what);
     void update(int done, int total);
+    void clear();  // before a line of its own
     ~Progress();
 
 private:
