@@ -18,9 +18,9 @@ namespace core = zqavs_calib_core;
 namespace {
 
 // Sides past these are left alone: a valid layout that large only costs memory.
-constexpr int kLargestSide = 4096;
-constexpr int kLargestAlphaSide = 512;
-constexpr size_t kMostMeshNodes = 1 << 20;
+constexpr int kLargestSide = 2048;
+constexpr int kLargestAlphaSide = 256;
+constexpr size_t kMostMeshNodes = 1 << 18;
 
 int side(FuzzedDataProvider& in, int largest) { return in.ConsumeIntegralInRange(-2, largest); }
 
