@@ -4,6 +4,7 @@
 // An init that succeeds runs a frame; the instance is ended either way.
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -41,11 +42,17 @@ std::vector<std::string> fileNames(const PSR_INITPARAMS_T& layout)
     return names;
 }
 
+// Plain storage, so that it outlives every static when the process exits and removes it.
+char scratchPath[] = "/tmp/zqavs_fuzz_XXXXXX";
+
+void removeScratch() { std::filesystem::remove_all(scratchPath); }
+
 const std::string& scratchDir()
 {
     static const std::string dir = [] {
-        char pattern[] = "/tmp/zqavs_fuzz_XXXXXX";
-        return std::string(mkdtemp(pattern)) + "/";
+        mkdtemp(scratchPath);
+        std::atexit(removeScratch);
+        return std::string(scratchPath) + "/";
     }();
     return dir;
 }
