@@ -344,6 +344,7 @@ AvsGpuCaps detectGpuCaps(EGLDisplay dpy)
 {
     const char* egl = eglQueryString(dpy, EGL_EXTENSIONS);
     const char* client = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
+    if (client == nullptr) eglGetError();  // EGL 1.4 has no client extensions: its EGL_BAD_DISPLAY is no fault
     const char* gl = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
 
     AvsGpuCaps caps{};

@@ -406,7 +406,9 @@ int zqglMultibandBlend::takeCallerAlpha(void** meshAlphaBufArray, int taken, int
     size_t elementBytes = alphaElementBytes(alphaType);
     size_t mapBytes = static_cast<size_t>(length) * elementBytes;
     size_t offsetBytes = msg->mem_offset > 0 ? static_cast<size_t>(msg->mem_offset) * elementBytes : 0;
-    if (msg->mem_offset < 0 || msg->mem_size < 0 || static_cast<size_t>(msg->mem_size) < offsetBytes + mapBytes) {
+    // A mem_size of 0 was not given: the caller vouches for the map alone.
+    const bool sized = msg->mem_size != 0;
+    if (msg->mem_offset < 0 || msg->mem_size < 0 || (sized && static_cast<size_t>(msg->mem_size) < offsetBytes + mapBytes)) {
         AVS_LOGE("meshAlphaBufArray[%d] mem_size=%lld too small: mem_offset=%d + %d alpha elements of %zu bytes!",
                  taken, static_cast<long long>(msg->mem_size), msg->mem_offset, length, elementBytes);
         return -1;
@@ -414,7 +416,7 @@ int zqglMultibandBlend::takeCallerAlpha(void** meshAlphaBufArray, int taken, int
     source.data = static_cast<uint8_t*>(msg->vir_addr);
     source.elementOffset = msg->mem_offset;
     source.base = source.data + offsetBytes;
-    source.readableBytes = isU8Alpha(alphaType) ? mapBytes : static_cast<size_t>(msg->mem_size) - offsetBytes;
+    source.readableBytes = isU8Alpha(alphaType) || !sized ? mapBytes : static_cast<size_t>(msg->mem_size) - offsetBytes;
     source.importFd = msg->mem_fd;
     source.importOffset = msg->mem_offset;
     if (isU8Alpha(alphaType))

@@ -115,6 +115,9 @@ TEST(RigFile, RoundTripsAndRefusesBadFieldsNamingThem)
         EXPECT_FALSE(zqavs_calib::parseRig(j.dump(), dir.path, "rig.json", &rig, &error)) << c.expected;
         EXPECT_NE(error.find(c.expected), std::string::npos) << "expected '" << c.expected << "' in: " << error;
     }
+    // Text no JSON value can stand for: refused, not thrown at the caller.
+    EXPECT_FALSE(zqavs_calib::parseRig(R"({"panorama": {"width": 1e999}})", dir.path, "rig.json", &rig, &error));
+    EXPECT_NE(error.find("rig.json: not valid JSON: "), std::string::npos) << error;
 }
 
 // A direction `offAxisDeg` off the camera's axis, turned `aroundDeg` about it, in world coordinates.

@@ -327,6 +327,10 @@ EGLContext eglGetCurrentContext(void) {
 const char* eglQueryString(EGLDisplay dpy, EGLint name) {
     Lock lock(state().mutex);
     recordLocked("eglQueryString", dpy, name);
+    if (dpy == EGL_NO_DISPLAY && inj().noClientExtensions) {
+        setEglError(EGL_BAD_DISPLAY);
+        return nullptr;
+    }
     switch (name) {
     case EGL_EXTENSIONS: return (dpy == EGL_NO_DISPLAY ? inj().eglClientExtensions : inj().eglExtensions).c_str();
     case EGL_VERSION: return "1.4 fakegl";

@@ -116,6 +116,10 @@ TEST_F(CommonResource, DiagnosticsAndCapabilities)
     EXPECT_FALSE(caps.has_EGL_EXT_image_dma_buf_import);
     EXPECT_TRUE(caps.has_EGL_MESA_platform_surfaceless && caps.has_EGL_KHR_fence_sync);
     EXPECT_TRUE(caps.portable);
+    // An EGL 1.4 driver refuses the client query; its error must not surface at a later check.
+    fakegl::inject().noClientExtensions = true;
+    EXPECT_FALSE(detectGpuCaps(kDpy).has_EGL_MESA_platform_surfaceless);
+    EXPECT_EQ(eglGetError(), EGL_SUCCESS);
 }
 
 }  // namespace

@@ -1,14 +1,14 @@
 // The exported entry points: the log level, refusals, and whole instances against the fake driver
 // (init to deinit, the frame's call order, failed inits that leave their objects behind).
 #include <algorithm>
+#include <cmath>
+#include <filesystem>
 #include <functional>
+#include <memory>
 #include <regex>
 
 #include "calibration_dir.h"
-#include "fakegl/fakegl.h"
-#include "gl_nv12_remap.h"
-#include "gles_multiband_blend.h"
-#include "zqgfx_gpu_avs_internal.h"
+#include "instance_support.h"
 
 using entry_test::contains;
 using entry_test::stdoutOf;
@@ -37,38 +37,14 @@ public:
     }
     void TearDown() override
     {
-        AvsThreadInstance& state = avs_thread_state();
-        if (state.if_init_avs == 1 || fakegl::liveObjects("context") > 0) {
-            state.if_init_avs = 1;  // a failed init past the EGL set-up is released like a finished one
-            stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
-        } else {
-            releaseObjectsOfAFailedInit();
-        }
-        forgetInstance();
+        stdoutOf([&] { entry_test::endInstance(&context); });
         unsetenv("ZQ_GPU_AVS_DEBUG_LOG");
         refreshCalibrationLogLevel();
         refreshPlanningLogLevel();
     }
 
-    static void forgetInstance() { avs_thread_state() = AvsThreadInstance{}; }
-
-    // A failed init frees nothing; the tests do, so that the leak checker sees only the library.
-    static void releaseObjectsOfAFailedInit()
-    {
-        AvsThreadInstance& s = avs_thread_state();
-        if (s.mInputMeshCoords != nullptr) {
-            for (auto* table : {&s.mInputMeshCoords->input_meshx, &s.mInputMeshCoords->input_meshy})
-                for (auto& camera : *table)
-                    for (float* mesh : camera) free(mesh);
-            delete s.mInputMeshCoords;
-        }
-        delete s.init_params;
-        delete s.mUseInputMeshCoords;
-        delete s.multiband_resource;
-        if (s.zqRemapInstance) s.zqRemapInstance->~ZQGL_Remap(), free(s.zqRemapInstance);
-        if (s.zqMultibandBlendInstance) s.zqMultibandBlendInstance->~zqglMultibandBlend(), free(s.zqMultibandBlendInstance);
-        free(s.doBlendArray);
-    }
+    static void forgetInstance() { entry_test::forgetInstance(); }
+    static void releaseObjectsOfAFailedInit() { entry_test::releaseObjectsOfAFailedInit(); }
 
     // Four cameras in a ring, two-level pyramids; camera 3's right seam does not meet camera 0's left.
     void writeFourCameraCalibration()
@@ -84,6 +60,40 @@ public:
         context.inputFdArray = fds;
     }
 
+    // File mode on the four-camera calibration as `change` leaves it (the buffers fit the original).
+    ZQGFX_AVS_STATUS initChanged(const std::function<void(PSR_INITPARAMS_T&)>& change)
+    {
+        writeFourCameraCalibration();
+        change(layout);
+        dir.writeCalibration(layout);
+        return ZQGFX_AVS_init(&context);
+    }
+    // Buffer mode on the same calibration, the records as `change` leaves them.
+    ZQGFX_AVS_STATUS initBuffers(const std::function<void(EntryPoints&)>& change)
+    {
+        writeFourCameraCalibration();
+        callerMeshes = std::make_unique<entry_test::CallerMeshes>(layout);
+        alphaRecord = PSR_DRM_BUF_MSG_S{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
+        std::fill(std::begin(alphaRecords), std::end(alphaRecords), &alphaRecord);
+        context.useMeshBufAddress = 1, context.AVS_initParams = &layout, context.meshFilePath = nullptr;
+        context.avsRemapMeshArray = callerMeshes->pointers.data(), context.meshAlphaDrmBufMsgArray = alphaRecords;
+        change(*this);
+        return ZQGFX_AVS_init(&context);
+    }
+    // A running instance, then `call`.
+    ZQGFX_AVS_STATUS running(const std::function<ZQGFX_AVS_STATUS(EntryPoints&)>& call)
+    {
+        writeFourCameraCalibration();
+        return ZQGFX_AVS_init(&context) == ZQGFX_AVS_SUCCESS ? call(*this) : ZQGFX_AVS_FAILED;
+    }
+    ZQGFX_AVS_STATUS initAndFrame() { return ZQGFX_AVS_init(&context) ? ZQGFX_AVS_FAILED : ZQGFX_AVS_AllProcess(&context); }
+    void replace(const std::string& name, const std::string& bytes)
+    {
+        std::filesystem::remove(dir.path() + name);
+        if (bytes == "DIR") std::filesystem::create_directory(dir.path() + name);
+        else dir.write(name, bytes.data(), bytes.size());
+    }
+
     ZQGFX_AVS_STATUS init()
     {
         ZQGFX_AVS_STATUS status = ZQGFX_AVS_FAILED;
@@ -97,6 +107,9 @@ public:
     ZQGFX_AVS_CONTEXT_T context{};
     int fds[5] = {11, 12, 13, 14, 15};
     std::string printed;
+    std::unique_ptr<entry_test::CallerMeshes> callerMeshes;
+    PSR_DRM_BUF_MSG_S alphaRecord{};
+    void* alphaRecords[4] = {};
 };
 
 TEST_F(EntryPoints, NothingRunsWithoutAnInstanceOrAContext)
@@ -208,11 +221,6 @@ TEST_F(EntryPoints, UpdateMeshNamesTheBlockByCameraTimesTen)
     PSR_REMAP_MESH record{4, 16, 16, 3, 16, mesh.data(), -1, mesh.data(), -1};
     std::string out = stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_update_mesh(nullptr, &record), ZQGFX_AVS_SUCCESS); });
     EXPECT_TRUE(contains(out, "Update mesh: index=4 inner_index=11 step_x=16 step_y=16 mesh_w=3 mesh_h=16 ")) << out;
-
-    record.meshIndex = 12;  // past the last block: goes on as -1, which the remap engine refuses
-    out = stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_update_mesh(nullptr, &record), ZQGFX_AVS_FAILED); });
-    EXPECT_TRUE(contains(out, "inner_index=-1") && hasErrorLine(out, "ZQGFX_AVS_update_mesh", "ZQGFX_AVS_update_mesh FAILED!\n")) << out;
-    stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_update_mesh(nullptr, nullptr), ZQGFX_AVS_FAILED); });
 }
 
 TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
@@ -278,6 +286,161 @@ TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
     forgetInstance();
     // Still the caller's (freeing them here would also trip the allocator when the vectors go).
     EXPECT_EQ(meshes[0], entry_test::meshValues('x', 0, 0, static_cast<int>(meshes[0].size())));
+}
+
+// What callers hand over by mistake or malice, at every entry point. Each row is refused with its
+// line (or gets what the interface documents), the sanitizers stay quiet, and the same thread
+// then starts a valid instance.
+TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
+{
+    using T = EntryPoints;
+    using L = PSR_INITPARAMS_T;
+    const ZQGFX_AVS_STATUS ok = ZQGFX_AVS_SUCCESS, failed = ZQGFX_AVS_FAILED;
+    const std::string params = "zq_ps_gpu_mesh_params.txt";
+    const std::string layoutAt = params + ": camera ";
+    struct Row {
+        const char* name;
+        std::function<ZQGFX_AVS_STATUS(T&)> call;
+        ZQGFX_AVS_STATUS expected;
+        std::string line;  // in the output; on success: no FAILED line at all
+    };
+    const Row rows[] = {
+        // ---- the context
+        {"null context", [](T&) { return ZQGFX_AVS_init(nullptr); }, failed, "input context is NULL, return FAILED!"},
+        {"no calibration directory", [](T& t) { t.writeFourCameraCalibration(); t.context.meshFilePath = nullptr;
+             return ZQGFX_AVS_init(&t.context); }, failed, "meshFilePath is NULL, FAILED!"},
+        {"input width not a multiple of 16", [](T& t) { t.writeFourCameraCalibration(); t.context.inputBufferWidth = 328;
+             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x240"},
+        {"output height not the panorama's", [](T& t) { t.writeFourCameraCalibration(); t.context.outputBufferHeight = 480;
+             return ZQGFX_AVS_init(&t.context); }, failed, "outputBufferWidth is not aligned with 16, recommend size: 1280x240"},
+        {"more views than cameras", [](T& t) { t.writeFourCameraCalibration(); t.context.numView = 5;
+             return ZQGFX_AVS_init(&t.context); }, failed, params + " describes 4 cameras but camera_num is 5, FAILED!"},
+        {"negative view count", [](T& t) { t.writeFourCameraCalibration(); t.context.numView = 0x80000000u;
+             return ZQGFX_AVS_init(&t.context); }, failed, "camera_num=-2147483648 is negative, FAILED!"},
+        // ---- the calibration files
+        {"no parameter file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_mesh_params.txt");
+             return ZQGFX_AVS_init(&t.context); }, failed, "Read failed:"},
+        {"directory for the parameter file", [&](T& t) { t.writeFourCameraCalibration(); t.replace(params, "DIR");
+             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 0x0"},
+        {"non-numeric value", [&](T& t) { t.writeFourCameraCalibration();  // reads as 0
+             std::string text = entry_test::paramsText(t.layout);
+             text.replace(text.find("240"), 3, "high");
+             t.replace(params, text);
+             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
+        {"block count disagreeing with the lists", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
+         failed, layoutAt + "1 declares 2 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
+        {"negative block count", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[0] = {}, l.overlap_block[0].overlap_num = -1; }); },
+         failed, layoutAt + "0 has nonoverlap_num=1 overlap_num=-1, FAILED!"},
+        {"eleven blocks in a camera", [](T& t) { return t.initChanged([](L& l) { l = entry_test::ringLayout(4, 9, 2); }); },
+         failed, layoutAt + "0 has 11 blocks, at most 10 are supported, FAILED!"},
+        {"negative mesh size", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].mesh_height[0] = -3; }); },
+         failed, layoutAt + "1 block 1 has a negative size, FAILED!"},
+        {"missing mesh file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_meshy11.bin");
+             return ZQGFX_AVS_init(&t.context); }, failed, "open failed: "},
+        {"short mesh file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_meshx02.bin", "abc");
+             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_meshx02.bin holds 3 bytes, 192 expected, FAILED!"},
+        {"directory for a mesh file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_meshx00.bin", "DIR");
+             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_meshx00.bin holds 0 bytes, 1088 expected, FAILED!"},
+        {"missing alpha file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_alpha12.bin");
+             return ZQGFX_AVS_init(&t.context); }, failed, "avs-debug fopen failed layername:"},
+        {"short alpha file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_alpha01.bin", "abcd");
+             return ZQGFX_AVS_init(&t.context); }, failed, "alpha file too short"},
+        {"directory for an alpha file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_alpha23.bin", "DIR");
+             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_alpha23.bin elements=0 expected=9600"},
+        {"alpha map wider than its block", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].alpha_width[0] = 64; }); },
+         failed, "zq_ps_gpu_alpha01.bin elements=9600 expected=19200"},
+        {"band count too deep for the seam", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].band_num[0] = 16; }); },
+         failed, "multi_band_num[0]=17 is illegal!"},
+        {"panorama wider than the texture limit", [](T& t) { t.initChanged([&t](L& l) {
+             l.bld_width = 20000; t.context.outputBufferWidth = 20000; });
+             return ZQGFX_AVS_AllProcess(&t.context); }, failed, "bld_width=20000 or bld_height=240 is exceed the gpu max texture size limit!"},
+        // ---- what the GPU only draws: meshes and blocks placed anywhere
+        {"not-a-number meshes", [](T& t) { t.writeFourCameraCalibration();
+             const std::vector<float> nan(17 * 16, std::nanf(""));
+             t.dir.write("zq_ps_gpu_meshx10.bin", nan.data(), nan.size() * sizeof(float));
+             return t.initAndFrame(); }, ok, ""},
+        {"meshes far outside the image", [](T& t) { t.writeFourCameraCalibration();
+             const std::vector<float> far(3 * 16, -1e30f);
+             t.dir.write("zq_ps_gpu_meshy21.bin", far.data(), far.size() * sizeof(float));
+             return t.initAndFrame(); }, ok, ""},
+        {"block past the panorama's width", [](T& t) { t.initChanged([](L& l) { l.nonoverlap_block[3].dst_startx[0] = 1200; });
+             return ZQGFX_AVS_AllProcess(&t.context); }, ok, ""},
+        {"overlapping blocks", [](T& t) { t.initChanged([](L& l) { l.nonoverlap_block[1].dst_startx[0] = 40; });
+             return ZQGFX_AVS_AllProcess(&t.context); }, ok, ""},
+        // ---- the caller's records
+        {"no layout record", [](T& t) { return t.initBuffers([](T& u) { u.context.AVS_initParams = nullptr; }); },
+         failed, "input AVS_initParams is NULL, FAILED!"},
+        {"block lists shorter than the counts", [](T& t) { return t.initBuffers([](T& u) { u.layout.overlap_block[1].alpha_height.pop_back(); }); },
+         failed, "AVS_initParams: camera 1 lists fewer block values than its block counts, FAILED!"},
+        {"no mesh records", [](T& t) { return t.initBuffers([](T& u) { u.context.avsRemapMeshArray = nullptr; }); },
+         failed, "avsRemapMeshArray is NULL, FAILED!"},
+        {"missing mesh record", [](T& t) { return t.initBuffers([](T& u) { u.callerMeshes->pointers[0] = nullptr; }); },
+         failed, "avsRemapMeshArray[0] (camera 0 block 0) has no mesh buffers, FAILED!"},
+        {"mesh record without buffers", [](T& t) { return t.initBuffers([](T& u) { u.callerMeshes->records[4].meshyBufAddr_ = nullptr; }); },
+         failed, "avsRemapMeshArray[4] (camera 1 block 1) has no mesh buffers, FAILED!"},
+        {"no alpha records", [](T& t) { return t.initBuffers([](T& u) { u.context.meshAlphaDrmBufMsgArray = nullptr; }); },
+         failed, "meshAlphaDrmBufMsgArray[0] is NULL!"},
+        {"alpha record smaller than its map", [](T& t) { return t.initBuffers([](T& u) { u.alphaRecord.mem_size = 100; }); },
+         failed, "meshAlphaBufArray[0] mem_size=100 too small"},
+        {"alpha record without an address", [](T& t) { return t.initBuffers([](T& u) { u.alphaRecord.vir_addr = nullptr; }); },
+         failed, "meshAlphaBufArray[0]=NULL!"},
+        // ---- calls out of order or with nothing to work on
+        {"frame before init", [](T& t) { return ZQGFX_AVS_AllProcess(&t.context); }, failed,
+         "no initialised instance on this thread, FAILED!"},
+        {"frame after deinit", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
+             entry_test::forgetInstance();
+             return ZQGFX_AVS_AllProcess(&t.context); }, failed, "no initialised instance on this thread, FAILED!"},
+        {"frame without descriptors", [](T& t) { return t.running([](T& u) { u.context.inputFdArray = nullptr;
+             return ZQGFX_AVS_AllProcess(&u.context); }); }, failed, "inputFdArray is NULL, FAILED!"},
+        {"descriptor 0 for a camera", [](T& t) { return t.running([](T& u) { u.fds[2] = 0;
+             return ZQGFX_AVS_AllProcess(&u.context); }); }, failed, "input fd_array[2]=0 is illegal!"},
+        {"same descriptor as input and output", [](T& t) { return t.running([](T& u) { u.fds[4] = u.fds[0];
+             return ZQGFX_AVS_AllProcess(&u.context); }); }, ok, ""},
+        {"resize wider than the initial panorama", [](T& t) { return t.running([](T& u) { u.context.outputBufferWidth = 2560;
+             return ZQGFX_AVS_resize(&u.context) ? ZQGFX_AVS_FAILED : ZQGFX_AVS_AllProcess(&u.context); }); }, ok, ""},
+        {"resize to no width", [](T& t) { return t.running([](T& u) { u.context.outputBufferWidth = 0;
+             return ZQGFX_AVS_resize(&u.context) ? ZQGFX_AVS_FAILED : ZQGFX_AVS_AllProcess(&u.context); }); }, ok, ""},
+        {"mesh update of an unknown block", [](T& t) { return t.running([](T& u) {
+             PSR_REMAP_MESH record{12, 16, 16, 3, 16, u.alpha.data(), -1, u.alpha.data(), -1};
+             return ZQGFX_AVS_update_mesh(&u.context, &record); }); }, failed, "ZQGFX_AVS_update_mesh FAILED!"},
+        {"mesh update without a mesh", [](T& t) { return t.running([](T& u) { return ZQGFX_AVS_update_mesh(&u.context, nullptr); }); },
+         failed, "no mesh or no initialised instance on this thread, FAILED!"},
+        {"wait on no fence", [](T& t) { return t.running([](T&) { return ZQGFX_AVS_wait_sync(nullptr); }); }, failed,
+         "GLProcess: error waiting on EGL fence: 0x300c"},
+        {"init twice", [](T& t) { t.running([](T&) { return ZQGFX_AVS_SUCCESS; });
+             const AvsThreadInstance first = avs_thread_instance();  // the second init drops it
+             const ZQGFX_AVS_STATUS second = ZQGFX_AVS_init(&t.context);
+             ZQGFX_AVS_deinit(&t.context);
+             avs_thread_state() = first;
+             return second; }, ok, ""},
+        {"deinit twice", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
+             entry_test::forgetInstance();
+             return ZQGFX_AVS_deinit(&t.context); }, ok, ""},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        fakegl::reset();
+        context = ZQGFX_AVS_CONTEXT_T{};
+        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+        ZQGFX_AVS_STATUS status = ZQGFX_AVS_SUCCESS;
+        const std::string out = stdoutOf([&] { status = row.call(*this); });
+        EXPECT_EQ(status, row.expected) << out;
+        EXPECT_TRUE(row.expected == ok && row.line.empty() ? !contains(out, "FAILED") : contains(out, row.line)) << out;
+        stdoutOf([&] { entry_test::endInstance(&context); });
+        std::filesystem::remove_all(dir.path());
+        std::filesystem::create_directory(dir.path());
+
+        fakegl::reset();
+        context = ZQGFX_AVS_CONTEXT_T{};
+        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+        ZQGFX_AVS_STATUS recovered = failed;
+        const std::string again = stdoutOf([&] {
+            recovered = running([](T& t) { return ZQGFX_AVS_AllProcess(&t.context); });
+            entry_test::endInstance(&context);
+        });
+        EXPECT_EQ(recovered, ok) << again;
+        EXPECT_FALSE(contains(again, "FAILED")) << again;
+    }
 }
 
 }  // namespace

@@ -293,7 +293,7 @@ Rig readRig(const std::string& text, const std::string& baseDir)
     json root;
     try {
         root = json::parse(text);
-    } catch (const json::parse_error& e) {
+    } catch (const json::exception& e) {  // a syntax error, or a number past a double's range
         fail("", std::string("not valid JSON: ") + e.what());
     }
     if (!root.is_object()) fail("", "expected a JSON object with panorama and cameras");

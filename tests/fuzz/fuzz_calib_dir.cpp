@@ -1,0 +1,106 @@
+// File-mode init of a whole calibration directory cut from one input: a first byte choosing the
+// alpha type, then the parameter file, the mesh files in mesh order and the alpha files, separated
+// by kSeparator. A part reading "DIR" becomes a directory; files past the last part are missing.
+// An init that succeeds runs a frame; the instance is ended either way.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "instance_support.h"
+
+namespace core = zqavs_calib_core;
+
+namespace {
+
+const std::string kSeparator = "\n--file--\n";
+// Panoramas past this are refused by the harness: the library would only allocate them.
+constexpr int kLargestSide = 8192;
+
+std::vector<std::string> cut(const std::string& input)
+{
+    std::vector<std::string> parts;
+    size_t start = 0;
+    for (size_t at; (at = input.find(kSeparator, start)) != std::string::npos; start = at + kSeparator.size())
+        parts.push_back(input.substr(start, at - start));
+    parts.push_back(input.substr(start));
+    return parts;
+}
+
+// The file names a layout makes the loaders open, in the order the parts fill them.
+std::vector<std::string> fileNames(const PSR_INITPARAMS_T& layout)
+{
+    std::vector<std::string> names = {core::kParamsFileName};
+    for (int c = 0; c < layout.camera_num; ++c)
+        for (const core::BlockView& block : core::cameraBlocks(layout, c))
+            for (char axis : {'x', 'y'}) names.push_back(core::meshFileName(axis, c, block.position));
+    for (int c = 0; c < layout.camera_num; ++c) names.push_back(core::alphaFileName(c, (c + 1) % layout.camera_num));
+    return names;
+}
+
+// Plain storage, so that it outlives every static when the process exits and removes it.
+char scratchPath[] = "/tmp/zqavs_fuzz_XXXXXX";
+
+void removeScratch() { std::filesystem::remove_all(scratchPath); }
+
+const std::string& scratchDir()
+{
+    static const std::string dir = [] {
+        mkdtemp(scratchPath);
+        std::atexit(removeScratch);
+        return std::string(scratchPath) + "/";
+    }();
+    return dir;
+}
+
+void writeDirectory(const std::vector<std::string>& names, const std::vector<std::string>& parts)
+{
+    for (const auto& entry : std::filesystem::directory_iterator(scratchDir())) std::filesystem::remove_all(entry);
+    for (size_t i = 0; i < names.size() && i < parts.size(); ++i) {
+        const std::string path = scratchDir() + names[i];
+        if (parts[i] == "DIR")
+            std::filesystem::create_directory(path);
+        else
+            std::ofstream(path, std::ios::binary).write(parts[i].data(), static_cast<std::streamsize>(parts[i].size()));
+    }
+}
+
+bool plausibleSide(int side) { return side <= kLargestSide; }
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size == 0) return 0;
+    const std::vector<std::string> parts = cut(std::string(reinterpret_cast<const char*>(data) + 1, size - 1));
+    std::istringstream params(parts[0]);
+    PSR_INITPARAMS_T layout;
+    layout.camera_num = static_cast<int>(core::readParams(params, &layout).cameraLines.size());
+    if (!plausibleSide(layout.src_width) || !plausibleSide(layout.src_height) || !plausibleSide(layout.bld_width) ||
+        !plausibleSide(layout.bld_height))
+        return 0;
+    writeDirectory(fileNames(layout), parts);
+
+    ZQGFX_AVS_CONTEXT_T context{};
+    const std::string dir = scratchDir();
+    context.numView = static_cast<uint32_t>(layout.camera_num);
+    context.meshFilePath = const_cast<char*>(dir.c_str());
+    context.inputBufferWidth = (static_cast<uint32_t>(layout.src_width) + 15) & ~15u;
+    context.inputBufferHeight = static_cast<uint32_t>(layout.src_height);
+    context.outputBufferWidth = (static_cast<uint32_t>(layout.bld_width) + 15) & ~15u;
+    context.outputBufferHeight = static_cast<uint32_t>(layout.bld_height);
+    context.inputBufferFormat = 0x3231564e;  // NV12
+    context.avsAlphaType = data[0] & 1 ? FUSE_GPU_ALPHA_U8 : FUSE_GPU_ALPHA_FLOAT;
+    std::vector<int> fds(layout.camera_num + 1);
+    for (size_t i = 0; i < fds.size(); ++i) fds[i] = 100 + static_cast<int>(i);
+    context.inputFdArray = fds.data();
+
+    fakegl::reset();
+    if (ZQGFX_AVS_init(&context) == ZQGFX_AVS_SUCCESS) ZQGFX_AVS_AllProcess(&context);
+    entry_test::endInstance(&context);
+    return 0;
+}

@@ -1,0 +1,51 @@
+// Ending the calling thread's instance whatever state init left it in, so that the leak checker
+// sees only what the library itself keeps.
+#ifndef ZQAVS_TESTS_INSTANCE_SUPPORT_H
+#define ZQAVS_TESTS_INSTANCE_SUPPORT_H
+
+#include <cstdlib>
+
+#include "fakegl/fakegl.h"
+#include "gl_nv12_remap.h"
+#include "gles_multiband_blend.h"
+#include "zqgfx_gpu_avs_internal.h"
+
+namespace entry_test {
+
+inline void forgetInstance() { avs_thread_state() = AvsThreadInstance{}; }
+
+// A failed init frees nothing; before its EGL set-up nothing but these allocations exists.
+inline void releaseObjectsOfAFailedInit()
+{
+    AvsThreadInstance& s = avs_thread_state();
+    if (s.mInputMeshCoords != nullptr) {
+        for (auto* table : {&s.mInputMeshCoords->input_meshx, &s.mInputMeshCoords->input_meshy})
+            for (auto& camera : *table)
+                for (float* mesh : camera) free(mesh);
+        delete s.mInputMeshCoords;
+    }
+    delete s.init_params;
+    delete s.mUseInputMeshCoords;
+    delete s.multiband_resource;
+    if (s.zqRemapInstance) s.zqRemapInstance->~ZQGL_Remap(), free(s.zqRemapInstance);
+    if (s.zqMultibandBlendInstance) s.zqMultibandBlendInstance->~zqglMultibandBlend(), free(s.zqMultibandBlendInstance);
+    free(s.doBlendArray);
+}
+
+// Deinit for an instance that got as far as a context (a failed init past the EGL set-up is
+// released like a finished one), the allocations alone otherwise; then the thread has none.
+inline void endInstance(ZQGFX_AVS_CONTEXT_T* context)
+{
+    AvsThreadInstance& state = avs_thread_state();
+    if (state.if_init_avs == 1 || fakegl::liveObjects("context") > 0) {
+        state.if_init_avs = 1;
+        ZQGFX_AVS_deinit(context);
+    } else {
+        releaseObjectsOfAFailedInit();
+    }
+    forgetInstance();
+}
+
+}  // namespace entry_test
+
+#endif  // ZQAVS_TESTS_INSTANCE_SUPPORT_H
