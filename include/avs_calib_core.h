@@ -45,6 +45,13 @@ struct BlockView {
 // (a negative count gives none).
 std::vector<BlockView> cameraBlocks(const PSR_INITPARAMS_T& layout, int camera);
 
+// A layout of `cameras` cameras with no blocks yet: sizes and steps as given, the other fields
+// as the library's file reader completes them (NV12, tight strides, no gain, no fences).
+struct LayoutSizes {
+    int cameras = 0, src_width = 0, src_height = 0, bld_width = 0, bld_height = 0, step_x = 16, step_y = 16;
+};
+PSR_INITPARAMS_T emptyLayout(const LayoutSizes& sizes);
+
 // Appends a full-height block of `width` columns from `startx` to a camera's record, with the
 // mesh a `step_x` x `step_y` grid needs (one node more than steps each way).
 struct MeshGrid {

@@ -31,6 +31,30 @@ std::string format(const char* fmt, ...)
     return text;
 }
 
+PSR_INITPARAMS_T emptyLayout(const LayoutSizes& sizes)
+{
+    PSR_INITPARAMS_T layout;
+    layout.camera_num = sizes.cameras;
+    layout.image_stride = sizes.src_width;
+    layout.output_image_stride = static_cast<uint32_t>((sizes.bld_width + 15) & ~15);
+    layout.image_formate = PSR_TYPE_YUV420SP;
+    layout.src_width = sizes.src_width;
+    layout.src_height = sizes.src_height;
+    layout.bld_width = sizes.bld_width;
+    layout.bld_height = sizes.bld_height;
+    layout.step_x = sizes.step_x;
+    layout.step_y = sizes.step_y;
+    layout.use_gain = 0;
+    layout.gain_step_x = 32;
+    layout.gain_step_y = 64;
+    layout.useSync = 0;
+    const size_t cameras = sizes.cameras > 0 ? static_cast<size_t>(sizes.cameras) : 0;
+    layout.image_block_num.assign(cameras, 0);
+    layout.nonoverlap_block.resize(cameras);
+    layout.overlap_block.resize(cameras);
+    return layout;
+}
+
 void appendNonoverlapBlock(PSR_NONOVERLAP_BLOCK* block, int startx, int width, const MeshGrid& grid)
 {
     block->nonoverlap_num++;

@@ -91,13 +91,13 @@ cv::Mat renderBoard(const CameraSpec& camera, const std::vector<cv::Point2d>& ra
 
 CameraSpec camera(LensModel model, double fx, double fy, double cx, double cy, std::vector<double> D)
 {
-    CameraSpec spec;
-    spec.model = model;
-    spec.image_width = kPhotoSize.width;
-    spec.image_height = kPhotoSize.height;
-    spec.K = cv::Matx33d(fx, 0, cx, 0, fy, cy, 0, 0, 1);
-    spec.D = std::move(D);
-    return spec;
+    CameraSpec made;
+    made.model = model;
+    made.image_width = kPhotoSize.width;
+    made.image_height = kPhotoSize.height;
+    made.K = cv::Matx33d(fx, 0, cx, 0, fy, cy, 0, 0, 1);
+    made.D = std::move(D);
+    return made;
 }
 
 std::vector<ChessboardPhoto> boardPhotos(const CameraSpec& camera, double spread, double distance, int s)

@@ -141,12 +141,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     context.AVS_initParams = &layout;
     context.avsRemapMeshArray = buffers.meshPointers.data();
     context.meshAlphaDrmBufMsgArray = buffers.alphaPointers.data();
-    std::vector<int> fds(layout.camera_num + 1);
-    for (size_t i = 0; i < fds.size(); ++i) fds[i] = 100 + static_cast<int>(i);
-    context.inputFdArray = fds.data();
-
-    fakegl::reset();
-    if (ZQGFX_AVS_init(&context) == ZQGFX_AVS_SUCCESS) ZQGFX_AVS_AllProcess(&context);
-    entry_test::endInstance(&context);
+    entry_test::initFrameAndEnd(&context, layout.camera_num);
     return 0;
 }

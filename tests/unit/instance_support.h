@@ -4,6 +4,7 @@
 #define ZQAVS_TESTS_INSTANCE_SUPPORT_H
 
 #include <cstdlib>
+#include <vector>
 
 #include "fakegl/fakegl.h"
 #include "gl_nv12_remap.h"
@@ -44,6 +45,18 @@ inline void endInstance(ZQGFX_AVS_CONTEXT_T* context)
         releaseObjectsOfAFailedInit();
     }
     forgetInstance();
+}
+
+// One init and, when it succeeds, one frame on the fake driver with made-up descriptors; then the
+// instance is ended whatever happened.
+inline void initFrameAndEnd(ZQGFX_AVS_CONTEXT_T* context, int cameras)
+{
+    std::vector<int> fds(static_cast<size_t>(cameras) + 1);
+    for (size_t i = 0; i < fds.size(); ++i) fds[i] = 100 + static_cast<int>(i);
+    context->inputFdArray = fds.data();
+    fakegl::reset();
+    if (ZQGFX_AVS_init(context) == ZQGFX_AVS_SUCCESS) ZQGFX_AVS_AllProcess(context);
+    endInstance(context);
 }
 
 }  // namespace entry_test

@@ -266,25 +266,9 @@ void addColumns(PSR_NONOVERLAP_BLOCK* block, int first, int last, const Panorama
 PSR_INITPARAMS_T emptyLayout(const Rig& rig)
 {
     const PanoramaSpec& pano = rig.panorama;
-    PSR_INITPARAMS_T layout;
-    layout.camera_num = static_cast<int>(rig.cameras.size());
-    layout.image_stride = rig.cameras[0].image_width;
-    layout.output_image_stride = static_cast<uint32_t>(zqavs_synth::roundUp16(pano.width));
-    layout.image_formate = PSR_TYPE_YUV420SP;
-    layout.src_width = rig.cameras[0].image_width;
-    layout.src_height = rig.cameras[0].image_height;
-    layout.bld_width = pano.width;
-    layout.bld_height = pano.height;
-    layout.step_x = pano.step;
-    layout.step_y = pano.step;
-    layout.use_gain = 0;
-    layout.gain_step_x = 32;
-    layout.gain_step_y = 64;
-    layout.useSync = 0;
-    layout.image_block_num.assign(rig.cameras.size(), 0);
-    layout.nonoverlap_block.resize(rig.cameras.size());
-    layout.overlap_block.resize(rig.cameras.size());
-    return layout;
+    const CameraSpec& first = rig.cameras[0];
+    return zqavs_calib_core::emptyLayout({static_cast<int>(rig.cameras.size()), first.image_width,
+                                          first.image_height, pano.width, pano.height, pano.step, pano.step});
 }
 
 // Blocks of every camera: its own columns between its seams, then its overlap blocks, the seam

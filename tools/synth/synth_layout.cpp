@@ -47,27 +47,13 @@ static zqavs_calib_core::MeshGrid meshGrid(const RigConfig& rig)
 
 PSR_INITPARAMS_T buildLayout(const RigConfig& rig)
 {
-    PSR_INITPARAMS_T layout;
-    layout.camera_num = rig.cameras;
-    layout.image_stride = rig.src_width;
-    layout.output_image_stride = static_cast<uint32_t>(roundUp16(rig.bld_width));
-    layout.image_formate = PSR_TYPE_YUV420SP;
-    layout.src_width = rig.src_width;
-    layout.src_height = rig.src_height;
-    layout.bld_width = rig.bld_width;
-    layout.bld_height = rig.bld_height;
-    layout.step_x = rig.step_x;
-    layout.step_y = rig.step_y;
-    layout.use_gain = 0;
-    layout.gain_step_x = 32;
-    layout.gain_step_y = 64;
-    layout.useSync = 0;
-
+    PSR_INITPARAMS_T layout = zqavs_calib_core::emptyLayout(
+        {rig.cameras, rig.src_width, rig.src_height, rig.bld_width, rig.bld_height, rig.step_x, rig.step_y});
     const std::vector<Seam> seams = buildSeams(rig);
     const int last = rig.cameras - 1;
     for (int c = 0; c < rig.cameras; ++c) {
-        PSR_NONOVERLAP_BLOCK nonoverlap;
-        PSR_OVERLAP_BLOCK overlap;
+        PSR_NONOVERLAP_BLOCK& nonoverlap = layout.nonoverlap_block[c];
+        PSR_OVERLAP_BLOCK& overlap = layout.overlap_block[c];
         int start = c == 0 ? 0 : seams[c - 1].startx + seams[c - 1].width;
         int end = c == last ? rig.bld_width : seams[c].startx;
         zqavs_calib_core::appendNonoverlapBlock(&nonoverlap, start, end - start, meshGrid(rig));
@@ -75,9 +61,7 @@ PSR_INITPARAMS_T buildLayout(const RigConfig& rig)
         // next camera's first one.
         if (c > 0) zqavs_calib_core::appendOverlapBlock(&overlap, seams[c - 1].startx, seams[c - 1].width, rig.band_num, meshGrid(rig));
         if (c < last) zqavs_calib_core::appendOverlapBlock(&overlap, seams[c].startx, seams[c].width, rig.band_num, meshGrid(rig));
-        layout.image_block_num.push_back(nonoverlap.nonoverlap_num + overlap.overlap_num);
-        layout.nonoverlap_block.push_back(nonoverlap);
-        layout.overlap_block.push_back(overlap);
+        layout.image_block_num[c] = nonoverlap.nonoverlap_num + overlap.overlap_num;
     }
     return layout;
 }
