@@ -25,11 +25,8 @@ extern const char* const gPortableRemapFragmentShaderYUV;
 extern const char* const gPortableRemapFragmentShaderRGB;
 extern const char* const gPortableRemapFragmentShaderRGBtoYUV;
 extern const char* const gPortableFragmentShader_blendYUV;
-// Pack pass of the canvas into NV12: attribute-less full-viewport triangle, luma four pixels per
-// RGBA8 texel, chroma two CbCr pairs (2 x 2 averages) per RGBA8 texel.
-extern const char* const gPortablePackVertexShader;
-extern const char* const gPortablePackLumaFragmentShader;
-extern const char* const gPortablePackChromaFragmentShader;
+extern const char* const gPortableFragmentShader_blendChroma;
+extern const char* const gPortableRemapFragmentShaderChroma;
 
 }  // namespace zqgfx_gpu_avs
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "DebugLog.h"
+#include "gpu_caps.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -48,20 +49,25 @@ struct RemapVboInfo {
     }
 };
 
-// Driver capabilities, detected once when the context is made; every fallback branches on
-// this record alone. `has_X` is true when the driver offers extension X (the bare names are
-// macros of the EGL and GL headers). `portable` is the path chosen: true when the driver lacks
-// dma-buf import or YUV render targets and the library uploads and reads back through CPU
-// mappings instead.
-struct AvsGpuCaps {
-    bool has_EGL_EXT_image_dma_buf_import;
-    bool has_EGL_EXT_image_dma_buf_import_modifiers;
-    bool has_EGL_KHR_fence_sync;
-    bool has_EGL_MESA_platform_surfaceless;
-    bool has_GL_OES_EGL_image_external;
-    bool has_GL_EXT_YUV_target;
-    bool portable;
+
+// Where a frame's output is drawn. The target path draws the YUV image once; the other paths
+// draw each block twice, luma into an R8 target at full size and chroma into an RG8 target at
+// half size, each with a program of its own.
+struct OutputPlane {
+    GLuint fbo;
+    int divisor;  // 1, or 2 for the half-size chroma plane
+    int plane;    // 0 luma, 1 chroma; -1 for the whole YUV image
 };
+struct OutputPlanes {
+    int count;
+    OutputPlane planes[2];
+};
+inline OutputPlanes wholeYuvOutput(GLuint fbo)
+{
+    return OutputPlanes{1, {{fbo, 1, -1}, {0, 1, -1}}};
+}
+// The viewport of output rectangle (x, y, w, h) on `plane`: divided, edges rounded outwards.
+void setPlaneViewport(const OutputPlane& plane, int x, int y, int w, int h);
 
 // ---- EGL image import --------------------------------------------------------------------
 
@@ -70,6 +76,7 @@ constexpr EGLint kFourccNV12 = 0x3231564E;
 constexpr EGLint kFourccYUV420_8BIT = 0x38305559;
 constexpr EGLint kFourccBGR888 = 0x34324742;
 constexpr EGLint kFourccR8 = 0x20203852;
+constexpr EGLint kFourccGR88 = 0x38385247;
 constexpr EGLint kAfbcModifierLo = 0x00000041;
 constexpr EGLint kAfbcModifierHi = 0x08000000;
 
@@ -87,6 +94,8 @@ struct EglAttribList {
 EglAttribList yuvImageAttribs(uint32_t is_afbc, int fd, int width, int height, int stride);
 EglAttribList bgr888ImageAttribs(int fd, int width, int height, int pitch);
 EglAttribList r8ImageAttribs(int fd, int width, int height, int plane_offset);
+// One plane of a buffer as a single-plane image (e.g. DRM_FORMAT_R8 luma, DRM_FORMAT_GR88 chroma).
+EglAttribList planeImageAttribs(EGLint fourcc, int fd, int width, int height, int offset, int pitch);
 
 // The three EGL image entry points, looked up by name with eglGetProcAddress.
 struct EglImageProcs {
@@ -102,12 +111,6 @@ EGLImageKHR createDmaBufImage(EGLDisplay dpy, const EglImageProcs& procs, const 
 
 // Linear filtering and clamp-to-edge wrapping on the texture bound to `target`.
 void setLinearClampParameters(GLenum target);
-
-// True when `name` is one of the blank-separated words of `extensions` (null-safe).
-bool hasExtension(const char* extensions, const char* name);
-
-// Reads the display's and the current context's extension strings; needs a current context.
-AvsGpuCaps detectGpuCaps(EGLDisplay dpy);
 
 // Width rounded up to a multiple of 16: the pitch rule of every YUV buffer.
 inline int alignTo16(int value)

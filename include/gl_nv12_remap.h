@@ -13,7 +13,7 @@
 namespace zqgfx_gpu_avs {
 
 struct multibandResource;
-class PortableRemapIo;
+class PlaneIo;
 
 constexpr int kImportSlotCount = 100;
 using zqavs_calib_core::kMaxTextureSize;
@@ -111,9 +111,13 @@ public:
     void deleteCachedVbo();
     int glesRemapUpdateMesh(int index, int step_x, int step_y, int mesh_w, int mesh_h, void* meshx, void* meshy);
 
-    // Ends the frame on the portable path (pack of the canvas into the caller's NV12 buffer);
-    // nothing to do on the target path, where the GPU wrote the caller's buffer directly.
+    // Ends the frame on the plane paths (read-back of the covered columns, or a wait for the
+    // GPU); nothing to do on the target path, where the GPU wrote the caller's buffer directly.
     int finishOutputFrame();
+    // Where this frame's output is drawn: the YUV image of `framebuffer0`, or its two planes.
+    OutputPlanes outputPlanes() const;
+    // The program that draws camera images into `plane`.
+    GLuint outputProgram(const OutputPlane& plane) const { return plane.plane == 1 ? gProgramChroma : gProgram; }
 
     PSR_INITPARAMS_T _remap_init_params;
     EGLint majorVersion;
@@ -124,6 +128,7 @@ public:
     GLuint gProgram;
     GLuint gProgramRGB;
     GLuint gProgramRGBtoYUV;
+    GLuint gProgramChroma;  // plane paths: gProgram writes luma, this one chroma; 0 on the target path
     EGLint nonoverlapFance;
     EGLint overlapFance;
     GLuint gvPositionHandle;
@@ -158,8 +163,8 @@ public:
     int const_blend_height;
     int const_blend_width;
 
-    // Portable path only (null on the target path): CPU-mapped inputs and the output canvas.
-    PortableRemapIo* portableIo;
+    // Plane paths only (null on the target path): the plane textures and targets of every slot.
+    PlaneIo* planeIo;
     // Driver capabilities and the path chosen, detected by ZQ_EGL_Init.
     AvsGpuCaps caps;
     // The shared record given to glesRemapInit (not owned): the seam windows the frame blends.
@@ -170,7 +175,7 @@ private:
     void releaseImportSlot(int slot, bool textureFirst);
     int refreshInputSlot(int slot);
     int refuseImport(int slot);
-    int setUpPortableIo();
+    int setUpPlaneIo();
 };
 
 }  // namespace zqgfx_gpu_avs

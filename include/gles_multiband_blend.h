@@ -84,6 +84,8 @@ public:
     int initMultibandBlend(multibandResource* init_resource, int* do_blend_array);
     int glesMultibandDrawGauss(int* do_blend_array);
     int glesMultibandBlend(GLuint out_fbo, int* do_blend_array);
+    // The same into `out`'s planes: the finest level is drawn once per plane.
+    int glesMultibandBlend(const OutputPlanes& out, int* do_blend_array);
     int updateMultibandBlend(multibandResource* init_resource, int* do_blend_array);
     int updateMultibandAlpha(int* do_blend_array);
     int deinitMultibandBlend(int* do_blend_array);
@@ -129,6 +131,7 @@ private:
     GLuint gvTextureSamplerHandle;
     GLuint gProgram_blend;
     GLuint gProgram_blendYUV;
+    GLuint gProgram_blendChroma;  // plane paths: the finest level into the chroma plane; 0 otherwise
     GLuint gtexGaussA_n0_SamplerHandle_blend;
     GLuint gtexGaussB_n0_SamplerHandle_blend;
     GLuint gtexGaussA_n1_SamplerHandle_blend;
@@ -173,9 +176,10 @@ private:
     bool bindQuadAttributes(bool checkEach);
     bool recordCoversCameras(const multibandResource* resource, int* do_blend_array);
     bool fillSeamBaseLevels(int camera);
-    int bindBlendTarget(int camera, int level, GLuint out_fbo);
+    int bindBlendTarget(int camera, int level, const OutputPlane& out);
     int useLowestLevelInputs(int camera, int level);
-    int useBlendLevelInputs(int camera, int level);
+    // `plane`: the output plane a level-0 draw writes (1 chroma; anything else the whole image or luma).
+    int useBlendLevelInputs(int camera, int level, int plane);
     int createColourLevel(drmSharedFramebuffer& level, int index, int w, int h);
     int createSharedColourLevel(drmSharedFramebuffer& level);
     bool createPlainColourLevel(drmSharedFramebuffer& level);

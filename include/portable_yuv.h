@@ -1,19 +1,18 @@
-// The portable path's own pieces: camera images and the output reach the GPU through CPU mappings
-// of the caller's descriptors, for drivers without dma-buf import or YUV render targets.
+// The pieces of every path that draws NV12 planes instead of a YUV image (see gpu_caps.h):
+// luma into an R8 target at full size, chroma into an RG8 target at half size.
 //
-// Inputs: each import slot maps its descriptor once and uploads it every frame into an R8 luma
-// texture and an RG8 chroma texture. Output: each output slot renders into an RGBA8 "canvas"
-// holding (Y, Cb, Cr, 1) per pixel; at the end of the frame a pack pass turns it into NV12 and
-// copies only the columns the frame covered into the caller's mapping.
+// Zero-copy ("planes"): each plane of the caller's buffer is an EGL image, sampled or rendered
+// in place. Upload ("portable"): each input slot maps its descriptor once and uploads it every
+// frame into R8/RG8 textures; each output plane is read back, over the columns the frame covered
+// only, straight into the caller's mapping.
 //
-// The caller keeps every descriptor: nothing here closes or duplicates one. Every GL object and
-// mapping made here is owned by PortableRemapIo and released by it alone.
+// The caller keeps every descriptor: nothing here closes or duplicates one. Every GL object,
+// image and mapping made here is owned by PlaneIo and released by it alone.
 #ifndef ZQGFX_AVS_PORTABLE_YUV_H
 #define ZQGFX_AVS_PORTABLE_YUV_H
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 
 #include "common_resource.h"
 #include "gl_nv12_remap.h"
@@ -26,10 +25,13 @@ struct RemapShaderTexts {
     const char* yuvToYuv;  // gProgram
     const char* yuvToRgb;  // gProgramRGB
     const char* rgbToYuv;  // gProgramRGBtoYUV
+    const char* yuvToChroma;  // gProgramChroma: plane paths only, null on the target path
 };
 RemapShaderTexts remapShaderTexts(bool portable);
 // The blend engine's last-level text (RGB in, YUV out) for the path in use.
+// On the plane paths that text writes luma; this one writes the chroma plane.
 const char* blendYuvFragmentText(bool portable);
+const char* blendChromaFragmentText();
 
 // Bytes of an NV12 image whose rows are `stride` bytes: luma rows, then the interleaved chroma
 // rows right after them. An odd height needs its last half chroma row as well.
@@ -37,6 +39,10 @@ inline size_t nv12ImageBytes(int stride, int height)
 {
     return static_cast<size_t>(stride) * static_cast<size_t>(height + (height + 1) / 2);
 }
+
+// False, with an error line naming the descriptor, when `fd` is no buffer (a pipe, socket, device
+// or directory), reports a size smaller than `wanted` bytes, or cannot be looked at.
+bool descriptorHolds(int fd, size_t wanted);
 
 // A caller's descriptor mapped for the CPU (dma-buf, memfd or any mappable file). Refuses, with an
 // error line naming the descriptor, one that is smaller than asked for or cannot be mapped, so no
@@ -97,89 +103,75 @@ private:
 // resize) and every seam window of `seams` (may be null).
 void collectFrameColumns(const PSR_INITPARAMS_T& layout, const multibandResource* seams, ColumnSpanList* spans);
 
-// Builds a program from a vertex and a fragment text; 0 on failure (the engines' createProgram).
-using ProgramBuilder = std::function<GLuint(const char* vertexText, const char* fragmentText)>;
-
-// Texture units of a camera on the portable path: luma on unit 0 (`outTexture`), chroma on unit 1
+// Texture units of a camera on the plane paths: luma on unit 0 (`outTexture`), chroma on unit 1
 // (`outTextureUV`, fixed by the shader text).
 constexpr int kPortableLumaUnit = 0;
 constexpr int kPortableChromaUnit = 1;
 
-// Portable inputs and output of one remap engine, per slot of the engine's import table. All
+// Plane inputs and output of one remap engine, per slot of the engine's import table. All
 // methods need the engine's context current; slot indices are those of the engine's table.
-class PortableRemapIo {
+class PlaneIo {
 public:
-    PortableRemapIo() = default;
-    ~PortableRemapIo();
-    PortableRemapIo(const PortableRemapIo&) = delete;
-    PortableRemapIo& operator=(const PortableRemapIo&) = delete;
+    // `zeroCopy`: import planes as EGL images of `dpy`; otherwise map, upload and read back.
+    PlaneIo(EGLDisplay dpy, bool zeroCopy) : display(dpy), zeroCopy(zeroCopy) {}
+    ~PlaneIo();
+    PlaneIo(const PlaneIo&) = delete;
+    PlaneIo& operator=(const PlaneIo&) = delete;
 
-    // Builds the two pack programs; 0, or -1 when one fails.
-    int init(const ProgramBuilder& buildProgram);
-
-    // Maps the NV12 image of `fd` (pitch: width rounded up to 16), makes its luma and chroma
-    // textures and uploads the current content. Returns the luma texture, 0 when refused.
+    // Makes the luma and chroma textures of the NV12 image of `fd` (pitch: width rounded up to
+    // 16). Returns the luma texture, 0 when refused.
     GLuint importInput(int slot, int fd, int width, int height);
-    // Uploads the slot's current content again (every later frame); 0, or -1 for a slot that
-    // holds no input.
+    // The upload path uploads the slot's current content again (every later frame); 0, or -1
+    // for a slot that holds no input.
     int refreshInput(int slot);
     // Binds a camera for a remap draw: luma on unit 0, chroma on unit 1; unit 0 stays active.
     // False when no slot holds `lumaTexture`.
     bool bindInputTextures(GLuint lumaTexture) const;
     GLuint chromaTextureOf(GLuint lumaTexture) const;
 
-    // Maps the NV12 output of `fd` (rows of `stride` bytes) and makes the slot's canvas, cleared to
-    // black. Returns the canvas framebuffer and writes its texture to `*canvasTexture`; 0 when
+    // Makes the luma and chroma render targets of the NV12 output of `fd` (rows of `stride`
+    // bytes). Returns the luma framebuffer and writes its texture to `*lumaTexture`; 0 when
     // refused.
-    GLuint importOutput(int slot, int fd, int width, int height, int stride, GLuint* canvasTexture);
-    // Packs the canvas of `canvasFbo` into NV12 and copies the columns of `spans` (luma as they
-    // are, chroma widened to even columns) into the caller's buffer; other bytes keep their
-    // content. 0, or -1 when no slot holds `canvasFbo` or the read-back fails.
-    int packOutput(GLuint canvasFbo, const ColumnSpanList& spans);
+    GLuint importOutput(int slot, int fd, int width, int height, int stride, GLuint* lumaTexture);
+    // The planes of the output whose luma framebuffer is `lumaFbo`; count 0 when none.
+    OutputPlanes outputPlanesOf(GLuint lumaFbo) const;
+    // Ends a frame on that output. Upload path: the columns of `spans` (chroma widened to even
+    // columns) go into the caller's buffer, other bytes keep their content. Zero-copy: the GPU is
+    // waited for, so the buffer holds the frame on return. 0, or -1 when no slot holds `lumaFbo`
+    // or the read-back fails.
+    int finishOutput(GLuint lumaFbo, const ColumnSpanList& spans);
 
     // Unmaps the slot's descriptor and deletes its GL objects.
     void releaseSlot(int slot);
     void releaseAllSlots();
-    // Every slot, then the pack programs.
-    void release();
 
 private:
-    struct InputSlot {
-        GLuint lumaTexture;
-        GLuint chromaTexture;
-    };
-    struct OutputSlot {
-        GLuint canvasTexture;
-        GLuint canvasFbo;
-        GLuint lumaPackTexture;
-        GLuint lumaPackFbo;
-        GLuint chromaPackTexture;
-        GLuint chromaPackFbo;
-        uint8_t* staging;  // luma pack rows, then chroma pack rows
+    struct Plane {
+        GLuint texture = 0;
+        GLuint fbo = 0;
     };
     struct Slot {
         enum class Kind : uint8_t { empty, input, output } kind = Kind::empty;
-        DescriptorMapping mapping;
+        DescriptorMapping mapping;  // upload path only
         int width = 0;
         int height = 0;
         int stride = 0;
-        InputSlot in{};
-        OutputSlot out{};
+        Plane luma;
+        Plane chroma;
     };
 
     static bool validSlot(int slot) { return slot >= 0 && slot < kImportSlotCount; }
+    bool makePlaneTextures(Slot& s, int fd);
+    GLuint importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const;
     void uploadInput(Slot& s);
-    bool createOutputTargets(Slot& s);
-    void drawPack(const Slot& s);
-    bool readPack(const Slot& s);
-    void copySpans(Slot& s);
+    bool readBackSpans(Slot& s, const ColumnSpanList& spans);
     const Slot* inputSlotOf(GLuint lumaTexture) const;
+    Slot* outputSlotOf(GLuint lumaFbo);
 
+    EGLDisplay display;
+    bool zeroCopy;
     Slot slots[kImportSlotCount];
-    GLuint lumaPackProgram = 0;
-    GLuint chromaPackProgram = 0;
-    GLuint packVertexArray = 0;  // empty: the pack draw needs no attributes
-    ColumnSpanList packSpans;    // normalised copy of the frame's spans
+    ColumnSpanList readSpans;  // normalised copy of the frame's spans
 };
 
 }  // namespace zqgfx_gpu_avs

@@ -56,9 +56,7 @@ EglAttribList yuvImageAttribs(uint32_t is_afbc, int fd, int width, int height, i
     return list;
 }
 
-namespace {
-
-EglAttribList singlePlaneAttribs(EGLint fourcc, int fd, int width, int height, int offset, int pitch)
+EglAttribList planeImageAttribs(EGLint fourcc, int fd, int width, int height, int offset, int pitch)
 {
     EglAttribList list;
     list.push(EGL_WIDTH, width);
@@ -71,16 +69,23 @@ EglAttribList singlePlaneAttribs(EGLint fourcc, int fd, int width, int height, i
     return list;
 }
 
-}  // namespace
-
 EglAttribList bgr888ImageAttribs(int fd, int width, int height, int pitch)
 {
-    return singlePlaneAttribs(kFourccBGR888, fd, width, height, 0, pitch);
+    return planeImageAttribs(kFourccBGR888, fd, width, height, 0, pitch);
 }
 
 EglAttribList r8ImageAttribs(int fd, int width, int height, int plane_offset)
 {
-    return singlePlaneAttribs(kFourccR8, fd, width, height, plane_offset, width);  // one byte per pixel
+    return planeImageAttribs(kFourccR8, fd, width, height, plane_offset, width);  // one byte per pixel
+}
+
+// ---- output planes ------------------------------------------------------------------------
+
+void setPlaneViewport(const OutputPlane& plane, int x, int y, int w, int h)
+{
+    const int d = plane.divisor;
+    const int x0 = x / d, y0 = y / d;
+    glViewport(x0, y0, (x + w + d - 1) / d - x0, (y + h + d - 1) / d - y0);
 }
 
 // ---- EGL images --------------------------------------------------------------------------
@@ -325,37 +330,6 @@ void printGLString(const char* name, GLenum s)
 {
     const GLubyte* value = glGetString(s);
     fprintf(stderr, "GL %s = %s\n", name, value ? reinterpret_cast<const char*>(value) : "(null)");
-}
-
-bool hasExtension(const char* extensions, const char* name)
-{
-    if (extensions == nullptr || name == nullptr) return false;
-    size_t length = strlen(name);
-    if (length == 0) return false;
-    for (const char* p = extensions; (p = strstr(p, name)) != nullptr; p += length) {
-        bool startsWord = p == extensions || p[-1] == ' ';
-        bool endsWord = p[length] == '\0' || p[length] == ' ';
-        if (startsWord && endsWord) return true;
-    }
-    return false;
-}
-
-AvsGpuCaps detectGpuCaps(EGLDisplay dpy)
-{
-    const char* egl = eglQueryString(dpy, EGL_EXTENSIONS);
-    const char* client = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
-    if (client == nullptr) eglGetError();  // EGL 1.4 has no client extensions: its EGL_BAD_DISPLAY is no fault
-    const char* gl = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
-
-    AvsGpuCaps caps{};
-    caps.has_EGL_EXT_image_dma_buf_import = hasExtension(egl, "EGL_EXT_image_dma_buf_import");
-    caps.has_EGL_EXT_image_dma_buf_import_modifiers = hasExtension(egl, "EGL_EXT_image_dma_buf_import_modifiers");
-    caps.has_EGL_KHR_fence_sync = hasExtension(egl, "EGL_KHR_fence_sync");
-    caps.has_EGL_MESA_platform_surfaceless = hasExtension(client, "EGL_MESA_platform_surfaceless");
-    caps.has_GL_OES_EGL_image_external = hasExtension(gl, "GL_OES_EGL_image_external");
-    caps.has_GL_EXT_YUV_target = hasExtension(gl, "GL_EXT_YUV_target");
-    caps.portable = !(caps.has_EGL_EXT_image_dma_buf_import && caps.has_GL_EXT_YUV_target);
-    return caps;
 }
 
 }  // namespace zqgfx_gpu_avs

@@ -98,7 +98,7 @@ void logRendererAndPath(const AvsGpuCaps& caps)
     const GLubyte* renderer = glGetString(GL_RENDERER);
     const GLubyte* version = glGetString(GL_VERSION);
     AVS_LOGD("GL renderer %s, version %s: %s path", renderer ? reinterpret_cast<const char*>(renderer) : "?",
-             version ? reinterpret_cast<const char*>(version) : "?", caps.portable ? "portable" : "target");
+             version ? reinterpret_cast<const char*>(version) : "?", gpuPathName(caps.path));
 }
 
 struct EglSyncProcs {
@@ -249,14 +249,18 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     resource->caps = caps;
 
     // On failure the programs already built are kept; de-initialisation deletes them.
-    const RemapShaderTexts texts = remapShaderTexts(caps.portable);
+    const RemapShaderTexts texts = remapShaderTexts(caps.drawsPlanes());
     gProgram = createProgram(texts.vertex, texts.yuvToYuv);
     if (gProgram == 0) return 1;
     gProgramRGB = createProgram(texts.vertex, texts.yuvToRgb);
     if (gProgramRGB == 0) return 1;
     gProgramRGBtoYUV = createProgram(texts.vertex, texts.rgbToYuv);
     if (gProgramRGBtoYUV == 0) return 1;
-    if (caps.portable && setUpPortableIo() != 0) return 1;
+    if (texts.yuvToChroma != nullptr) {
+        gProgramChroma = createProgram(texts.vertex, texts.yuvToChroma);
+        if (gProgramChroma == 0) return 1;
+    }
+    if (caps.drawsPlanes() && setUpPlaneIo() != 0) return 1;
 
     cache_input_fd = static_cast<GLuint*>(malloc(kImportSlotCount * sizeof(GLuint)));
     if (cache_input_fd == nullptr) {
@@ -294,11 +298,10 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
         }
     }
 
-    if (portableIo != nullptr) {
-        // The portable slots' names and mappings are its own: released once, by it.
-        portableIo->release();
-        delete portableIo;
-        portableIo = nullptr;
+    if (planeIo != nullptr) {
+        // The plane slots' names, images and mappings are its own: released once, by it.
+        delete planeIo;
+        planeIo = nullptr;
     } else {
         for (const textureAndFboStatus& slot : create_texture_fbo_status) deleteImportSlotNames(slot);
     }
@@ -309,6 +312,8 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
     glDeleteProgram(gProgram);
     glDeleteProgram(gProgramRGB);
     glDeleteProgram(gProgramRGBtoYUV);
+    if (gProgramChroma != 0) glDeleteProgram(gProgramChroma);
+    gProgramChroma = 0;
 
     // Destroyed while still current: EGL releases them once they are no longer current.
     eglDestroySurface(dpy, surface);
@@ -421,15 +426,11 @@ int ZQGL_Remap::gles_wait_sync(void* sync)
     return 0;
 }
 
-int ZQGL_Remap::setUpPortableIo()
+int ZQGL_Remap::setUpPlaneIo()
 {
-    portableIo = new (std::nothrow) PortableRemapIo;
-    if (portableIo == nullptr) {
-        AVS_LOGE("no memory for the portable input and output slots");
-        return -1;
-    }
-    if (portableIo->init([this](const char* v, const char* f) { return createProgram(v, f); }) != 0) {
-        AVS_LOGE("portable pack programs could not be built");
+    planeIo = new (std::nothrow) PlaneIo(dpy, caps.path == GpuPath::planes);
+    if (planeIo == nullptr) {
+        AVS_LOGE("no memory for the plane input and output slots");
         return -1;
     }
     return 0;
@@ -455,12 +456,17 @@ void collectFrameColumns(const PSR_INITPARAMS_T& layout, const multibandResource
 int ZQGL_Remap::finishOutputFrame()
 {
     // Target path: the GPU rendered straight into the caller's buffer.
-    if (portableIo == nullptr) return 0;
-    // Portable path: the canvas goes into the caller's mapping, only where this frame drew.
-    // The read-back is synchronous, so a fenced frame has its bytes in place before the fence.
+    if (planeIo == nullptr) return 0;
+    // Upload path: the planes go into the caller's mapping, only where this frame drew. The
+    // read-back is synchronous, so a fenced frame has its bytes in place before the fence.
     ColumnSpanList spans;
     collectFrameColumns(_remap_init_params, blendResource, &spans);
-    return portableIo->packOutput(framebuffer0, spans);
+    return planeIo->finishOutput(framebuffer0, spans);
+}
+
+OutputPlanes ZQGL_Remap::outputPlanes() const
+{
+    return planeIo ? planeIo->outputPlanesOf(framebuffer0) : wholeYuvOutput(framebuffer0);
 }
 
 }  // namespace zqgfx_gpu_avs

@@ -13,13 +13,14 @@ namespace {
 
 constexpr GLuint kImportFailed = 0xFFFFFFFF;
 
-// AFBC images are compressed for the GPU alone: the portable path cannot map them. Checked before
-// any descriptor of the frame is looked at.
-bool portablePathRefusesAfbc(const ZQGL_Remap& engine, uint32_t inputIsAFBC, uint32_t outputIsAFBC)
+// AFBC images are compressed for the GPU alone: their planes can be neither mapped nor imported
+// one by one. Checked before any descriptor of the frame is looked at.
+bool planePathRefusesAfbc(const ZQGL_Remap& engine, uint32_t inputIsAFBC, uint32_t outputIsAFBC)
 {
-    if (engine.portableIo == nullptr) return false;
-    if (inputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC input is not supported on the portable path");
-    if (outputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC output is not supported on the portable path");
+    if (engine.planeIo == nullptr) return false;
+    const char* path = gpuPathName(engine.caps.path);
+    if (inputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC input is not supported on the %s path", path);
+    if (outputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC output is not supported on the %s path", path);
     return inputIsAFBC || outputIsAFBC;
 }
 
@@ -77,7 +78,7 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
         return -1;
     }
 
-    if (portablePathRefusesAfbc(*this, inputIsAFBC, outputIsAFBC)) return -1;
+    if (planePathRefusesAfbc(*this, inputIsAFBC, outputIsAFBC)) return -1;
 
     // The last slot in use: start the table afresh, which bounds the objects held.
     if (cache_input_fd[kImportSlotCount - 1] != 0) destroy_texture_and_fbo();
@@ -129,7 +130,7 @@ int ZQGL_Remap::importInputSlot(int cam, int slot, int fd, uint32_t inputIsAFBC)
 {
     const int src_width = _remap_init_params.src_width;
     const int src_height = _remap_init_params.src_height;
-    GLuint tex = portableIo ? portableIo->importInput(slot, fd, src_width, src_height)
+    GLuint tex = planeIo ? planeIo->importInput(slot, fd, src_width, src_height)
                             : create_egl_texture(dpy, inputIsAFBC, fd, src_width, src_height);
     if (tex == 0) return refuseImport(slot);
     textureAndFboStatus& entry = create_texture_fbo_status[slot];
@@ -146,7 +147,7 @@ int ZQGL_Remap::importOutputSlot(int slot, int fd, uint32_t outputIsAFBC)
     const int bld_w = _remap_init_params.bld_width;
     const int bld_h = _remap_init_params.bld_height;
     const uint32_t stride = _remap_init_params.output_image_stride;
-    GLuint fbo = portableIo ? portableIo->importOutput(slot, fd, bld_w, bld_h, static_cast<int>(stride), &fbo_texture0)
+    GLuint fbo = planeIo ? planeIo->importOutput(slot, fd, bld_w, bld_h, static_cast<int>(stride), &fbo_texture0)
                             : create_fbo_output(dpy, outputIsAFBC, fd, bld_w, bld_h, stride, &fbo_texture0);
     if (fbo == 0) return refuseImport(slot);
     textureAndFboStatus& entry = create_texture_fbo_status[slot];
@@ -226,22 +227,22 @@ GLuint ZQGL_Remap::create_fbo_output(void* dpy, uint32_t is_afbc, int memfd, int
     return framebuffer;
 }
 
-// Only the portable importers refuse with 0 (the descriptor cannot be mapped, or not whole): the
-// slot is freed again so that a later frame can retry the descriptor.
+// Only the plane importers refuse with 0 (the descriptor cannot be mapped or imported, or is not
+// whole): the slot is freed again so that a later frame can retry the descriptor.
 int ZQGL_Remap::refuseImport(int slot)
 {
-    if (portableIo != nullptr) {
+    if (planeIo != nullptr) {
         cache_input_fd[slot] = 0;
         create_texture_fbo_status[slot] = textureAndFboStatus{0, 0, 0, 0};
     }
     return -1;
 }
 
-// The portable path uploads a known camera image again every frame: its mapping shows the
-// caller's current content.
+// The upload path uploads a known camera image again every frame: its mapping shows the caller's
+// current content.
 int ZQGL_Remap::refreshInputSlot(int slot)
 {
-    if (portableIo == nullptr || portableIo->refreshInput(slot) == 0) return 0;
+    if (planeIo == nullptr || planeIo->refreshInput(slot) == 0) return 0;
     AVS_LOGE_IN("create_texture_and_fbo", "input fd %d of slot %d holds no camera image",
                 static_cast<int>(cache_input_fd[slot]), slot);
     return -1;
@@ -251,8 +252,8 @@ int ZQGL_Remap::refreshInputSlot(int slot)
 void ZQGL_Remap::releaseImportSlot(int slot, bool textureFirst)
 {
     const textureAndFboStatus& entry = create_texture_fbo_status[slot];
-    if (portableIo != nullptr) {
-        portableIo->releaseSlot(slot);
+    if (planeIo != nullptr) {
+        planeIo->releaseSlot(slot);
     } else if (textureFirst) {
         glDeleteTextures(1, &entry.texture_id);
         glDeleteFramebuffers(1, &entry.fbo_id);

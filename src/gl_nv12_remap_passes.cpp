@@ -8,6 +8,7 @@
 
 #include "portable_yuv.h"
 
+
 namespace zqgfx_gpu_avs {
 
 namespace {
@@ -38,6 +39,15 @@ struct BlockViewport {
     int h;
 };
 
+// The block's rectangle on an output plane: divided, edges rounded outwards so that
+// neighbouring blocks leave no column between them.
+BlockViewport onPlane(const BlockViewport& view, const OutputPlane& plane)
+{
+    const int d = plane.divisor;
+    const int x0 = view.x / d;
+    return {x0, (view.x + view.w + d - 1) / d - x0, (view.h + d - 1) / d};
+}
+
 // The layout lists and overlap framebuffers the passes index must be there.
 bool passInputsComplete(const ZQGL_Remap& engine, const char* pass, bool overlapTargets)
 {
@@ -62,9 +72,8 @@ int bindPassFramebuffer(const char* pass, GLuint fbo)
     return -1;
 }
 
-// Size check and output binding that open both non-overlap passes. The output is not cleared:
-// whatever no block covers keeps the buffer's previous content.
-int beginOutputPass(const ZQGL_Remap& engine, const char* pass)
+// Size and output checks that open both non-overlap passes.
+int checkOutputPass(const ZQGL_Remap& engine, const char* pass)
 {
     const int bld_w = engine._remap_init_params.bld_width;
     const int bld_h = engine._remap_init_params.bld_height;
@@ -76,7 +85,25 @@ int beginOutputPass(const ZQGL_Remap& engine, const char* pass)
         AVS_LOGE_IN(pass, "framebuffer0=%d is illegal!", engine.framebuffer0);
         return -1;
     }
-    return bindPassFramebuffer(pass, engine.framebuffer0);
+    return 0;
+}
+
+// Runs `drawPlane` once per plane of the output (once in all on the target path), with the
+// plane's framebuffer bound. The output is not cleared: whatever no block covers keeps the
+// buffer's previous content.
+template <class DrawPlane>
+int drawOnOutputPlanes(const ZQGL_Remap& engine, const char* pass, DrawPlane drawPlane)
+{
+    const OutputPlanes out = engine.outputPlanes();
+    if (out.count == 0) {
+        AVS_LOGE_IN(pass, "framebuffer0=%d has no output planes", engine.framebuffer0);
+        return -1;
+    }
+    for (int p = 0; p < out.count; ++p) {
+        if (bindPassFramebuffer(pass, out.planes[p].fbo) != 0) return -1;
+        if (drawPlane(out.planes[p]) != 0) return -1;
+    }
+    return 0;
 }
 
 // The block's position and texture-coordinate buffers, which must agree in mesh size.
@@ -159,8 +186,8 @@ int ZQGL_Remap::bindCameraTexture(int cam)
         AVS_LOGE("no image imported for camera %d", cam);
         return -1;
     }
-    // Portable path: the camera's luma and chroma textures stand in for the external image.
-    if (portableIo != nullptr) return portableIo->bindInputTextures(textureID[cam]) ? 0 : -1;
+    // Plane paths: the camera's luma and chroma textures stand in for the external image.
+    if (planeIo != nullptr) return planeIo->bindInputTextures(textureID[cam]) ? 0 : -1;
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_EXTERNAL_OES, textureID[cam]);
     return checkGlError("glBindTexture") ? 0 : -1;
@@ -171,24 +198,30 @@ int ZQGL_Remap::glesRemapNonoverlapNew()
     static constexpr PassReports reports{"glesRemapNonoverlapNew", false, false};
     if (!passInputsComplete(*this, reports.pass, false)) return -1;
     AvsTimer timer;
-    if (beginOutputPass(*this, reports.pass) != 0) return -1;
+    if (checkOutputPass(*this, reports.pass) != 0) return -1;
 
     const PSR_INITPARAMS_T& layout = _remap_init_params;
-    for (int cam = 0; cam < layout.camera_num; ++cam) {
-        const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
-        for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
-            RemapVboInfo* vertex = nullptr;
-            RemapVboInfo* tex = nullptr;
-            if (!findBlockMeshes(*this, reports.pass, meshIndexOf(cam, bn), &vertex, &tex)) return -1;
-            const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
-            AVS_LOGD("dst_x=%d,dst_w=%d,dst_h=%d,mesh_w=%d,mesh_h=%d\n", view.x, view.w, view.h, vertex->meshWidth,
-                     vertex->meshHeight);
-            if (drawBlock(*this, reports, gProgram, view, cam, [&] {
-                    return renderFrameNew(gProgram, vertex->meshWidth, vertex->meshHeight, vertex->mVboId, tex->mVboId);
-                }) != 0)
-                return -1;
+    auto drawPlane = [&](const OutputPlane& plane) {
+        const GLuint program = outputProgram(plane);
+        for (int cam = 0; cam < layout.camera_num; ++cam) {
+            const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
+            for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
+                RemapVboInfo* vertex = nullptr;
+                RemapVboInfo* tex = nullptr;
+                if (!findBlockMeshes(*this, reports.pass, meshIndexOf(cam, bn), &vertex, &tex)) return -1;
+                const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
+                AVS_LOGD("dst_x=%d,dst_w=%d,dst_h=%d,mesh_w=%d,mesh_h=%d\n", view.x, view.w, view.h,
+                         vertex->meshWidth, vertex->meshHeight);
+                if (drawBlock(*this, reports, program, onPlane(view, plane), cam, [&] {
+                        return renderFrameNew(program, vertex->meshWidth, vertex->meshHeight, vertex->mVboId,
+                                              tex->mVboId);
+                    }) != 0)
+                    return -1;
+            }
         }
-    }
+        return 0;
+    };
+    if (drawOnOutputPlanes(*this, reports.pass, drawPlane) != 0) return -1;
     AVS_LOGD("ZQGL_Remap_Nonoverlap_VBO use time=%f ms \n", timer.elapsedMs());
     return 0;
 }
@@ -234,27 +267,32 @@ int ZQGL_Remap::glesRemapNonoverlapVBO()
     static constexpr PassReports reports{"glesRemapNonoverlapVBO", true, true};
     if (!passInputsComplete(*this, reports.pass, false)) return -1;
     AvsTimer timer;
-    if (beginOutputPass(*this, reports.pass) != 0) return -1;
+    if (checkOutputPass(*this, reports.pass) != 0) return -1;
 
     // The blocks lie back to back in the shared buffers; `floats` counts up to this block's end.
     const PSR_INITPARAMS_T& layout = _remap_init_params;
-    int floats = 0;
-    for (int cam = 0; cam < layout.camera_num; ++cam) {
-        const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
-        for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
-            const int mesh_w = blocks.mesh_width[bn];
-            const int mesh_h = blocks.mesh_height[bn];
-            floats += 2 * stripVertexCount(mesh_w, mesh_h);
-            const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
-            AVS_LOGD("avs-debug bld_h=%d dst_x=%d,dst_w=%d,mesh_w=%d,mesh_h=%d\n", view.h, view.x, view.w, mesh_w,
-                     mesh_h);
-            if (drawBlock(*this, reports, gProgram, view, cam, [&] {
-                    return renderFrameVBO(gProgram, mesh_w, mesh_h, floats, nonoverlapVertexesVBO,
-                                          nonoverlapTexVertexesVBO);
-                }) != 0)
-                return -1;
+    auto drawPlane = [&](const OutputPlane& plane) {
+        const GLuint program = outputProgram(plane);
+        int floats = 0;
+        for (int cam = 0; cam < layout.camera_num; ++cam) {
+            const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
+            for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
+                const int mesh_w = blocks.mesh_width[bn];
+                const int mesh_h = blocks.mesh_height[bn];
+                floats += 2 * stripVertexCount(mesh_w, mesh_h);
+                const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
+                AVS_LOGD("avs-debug bld_h=%d dst_x=%d,dst_w=%d,mesh_w=%d,mesh_h=%d\n", view.h, view.x, view.w,
+                         mesh_w, mesh_h);
+                if (drawBlock(*this, reports, program, onPlane(view, plane), cam, [&] {
+                        return renderFrameVBO(program, mesh_w, mesh_h, floats, nonoverlapVertexesVBO,
+                                              nonoverlapTexVertexesVBO);
+                    }) != 0)
+                    return -1;
+            }
         }
-    }
+        return 0;
+    };
+    if (drawOnOutputPlanes(*this, reports.pass, drawPlane) != 0) return -1;
     AVS_LOGD("ZQGL_Remap_Nonoverlap_VBO use time=%f ms \n", timer.elapsedMs());
     return 0;
 }

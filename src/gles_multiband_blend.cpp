@@ -169,6 +169,10 @@ int zqglMultibandBlend::setupGraphics()
     if (gProgram_blend == 0) return 0;
     gProgram_blendYUV = createProgram(gVertexShader, blendYuvFragmentText(portablePath()));
     if (gProgram_blendYUV == 0) return 0;
+    if (portablePath()) {
+        gProgram_blendChroma = createProgram(gVertexShader, blendChromaFragmentText());
+        if (gProgram_blendChroma == 0) return 0;
+    }
     return 1;
 }
 
@@ -284,6 +288,8 @@ int zqglMultibandBlend::deinitMultibandBlend(int* do_blend_array)
         glDeleteProgram(*program);
         *program = 0;
     }
+    if (gProgram_blendChroma != 0) glDeleteProgram(gProgram_blendChroma);
+    gProgram_blendChroma = 0;
     AVS_LOG_TIME(timer);
     return 0;
 }

@@ -108,13 +108,13 @@ int zqglMultibandBlend::draw_gauss_multi_texture(int multiNum, drmSharedFramebuf
 
 // Level 0 goes into the seam's rectangle of the output image (scaled by the viewport, no clear);
 // the other levels into their own result framebuffers.
-int zqglMultibandBlend::bindBlendTarget(int camera, int level, GLuint out_fbo)
+int zqglMultibandBlend::bindBlendTarget(int camera, int level, const OutputPlane& out)
 {
     if (level == 0) {
-        glBindFramebuffer(GL_FRAMEBUFFER, out_fbo);
+        glBindFramebuffer(GL_FRAMEBUFFER, out.fbo);
         if (!checkGlError("glBindFramebuffer")) return -1;
-        glViewport(_multiResource->resize_startx[camera], 0, _multiResource->resize_width[camera],
-                   _multiResource->resize_height[camera]);
+        setPlaneViewport(out, _multiResource->resize_startx[camera], 0, _multiResource->resize_width[camera],
+                         _multiResource->resize_height[camera]);
         if (!checkGlError("glViewport")) return -1;
         return 0;
     }
@@ -146,11 +146,11 @@ int zqglMultibandBlend::useLowestLevelInputs(int camera, int level)
     return 0;
 }
 
-int zqglMultibandBlend::useBlendLevelInputs(int camera, int level)
+int zqglMultibandBlend::useBlendLevelInputs(int camera, int level, int plane)
 {
     // Level 0 always writes YUV, whatever the output format. The second label names the wrong
     // program; log readers match on it, so it stays.
-    GLuint program = level == 0 ? gProgram_blendYUV : gProgram_blend;
+    GLuint program = level != 0 ? gProgram_blend : plane == 1 ? gProgram_blendChroma : gProgram_blendYUV;
     glUseProgram(program);
     checkGlError(level == 0 ? "glUseProgram(gProgram_blendYUV)" : "glUseProgram(gProgram_lowest)");
     get_prog_blend_handle(program);
@@ -171,6 +171,11 @@ int zqglMultibandBlend::useBlendLevelInputs(int camera, int level)
 
 int zqglMultibandBlend::glesMultibandBlend(GLuint out_fbo, int* do_blend_array)
 {
+    return glesMultibandBlend(wholeYuvOutput(out_fbo), do_blend_array);
+}
+
+int zqglMultibandBlend::glesMultibandBlend(const OutputPlanes& out, int* do_blend_array)
+{
     AvsTimer timer;
     for (int i = 0; i < cameraNum; ++i) {
         if (do_blend_array[i] <= 0) continue;
@@ -181,12 +186,16 @@ int zqglMultibandBlend::glesMultibandBlend(GLuint out_fbo, int* do_blend_array)
         }
         int levels = _multiResource->multi_band_num[i];
         for (int l = levels - 1; l >= 0; --l) {
-            if (bindBlendTarget(i, l, out_fbo) < 0) return -1;
-            int ret = l == levels - 1 ? useLowestLevelInputs(i, l) : useBlendLevelInputs(i, l);
-            if (ret < 0) return -1;
-            if (!bindQuadAttributes(true)) return -1;
-            glDrawArrays(GL_TRIANGLES, 0, kQuadVertexCount);
-            if (!checkGlError("glDrawArrays")) return -1;
+            // Only the finest level goes into the output, once per plane.
+            const int planes = l == 0 ? out.count : 1;
+            for (int p = 0; p < planes; ++p) {
+                if (bindBlendTarget(i, l, out.planes[p]) < 0) return -1;
+                int ret = l == levels - 1 ? useLowestLevelInputs(i, l) : useBlendLevelInputs(i, l, out.planes[p].plane);
+                if (ret < 0) return -1;
+                if (!bindQuadAttributes(true)) return -1;
+                glDrawArrays(GL_TRIANGLES, 0, kQuadVertexCount);
+                if (!checkGlError("glDrawArrays")) return -1;
+            }
         }
     }
     AVS_LOG_TIME(timer);

@@ -92,7 +92,7 @@ size_t alphaReadExtentBytes(int width, int height, int textureHeight, int levels
 
 bool zqglMultibandBlend::portablePath() const
 {
-    return _multiResource != nullptr && _multiResource->caps.portable;
+    return _multiResource != nullptr && _multiResource->caps.drawsPlanes();
 }
 
 // True when the level is bound to the alpha buffer itself; uploaded levels need a refresh when the

@@ -1,6 +1,5 @@
-// Portable path: CPU mappings of the caller's descriptors, the column spans of a frame and the
-// camera images uploaded into luma and chroma textures. The output canvas is in
-// portable_yuv_output.cpp.
+// Plane paths: CPU mappings of the caller's descriptors, the column spans of a frame, and the
+// plane textures and targets of every import slot.
 #include "portable_yuv.h"
 
 #include <linux/dma-buf.h>
@@ -17,20 +16,31 @@ namespace zqgfx_gpu_avs {
 
 // ---- descriptor mappings -------------------------------------------------------------------
 
+bool descriptorHolds(int fd, size_t wanted)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0) {
+        AVS_LOGE("descriptor %d cannot be mapped: %s", fd, strerror(errno));
+        return false;
+    }
+    // Pipes, sockets, devices and directories hold no image; some drivers import them anyway.
+    if (S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode) || S_ISCHR(st.st_mode) || S_ISDIR(st.st_mode)) {
+        AVS_LOGE("descriptor %d is not a buffer", fd);
+        return false;
+    }
+    // Regular files (memfd) report their size; so does a dma-buf. Mapping or importing past a
+    // memfd's end succeeds and faults on first access, hence the check.
+    if ((S_ISREG(st.st_mode) || st.st_size > 0) && static_cast<size_t>(st.st_size) < wanted) {
+        AVS_LOGE("descriptor %d holds %lld bytes, %zu needed", fd, static_cast<long long>(st.st_size), wanted);
+        return false;
+    }
+    return true;
+}
+
 bool DescriptorMapping::map(int fd_in, size_t wanted, bool write)
 {
     unmap();
-    struct stat st;
-    if (fstat(fd_in, &st) != 0) {
-        AVS_LOGE("descriptor %d cannot be mapped: %s", fd_in, strerror(errno));
-        return false;
-    }
-    // Regular files (memfd) report their size; so does a dma-buf. Mapping past a memfd's end
-    // succeeds and faults on first access, hence the check before mmap.
-    if ((S_ISREG(st.st_mode) || st.st_size > 0) && static_cast<size_t>(st.st_size) < wanted) {
-        AVS_LOGE("descriptor %d holds %lld bytes, %zu needed", fd_in, static_cast<long long>(st.st_size), wanted);
-        return false;
-    }
+    if (!descriptorHolds(fd_in, wanted)) return false;
     int prot = write ? (PROT_READ | PROT_WRITE) : PROT_READ;
     void* mapped = mmap(nullptr, wanted, prot, MAP_SHARED, fd_in, 0);
     if (mapped == MAP_FAILED) {
@@ -109,11 +119,11 @@ void ColumnSpanList::normalise(int limit)
     n = merged;
 }
 
-// ---- inputs --------------------------------------------------------------------------------
+// ---- plane textures -----------------------------------------------------------------------
 
 namespace {
 
-GLuint createSampledTexture(GLenum internalFormat, int width, int height)
+GLuint storageTexture(GLenum internalFormat, int width, int height)
 {
     GLuint texture = 0;
     glGenTextures(1, &texture);
@@ -124,20 +134,64 @@ GLuint createSampledTexture(GLenum internalFormat, int width, int height)
     return texture;
 }
 
-void deleteTexture(GLuint& texture)
+// A framebuffer around `texture`; false when it is incomplete (the name is kept so that the
+// slot's release deletes it).
+bool attachFramebuffer(GLuint texture, GLuint* fbo)
 {
-    if (texture) glDeleteTextures(1, &texture);
-    texture = 0;
+    glGenFramebuffers(1, fbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, *fbo);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+    bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
+    return complete;
 }
+
+int chromaSize(int size) { return (size + 1) / 2; }
 
 }  // namespace
 
-PortableRemapIo::~PortableRemapIo()
+PlaneIo::~PlaneIo()
 {
-    release();
+    releaseAllSlots();
 }
 
-GLuint PortableRemapIo::importInput(int slot, int fd, int width, int height)
+GLuint PlaneIo::importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const
+{
+    EglImageProcs procs = lookupEglImageProcs();
+    EGLImageKHR image = createDmaBufImage(display, procs, planeImageAttribs(fourcc, fd, width, height, offset, pitch));
+    if (image == EGL_NO_IMAGE_KHR) {
+        AVS_LOGE("descriptor %d: plane image %dx%d at offset %d refused (0x%x)", fd, width, height, offset,
+                 eglGetError());
+        return 0;
+    }
+    GLuint texture = 0;
+    glGenTextures(1, &texture);
+    glBindTexture(GL_TEXTURE_2D, texture);
+    procs.imageTargetTexture2D(GL_TEXTURE_2D, image);
+    setLinearClampParameters(GL_TEXTURE_2D);
+    glBindTexture(GL_TEXTURE_2D, 0);
+    procs.destroyImage(display, image);  // the texture keeps the buffer
+    return texture;
+}
+
+// Both planes of slot `s` (size and stride set) as textures: images of the caller's buffer, or
+// textures of their own that uploads fill.
+bool PlaneIo::makePlaneTextures(Slot& s, int fd)
+{
+    const int cw = chromaSize(s.width), ch = chromaSize(s.height);
+    if (zeroCopy) {
+        s.luma.texture = importedPlaneTexture(kFourccR8, fd, s.width, s.height, 0, s.stride);
+        s.chroma.texture = importedPlaneTexture(kFourccGR88, fd, cw, ch, s.stride * s.height, s.stride);
+    } else {
+        s.luma.texture = storageTexture(GL_R8, s.width, s.height);
+        s.chroma.texture = storageTexture(GL_RG8, cw, ch);
+    }
+    return s.luma.texture != 0 && s.chroma.texture != 0;
+}
+
+// ---- inputs --------------------------------------------------------------------------------
+
+GLuint PlaneIo::importInput(int slot, int fd, int width, int height)
 {
     if (!validSlot(slot) || width <= 0 || height <= 0) {
         AVS_LOGE("import of descriptor %d refused: slot %d, size %dx%d", fd, slot, width, height);
@@ -145,37 +199,40 @@ GLuint PortableRemapIo::importInput(int slot, int fd, int width, int height)
     }
     releaseSlot(slot);
     Slot& s = slots[slot];
-    int stride = alignTo16(width);
-    if (!s.mapping.map(fd, nv12ImageBytes(stride, height), false)) return 0;
-    s.kind = Slot::Kind::input;
     s.width = width;
     s.height = height;
-    s.stride = stride;
-    s.in.lumaTexture = createSampledTexture(GL_R8, width, height);
-    s.in.chromaTexture = createSampledTexture(GL_RG8, (width + 1) / 2, (height + 1) / 2);
-    uploadInput(s);
-    return s.in.lumaTexture;
+    s.stride = alignTo16(width);
+    const size_t bytes = nv12ImageBytes(s.stride, height);
+    const bool reachable = zeroCopy ? descriptorHolds(fd, bytes) : s.mapping.map(fd, bytes, false);
+    s.kind = Slot::Kind::input;
+    if (!reachable || !makePlaneTextures(s, fd)) {
+        releaseSlot(slot);
+        return 0;
+    }
+    if (!zeroCopy) uploadInput(s);
+    return s.luma.texture;
 }
 
-int PortableRemapIo::refreshInput(int slot)
+int PlaneIo::refreshInput(int slot)
 {
     if (!validSlot(slot) || slots[slot].kind != Slot::Kind::input) return -1;
-    uploadInput(slots[slot]);
+    // An imported plane shows the buffer's current content by itself.
+    if (!zeroCopy) uploadInput(slots[slot]);
     return 0;
 }
 
-void PortableRemapIo::uploadInput(Slot& s)
+void PlaneIo::uploadInput(Slot& s)
 {
     DescriptorMapping& mapping = s.mapping;
     const uint8_t* luma = mapping.data();
     const uint8_t* chroma = luma + static_cast<size_t>(s.stride) * s.height;
     mapping.beginCpuAccess();
     glPixelStorei(GL_UNPACK_ROW_LENGTH, s.stride);
-    glBindTexture(GL_TEXTURE_2D, s.in.lumaTexture);
+    glBindTexture(GL_TEXTURE_2D, s.luma.texture);
     glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, s.width, s.height, GL_RED, GL_UNSIGNED_BYTE, luma);
     glPixelStorei(GL_UNPACK_ROW_LENGTH, s.stride / 2);  // in CbCr pairs
-    glBindTexture(GL_TEXTURE_2D, s.in.chromaTexture);
-    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, (s.width + 1) / 2, (s.height + 1) / 2, GL_RG, GL_UNSIGNED_BYTE,
+    glBindTexture(GL_TEXTURE_2D, s.chroma.texture);
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, chromaSize(s.width), chromaSize(s.height), GL_RG, GL_UNSIGNED_BYTE,
                     chroma);
     // Other uploads (alpha levels) rely on the default row length.
     glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
@@ -183,64 +240,154 @@ void PortableRemapIo::uploadInput(Slot& s)
     mapping.endCpuAccess();
 }
 
-const PortableRemapIo::Slot* PortableRemapIo::inputSlotOf(GLuint lumaTexture) const
+const PlaneIo::Slot* PlaneIo::inputSlotOf(GLuint lumaTexture) const
 {
     if (lumaTexture == 0) return nullptr;
     for (const Slot& s : slots)
-        if (s.kind == Slot::Kind::input && s.in.lumaTexture == lumaTexture) return &s;
+        if (s.kind == Slot::Kind::input && s.luma.texture == lumaTexture) return &s;
     return nullptr;
 }
 
-bool PortableRemapIo::bindInputTextures(GLuint lumaTexture) const
+bool PlaneIo::bindInputTextures(GLuint lumaTexture) const
 {
     const Slot* s = inputSlotOf(lumaTexture);
     if (!s) return false;
     glActiveTexture(GL_TEXTURE0 + kPortableChromaUnit);
-    glBindTexture(GL_TEXTURE_2D, s->in.chromaTexture);
+    glBindTexture(GL_TEXTURE_2D, s->chroma.texture);
     glActiveTexture(GL_TEXTURE0 + kPortableLumaUnit);
-    glBindTexture(GL_TEXTURE_2D, s->in.lumaTexture);
+    glBindTexture(GL_TEXTURE_2D, s->luma.texture);
     return true;
 }
 
-GLuint PortableRemapIo::chromaTextureOf(GLuint lumaTexture) const
+GLuint PlaneIo::chromaTextureOf(GLuint lumaTexture) const
 {
     const Slot* s = inputSlotOf(lumaTexture);
-    return s ? s->in.chromaTexture : 0;
+    return s ? s->chroma.texture : 0;
+}
+
+// ---- output --------------------------------------------------------------------------------
+
+GLuint PlaneIo::importOutput(int slot, int fd, int width, int height, int stride, GLuint* lumaTexture)
+{
+    if (!validSlot(slot) || width <= 0 || height <= 0 || stride < width || !lumaTexture) {
+        AVS_LOGE("output descriptor %d refused: slot %d, size %dx%d, stride %d", fd, slot, width, height, stride);
+        return 0;
+    }
+    releaseSlot(slot);
+    Slot& s = slots[slot];
+    s.width = width;
+    s.height = height;
+    s.stride = stride;
+    const size_t bytes = nv12ImageBytes(stride, height);
+    const bool reachable = zeroCopy ? descriptorHolds(fd, bytes) : s.mapping.map(fd, bytes, true);
+    s.kind = Slot::Kind::output;
+    bool made = reachable && makePlaneTextures(s, fd);
+    made = made && attachFramebuffer(s.luma.texture, &s.luma.fbo);
+    made = made && attachFramebuffer(s.chroma.texture, &s.chroma.fbo);
+    if (!made) {
+        AVS_LOGE("output planes %dx%d of descriptor %d could not be made", width, height, fd);
+        releaseSlot(slot);
+        return 0;
+    }
+    *lumaTexture = s.luma.texture;
+    return s.luma.fbo;
+}
+
+PlaneIo::Slot* PlaneIo::outputSlotOf(GLuint lumaFbo)
+{
+    if (lumaFbo == 0) return nullptr;
+    for (Slot& s : slots)
+        if (s.kind == Slot::Kind::output && s.luma.fbo == lumaFbo) return &s;
+    return nullptr;
+}
+
+OutputPlanes PlaneIo::outputPlanesOf(GLuint lumaFbo) const
+{
+    const Slot* s = const_cast<PlaneIo*>(this)->outputSlotOf(lumaFbo);
+    if (!s) return OutputPlanes{0, {}};
+    return OutputPlanes{2, {{s->luma.fbo, 1, 0}, {s->chroma.fbo, 2, 1}}};
+}
+
+int PlaneIo::finishOutput(GLuint lumaFbo, const ColumnSpanList& spans)
+{
+    Slot* s = outputSlotOf(lumaFbo);
+    if (!s) {
+        AVS_LOGE("no output planes for framebuffer %u", lumaFbo);
+        return -1;
+    }
+    if (zeroCopy) {
+        glFinish();
+        return 0;
+    }
+    return readBackSpans(*s, spans) ? 0 : -1;
+}
+
+// Each span's luma columns, and its chroma columns widened to whole CbCr pairs, read from the
+// plane targets straight into the caller's rows.
+bool PlaneIo::readBackSpans(Slot& s, const ColumnSpanList& spans)
+{
+    readSpans = spans;
+    readSpans.normalise(s.width);
+    if (readSpans.count() == 0) return true;
+    uint8_t* luma = s.mapping.data();
+    uint8_t* chroma = luma + static_cast<size_t>(s.stride) * s.height;
+    // CbCr pairs a row holds: an odd width's last pair may not fit an odd stride.
+    const int chromaColumns = std::min(chromaSize(s.width), s.stride / 2);
+    const int chromaRows = chromaSize(s.height);
+
+    s.mapping.beginCpuAccess();
+    glPixelStorei(GL_PACK_ALIGNMENT, 1);
+    for (int i = 0; i < readSpans.count(); ++i) {
+        const int x = readSpans[i].x, width = readSpans[i].width;
+        glBindFramebuffer(GL_FRAMEBUFFER, s.luma.fbo);
+        glPixelStorei(GL_PACK_ROW_LENGTH, s.stride);
+        glReadPixels(x, 0, width, s.height, GL_RED, GL_UNSIGNED_BYTE, luma + x);
+        const int cx0 = x / 2, cx1 = std::min(chromaSize(x + width), chromaColumns);
+        if (cx1 <= cx0) continue;
+        glBindFramebuffer(GL_FRAMEBUFFER, s.chroma.fbo);
+        if (s.stride % 2 == 0) {
+            glPixelStorei(GL_PACK_ROW_LENGTH, s.stride / 2);  // in CbCr pairs
+            glReadPixels(cx0, 0, cx1 - cx0, chromaRows, GL_RG, GL_UNSIGNED_BYTE, chroma + 2 * cx0);
+        } else {
+            glPixelStorei(GL_PACK_ROW_LENGTH, 0);  // rows that no pair count describes: one at a time
+            for (int cy = 0; cy < chromaRows; ++cy)
+                glReadPixels(cx0, cy, cx1 - cx0, 1, GL_RG, GL_UNSIGNED_BYTE,
+                             chroma + static_cast<size_t>(cy) * s.stride + 2 * cx0);
+        }
+    }
+    glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+    glPixelStorei(GL_PACK_ALIGNMENT, 4);
+    // The frame's draws went to the luma plane last; leave it bound as the target path leaves
+    // its output.
+    glBindFramebuffer(GL_FRAMEBUFFER, s.luma.fbo);
+    s.mapping.endCpuAccess();
+    GLenum error = glGetError();
+    if (error != GL_NO_ERROR) {
+        AVS_LOGE("read-back of output descriptor %d failed: 0x%04x", s.mapping.descriptor(), error);
+        return false;
+    }
+    return true;
 }
 
 // ---- slot release --------------------------------------------------------------------------
 
-void PortableRemapIo::releaseSlot(int slot)
+void PlaneIo::releaseSlot(int slot)
 {
     if (!validSlot(slot)) return;
     Slot& s = slots[slot];
-    deleteTexture(s.in.lumaTexture);
-    deleteTexture(s.in.chromaTexture);
-    GLuint fbos[] = {s.out.canvasFbo, s.out.lumaPackFbo, s.out.chromaPackFbo};
-    for (GLuint& fbo : fbos)
-        if (fbo) glDeleteFramebuffers(1, &fbo);
-    deleteTexture(s.out.canvasTexture);
-    deleteTexture(s.out.lumaPackTexture);
-    deleteTexture(s.out.chromaPackTexture);
-    free(s.out.staging);
-    s.out = OutputSlot{};
+    for (Plane* plane : {&s.luma, &s.chroma}) {
+        if (plane->fbo) glDeleteFramebuffers(1, &plane->fbo);
+        if (plane->texture) glDeleteTextures(1, &plane->texture);
+        *plane = Plane{};
+    }
     s.mapping.unmap();
     s.kind = Slot::Kind::empty;
     s.width = s.height = s.stride = 0;
 }
 
-void PortableRemapIo::releaseAllSlots()
+void PlaneIo::releaseAllSlots()
 {
     for (int i = 0; i < kImportSlotCount; ++i) releaseSlot(i);
-}
-
-void PortableRemapIo::release()
-{
-    releaseAllSlots();
-    if (lumaPackProgram) glDeleteProgram(lumaPackProgram);
-    if (chromaPackProgram) glDeleteProgram(chromaPackProgram);
-    if (packVertexArray) glDeleteVertexArrays(1, &packVertexArray);
-    lumaPackProgram = chromaPackProgram = packVertexArray = 0;
 }
 
 }  // namespace zqgfx_gpu_avs

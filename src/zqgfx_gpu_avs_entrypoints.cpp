@@ -129,9 +129,9 @@ int runFrameSteps(const ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times)
     clock.lap(&AvsStageTimes::remap_ms);
     if (blend->glesMultibandDrawGauss(state.doBlendArray) < 0) return -1;
     clock.lap(&AvsStageTimes::pyramid_ms);
-    if (blend->glesMultibandBlend(outFBO_id, state.doBlendArray) < 0) return -1;
+    if (blend->glesMultibandBlend(remap->outputPlanes(), state.doBlendArray) < 0) return -1;
     clock.lap(&AvsStageTimes::blend_ms);
-    // Portable path: writes the frame back into the caller's buffer; nothing on the target path.
+    // Plane paths: the frame reaches the caller's buffer (read-back or a wait); nothing on the target path.
     if (remap->finishOutputFrame() < 0) return -1;
     clock.lap(&AvsStageTimes::pack_ms);
     return 0;
@@ -234,7 +234,7 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context)
         return ZQGFX_AVS_FAILED;
     }
     // The engines keep their traces silent, so the path they chose is named here.
-    AVS_LOGD("rendering path: %s\n", state.multiband_resource->caps.portable ? "portable" : "target");
+    AVS_LOGD("rendering path: %s\n", gpuPathName(state.multiband_resource->caps.path));
     if (state.zqRemapInstance->glesRemapInit(state.init_params, state.multiband_resource,
                                              state.mUseInputMeshCoords->input_meshx,
                                              state.mUseInputMeshCoords->input_meshy) != 0) {
@@ -338,7 +338,7 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_deinit(void* /*context*/)
 const char* ZQGFX_AVS_get_path()
 {
     if (!instanceReady() || t_instance.multiband_resource == nullptr) return "none";
-    return t_instance.multiband_resource->caps.portable ? "portable" : "target";
+    return gpuPathName(t_instance.multiband_resource->caps.path);
 }
 
 }  // extern "C"

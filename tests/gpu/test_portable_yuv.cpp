@@ -1,5 +1,6 @@
-// The portable path's inputs, output canvas, pack pass and colour programs on the real driver
-// (Mesa llvmpipe, EGL surfaceless): tiny images against hand-computed results.
+// The plane paths' inputs, output planes, read-back and colour programs on the real driver
+// (Mesa llvmpipe, EGL surfaceless): tiny images against hand-computed results, uploaded and, where
+// the driver imports plane images (Mesa 25), zero-copy.
 #include <gtest/gtest.h>
 
 #include <sys/mman.h>
@@ -8,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,6 +22,8 @@ namespace {
 
 using Bytes = std::vector<uint8_t>;
 
+EGLDisplay g_display = EGL_NO_DISPLAY;
+
 // Surfaceless display, 8/8/8/8 pbuffer config, ES 3 context; an empty string when current.
 std::string makeContext()
 {
@@ -28,6 +32,7 @@ std::string makeContext()
     if (!platformDisplay) return "no eglGetPlatformDisplayEXT";
     EGLDisplay dpy = platformDisplay(EGL_PLATFORM_SURFACELESS_MESA, EGL_DEFAULT_DISPLAY, nullptr);
     if (dpy == EGL_NO_DISPLAY || !eglInitialize(dpy, nullptr, nullptr)) return "no surfaceless display";
+    g_display = dpy;
     const EGLint configAttribs[] = {EGL_RED_SIZE, 8, EGL_GREEN_SIZE, 8, EGL_BLUE_SIZE, 8, EGL_ALPHA_SIZE, 8,
                                     EGL_SURFACE_TYPE, EGL_PBUFFER_BIT, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES3_BIT,
                                     EGL_NONE};
@@ -91,6 +96,15 @@ GLuint rgbaTexture(int width, int height, const Bytes& rgba)
     return texture;
 }
 
+GLuint framebufferOf(GLuint texture)
+{
+    GLuint fbo = 0;
+    glGenFramebuffers(1, &fbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+    return fbo;
+}
+
 Bytes readRgba(GLuint fbo, int width, int height)
 {
     Bytes pixels(static_cast<size_t>(width) * height * 4);
@@ -130,25 +144,35 @@ uint8_t toByte(double v)
     return static_cast<uint8_t>(std::lround(std::clamp(v, 0.0, 255.0)));
 }
 
-class PortableYuv : public ::testing::Test {
+ColumnSpanList wholeWidth(int width)
+{
+    ColumnSpanList spans;
+    spans.add(0, width);
+    return spans;
+}
+
+// Parameter: zero-copy imports (skipped where the driver cannot import plane images) or uploads.
+class PortableYuv : public ::testing::TestWithParam<bool> {
 protected:
     static void SetUpTestSuite() { contextFailure = makeContext(); }
     void SetUp() override
     {
         if (!contextFailure.empty() && getenv("ZQAVS_NO_EGL")) GTEST_SKIP() << "ZQAVS_NO_EGL: no EGL here";
         ASSERT_EQ(contextFailure, "");
-        ASSERT_EQ(io.init(buildProgram), 0);
+        if (GetParam() && detectGpuCaps(g_display).path != GpuPath::planes)
+            GTEST_SKIP() << "this driver does not import plane images";
+        io = std::make_unique<PlaneIo>(g_display, GetParam());
     }
-    void TearDown() override { io.release(); }
+    void TearDown() override { io.reset(); }
 
     static std::string contextFailure;
-    PortableRemapIo io;
+    std::unique_ptr<PlaneIo> io;
 };
 std::string PortableYuv::contextFailure;
 
 }  // namespace
 
-TEST_F(PortableYuv, InputDrawnThroughYuvProgramKeepsSamplesAndFollowsRefresh)
+TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
 {
     // 20 x 6 at stride 32; row padding holds 0xAB so that a stride mistake shows.
     const int w = 20, h = 6, stride = 32;
@@ -158,61 +182,54 @@ TEST_F(PortableYuv, InputDrawnThroughYuvProgramKeepsSamplesAndFollowsRefresh)
             for (int x = 0; x < w; ++x) nv12[y * stride + x] = static_cast<uint8_t>(bias + 11 * x + 3 * y);
     };
     fillLuma(10);
-    // Chroma linear in the chroma column and row, steps multiples of 4: the bilinear quarter
-    // weights give whole codes.
     for (int cy = 0; cy < 3; ++cy) {
         for (int cx = 0; cx < 10; ++cx) {
             nv12[stride * (h + cy) + 2 * cx] = static_cast<uint8_t>(40 + 8 * cx + 4 * cy);
             nv12[stride * (h + cy) + 2 * cx + 1] = static_cast<uint8_t>(200 - 12 * cx + 8 * cy);
         }
     }
-    int inFd = memfdWith(nv12), outFd = memfdWith(Bytes(nv12.size()));
-    GLuint luma = io.importInput(3, inFd, w, h);
+    int inFd = memfdWith(nv12), outFd = memfdWith(Bytes(nv12.size(), 0xAB));
+    GLuint luma = io->importInput(3, inFd, w, h);
     ASSERT_NE(luma, 0u);
-    GLuint canvasTexture = 0;
-    GLuint canvas = io.importOutput(4, outFd, w, h, stride, &canvasTexture);
-    ASSERT_NE(canvas, 0u);
-    GLuint program = buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderYUV);
+    GLuint lumaTarget = 0;
+    GLuint lumaFbo = io->importOutput(4, outFd, w, h, stride, &lumaTarget);
+    ASSERT_NE(lumaFbo, 0u);
+    const OutputPlanes planes = io->outputPlanesOf(lumaFbo);
+    ASSERT_EQ(planes.count, 2);
+    const GLuint programs[2] = {buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderYUV),
+                                buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderChroma)};
+    // Same size in and out: every luma pixel and every chroma pair (sampled at its 2 x 2 block's
+    // centre) comes out as it went in.
     auto drawCamera = [&] {
-        glBindFramebuffer(GL_FRAMEBUFFER, canvas);
-        EXPECT_TRUE(io.bindInputTextures(luma));
-        glUseProgram(program);
-        glUniform1i(glGetUniformLocation(program, "outTexture"), 0);
-        drawViewport(program, w, h);
-        return readRgba(canvas, w, h);
-    };
-    auto expected = [&] {
-        Bytes yuv(w * h * 4);
-        for (int y = 0; y < h; ++y) {
-            for (int x = 0; x < w; ++x) {
-                // Chroma texel coordinate of a pixel centre, clamped at the edges.
-                double cx = std::clamp(x / 2.0 - 0.25, 0.0, 9.0), cy = std::clamp(y / 2.0 - 0.25, 0.0, 2.0);
-                uint8_t* p = &yuv[(y * w + x) * 4];
-                p[0] = nv12[y * stride + x];
-                p[1] = toByte(40 + 8 * cx + 4 * cy);
-                p[2] = toByte(200 - 12 * cx + 8 * cy);
-                p[3] = 255;
-            }
+        for (int p = 0; p < 2; ++p) {
+            glBindFramebuffer(GL_FRAMEBUFFER, planes.planes[p].fbo);
+            EXPECT_TRUE(io->bindInputTextures(luma));
+            glUseProgram(programs[p]);
+            glUniform1i(glGetUniformLocation(programs[p], "outTexture"), 0);
+            const int d = planes.planes[p].divisor;
+            drawViewport(programs[p], (w + d - 1) / d, (h + d - 1) / d);
         }
-        return yuv;
+        EXPECT_EQ(io->finishOutput(lumaFbo, wholeWidth(w)), 0);
+        return memfdContent(outFd, nv12.size());
     };
-    expectImagesNear(drawCamera(), expected(), w * 4, 0, "yuv_draw");
+    expectImagesNear(drawCamera(), nv12, stride, 0, "planes");
 
-    // A new frame in the same descriptor reaches the GPU through refreshInput.
+    // A new frame in the same descriptor reaches the GPU (uploaded again, or seen in place).
     fillLuma(70);
     ASSERT_EQ(pwrite(inFd, nv12.data(), nv12.size(), 0), static_cast<ssize_t>(nv12.size()));
-    EXPECT_EQ(io.refreshInput(3), 0);
-    expectImagesNear(drawCamera(), expected(), w * 4, 0, "yuv_refresh");
+    EXPECT_EQ(io->refreshInput(3), 0);
+    expectImagesNear(drawCamera(), nv12, stride, 0, "new_content");
 
-    io.releaseSlot(3);
-    EXPECT_FALSE(glIsTexture(luma) || io.bindInputTextures(luma));
-    EXPECT_EQ(io.refreshInput(3), -1);
-    glDeleteProgram(program);
+    io->releaseSlot(3);
+    EXPECT_FALSE(glIsTexture(luma) || io->bindInputTextures(luma));
+    EXPECT_EQ(io->refreshInput(3), -1);
+    for (GLuint program : programs) glDeleteProgram(program);
     close(inFd), close(outFd);
 }
 
-TEST_F(PortableYuv, PackWritesOnlyCoveredColumnsWithAveragedChroma)
+TEST_P(PortableYuv, ReadBackWritesOnlyCoveredColumns)
 {
+    if (GetParam()) GTEST_SKIP() << "zero-copy planes are the buffer: nothing is read back";
     const uint8_t sentinel = 0xEE;
     const int stride = 32;
     const std::pair<int, int> sizes[] = {{20, 6}, {19, 5}};
@@ -221,55 +238,53 @@ TEST_F(PortableYuv, PackWritesOnlyCoveredColumnsWithAveragedChroma)
         SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
         const size_t bytes = nv12ImageBytes(stride, h);
         int outFd = memfdWith(Bytes(bytes, sentinel));
-        GLuint canvasTexture = 0;
-        GLuint canvas = io.importOutput(0, outFd, w, h, stride, &canvasTexture);
-        ASSERT_NE(canvas, 0u);
-        // Chroma codes are multiples of 4, so every 2 x 2 average is a whole code.
-        Bytes yuv(w * h * 4);
-        for (int i = 0; i < w * h; ++i) {
-            int x = i % w, y = i / w;
-            yuv[i * 4] = static_cast<uint8_t>(3 + 13 * x + 7 * y);
-            yuv[i * 4 + 1] = static_cast<uint8_t>(4 * ((x * x + 3 * y) % 60));
-            yuv[i * 4 + 2] = static_cast<uint8_t>(4 * ((5 * x + y * y) % 63));
-        }
-        glBindTexture(GL_TEXTURE_2D, canvasTexture);
-        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, w, h, GL_RGBA, GL_UNSIGNED_BYTE, yuv.data());
+        GLuint lumaTexture = 0;
+        GLuint lumaFbo = io->importOutput(0, outFd, w, h, stride, &lumaTexture);
+        ASSERT_NE(lumaFbo, 0u);
+        const int cw = (w + 1) / 2, ch = (h + 1) / 2;
+        Bytes luma(w * h), chroma(cw * ch * 2);
+        for (size_t i = 0; i < luma.size(); ++i) luma[i] = static_cast<uint8_t>(3 + 13 * (i % w) + 7 * (i / w));
+        for (size_t i = 0; i < chroma.size(); ++i) chroma[i] = static_cast<uint8_t>(5 * i);
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 1);  // odd widths: rows back to back
+        glBindTexture(GL_TEXTURE_2D, lumaTexture);
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, w, h, GL_RED, GL_UNSIGNED_BYTE, luma.data());
+        GLint chromaTexture = 0;
+        glBindFramebuffer(GL_FRAMEBUFFER, io->outputPlanesOf(lumaFbo).planes[1].fbo);
+        glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0,
+                                              GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME, &chromaTexture);
+        glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(chromaTexture));
+        glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, cw, ch, GL_RG, GL_UNSIGNED_BYTE, chroma.data());
+        glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
 
         // Overlapping, touching, partly outside and wholly outside spans: columns 3..7 and 16..
         ColumnSpanList spans;
         const std::pair<int, int> ranges[] = {{3, 4}, {16, 10}, {5, 3}, {-5, 3}, {w + 2, 4}};
         for (auto [x, width] : ranges) spans.add(x, width);
-        ASSERT_EQ(io.packOutput(canvas, spans), 0);
+        ASSERT_EQ(io->finishOutput(lumaFbo, spans), 0);
 
         auto covered = [&](int x) { return x < w && ((x >= 3 && x < 8) || x >= 16); };
         Bytes expected(bytes, sentinel);
         for (int i = 0; i < w * h; ++i)
-            if (covered(i % w)) expected[(i / w) * stride + i % w] = yuv[i * 4];
+            if (covered(i % w)) expected[(i / w) * stride + i % w] = luma[i];
         // A chroma pair is written when either of its two pixel columns is covered.
-        for (int cy = 0; cy < (h + 1) / 2; ++cy) {
-            for (int cx = 0; cx < (w + 1) / 2; ++cx) {
-                if (!covered(2 * cx) && !covered(2 * cx + 1)) continue;
-                for (int c = 1; c <= 2; ++c) {
-                    int sum = 0;
-                    for (int d = 0; d < 4; ++d)
-                        sum += yuv[(std::min(2 * cy + d / 2, h - 1) * w + std::min(2 * cx + d % 2, w - 1)) * 4 + c];
-                    expected[stride * (h + cy) + 2 * cx + c - 1] = static_cast<uint8_t>(sum / 4);
-                }
-            }
-        }
-        expectImagesNear(memfdContent(outFd, bytes), expected, stride, 0, "pack_" + std::to_string(w));
+        for (int cy = 0; cy < ch; ++cy)
+            for (int cx = 0; cx < cw; ++cx)
+                if (covered(2 * cx) || covered(2 * cx + 1))
+                    for (int c = 0; c < 2; ++c) expected[stride * (h + cy) + 2 * cx + c] = chroma[(cy * cw + cx) * 2 + c];
+        expectImagesNear(memfdContent(outFd, bytes), expected, stride, 0, "read_back_" + std::to_string(w));
 
         // Nothing covered: the buffer is left alone.
         ASSERT_EQ(pwrite(outFd, Bytes(bytes, sentinel).data(), bytes, 0), static_cast<ssize_t>(bytes));
-        EXPECT_EQ(io.packOutput(canvas, ColumnSpanList()), 0);
+        EXPECT_EQ(io->finishOutput(lumaFbo, ColumnSpanList()), 0);
         EXPECT_EQ(memfdContent(outFd, bytes), Bytes(bytes, sentinel));
-        io.releaseSlot(0);
+        io->releaseSlot(0);
         close(outFd);
     }
 }
 
-TEST_F(PortableYuv, RgbToYuvProgramConvertsPureColours)
+TEST_P(PortableYuv, RgbToYuvProgramConvertsPureColours)
 {
+    if (GetParam()) GTEST_SKIP() << "the conversion does not depend on the imports";
     // Eight pure colours in 4-column blocks.
     const uint8_t colours[8][3] = {{0, 0, 0},   {255, 255, 255}, {255, 0, 0},   {0, 255, 0},
                                    {0, 0, 255}, {255, 255, 0},   {0, 255, 255}, {255, 0, 255}};
@@ -283,33 +298,29 @@ TEST_F(PortableYuv, RgbToYuvProgramConvertsPureColours)
         expectYuv[i * 4 + 2] = toByte(0.5 * c[0] - 0.418688 * c[1] - 0.081312 * c[2] + 128);
         rgba[i * 4 + 3] = expectYuv[i * 4 + 3] = 255;
     }
-    GLuint source = rgbaTexture(w, h, rgba);
-    int nv12Fd = memfdWith(Bytes(nv12ImageBytes(w, h)));
-    GLuint canvasTexture = 0;
-    GLuint canvas = io.importOutput(0, nv12Fd, w, h, w, &canvasTexture);
-    ASSERT_NE(canvas, 0u);
+    GLuint source = rgbaTexture(w, h, rgba), target = rgbaTexture(w, h, Bytes(w * h * 4));
+    GLuint fbo = framebufferOf(target);
 
     GLuint toYuv = buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderRGBtoYUV);
-    glBindFramebuffer(GL_FRAMEBUFFER, canvas);
     glUseProgram(toYuv);
     glUniform1i(glGetUniformLocation(toYuv, "outTexture"), 0);
     glBindTexture(GL_TEXTURE_2D, source);
     drawViewport(toYuv, w, h);
-    expectImagesNear(readRgba(canvas, w, h), expectYuv, w * 4, 1, "rgb_to_yuv");
+    expectImagesNear(readRgba(fbo, w, h), expectYuv, w * 4, 1, "rgb_to_yuv");
 
-    glDeleteTextures(1, &source);
+    glDeleteFramebuffers(1, &fbo);
+    for (GLuint texture : {source, target}) glDeleteTextures(1, &texture);
     glDeleteProgram(toYuv);
-    close(nv12Fd);
 }
 
-TEST_F(PortableYuv, RefusesDescriptorsItCannotMapWhole)
+TEST_P(PortableYuv, RefusesDescriptorsItCannotReachWhole)
 {
     const int w = 20, h = 6;
     const size_t needed = nv12ImageBytes(32, h);
     int shortFd = memfdWith(Bytes(needed - 1)), wholeFd = memfdWith(Bytes(needed));
     int pipeFds[2];
     ASSERT_EQ(pipe(pipeFds), 0);
-    GLuint canvasTexture = 0;
+    GLuint lumaTexture = 0;
     auto expectRefusalNaming = [](int fd, const std::function<GLuint()>& attempt) {
         ::testing::internal::CaptureStdout();
         EXPECT_EQ(attempt(), 0u);
@@ -317,14 +328,17 @@ TEST_F(PortableYuv, RefusesDescriptorsItCannotMapWhole)
         EXPECT_NE(out.find("descriptor " + std::to_string(fd) + " "), std::string::npos) << out;
         return out;
     };
-    std::string shortLine = expectRefusalNaming(shortFd, [&] { return io.importInput(0, shortFd, w, h); });
+    std::string shortLine = expectRefusalNaming(shortFd, [&] { return io->importInput(0, shortFd, w, h); });
     EXPECT_NE(shortLine.find(std::to_string(needed)), std::string::npos) << shortLine;
-    expectRefusalNaming(shortFd, [&] { return io.importOutput(1, shortFd, w, h, 32, &canvasTexture); });
-    expectRefusalNaming(pipeFds[0], [&] { return io.importInput(2, pipeFds[0], w, h); });
-    expectRefusalNaming(pipeFds[1], [&] { return io.importOutput(3, pipeFds[1], w, h, 32, &canvasTexture); });
+    expectRefusalNaming(shortFd, [&] { return io->importOutput(1, shortFd, w, h, 32, &lumaTexture); });
+    expectRefusalNaming(pipeFds[0], [&] { return io->importInput(2, pipeFds[0], w, h); });
+    expectRefusalNaming(pipeFds[1], [&] { return io->importOutput(3, pipeFds[1], w, h, 32, &lumaTexture); });
     // Output rows shorter than the image.
-    expectRefusalNaming(wholeFd, [&] { return io.importOutput(4, wholeFd, w, h, 16, &canvasTexture); });
-    EXPECT_EQ(io.refreshInput(0), -1);
-    EXPECT_EQ(io.refreshInput(2), -1);
+    expectRefusalNaming(wholeFd, [&] { return io->importOutput(4, wholeFd, w, h, 16, &lumaTexture); });
+    EXPECT_EQ(io->refreshInput(0), -1);
+    EXPECT_EQ(io->refreshInput(2), -1);
     for (int fd : {shortFd, wholeFd, pipeFds[0], pipeFds[1]}) close(fd);
 }
+
+INSTANTIATE_TEST_SUITE_P(Imports, PortableYuv, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) { return info.param ? "ZeroCopy" : "Upload"; });

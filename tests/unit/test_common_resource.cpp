@@ -108,14 +108,32 @@ TEST_F(CommonResource, DiagnosticsAndCapabilities)
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               "after glFoo() glError (0x500)\nGL Version = OpenGL ES 3.1 fakegl\n");
 
-    EXPECT_FALSE(detectGpuCaps(kDpy).portable);
     // Whole names only: a modifiers-only driver must not pass for one that imports dma-bufs.
-    fakegl::inject().eglExtensions = "EGL_EXT_image_dma_buf_import_modifiers EGL_KHR_fence_sync";
-    fakegl::inject().eglClientExtensions = "EGL_EXT_platform_base EGL_MESA_platform_surfaceless";
-    AvsGpuCaps caps = detectGpuCaps(kDpy);
-    EXPECT_FALSE(caps.has_EGL_EXT_image_dma_buf_import);
-    EXPECT_TRUE(caps.has_EGL_MESA_platform_surfaceless && caps.has_EGL_KHR_fence_sync);
-    EXPECT_TRUE(caps.portable);
+    struct Row {
+        const char* egl;
+        const char* gl;
+        bool probeImportFails;
+        GpuPath path;
+    } rows[] = {
+        {"EGL_EXT_image_dma_buf_import", "GL_OES_EGL_image GL_EXT_YUV_target", false, GpuPath::target},
+        {"EGL_EXT_image_dma_buf_import", "GL_OES_EGL_image", false, GpuPath::planes},
+        {"EGL_EXT_image_dma_buf_import", "GL_OES_EGL_image", true, GpuPath::portable},
+        {"EGL_EXT_image_dma_buf_import_modifiers", "GL_OES_EGL_image GL_EXT_YUV_target", false, GpuPath::portable},
+    };
+    for (const Row& row : rows) {
+        fakegl::reset();
+        fakegl::inject().eglExtensions = row.egl;
+        fakegl::inject().glExtensions = row.gl;
+        fakegl::inject().eglClientExtensions = "EGL_EXT_platform_base EGL_MESA_platform_surfaceless";
+        if (row.probeImportFails) fakegl::inject().nullImageFrom = 1;
+        AvsGpuCaps caps = detectGpuCaps(kDpy);
+        EXPECT_EQ(caps.path, row.path) << row.egl << " / " << row.gl << " / " << row.probeImportFails;
+        EXPECT_TRUE(caps.has_EGL_MESA_platform_surfaceless);
+        // The probe leaves nothing behind and no error pending.
+        EXPECT_EQ(fakegl::liveObjects("image") + fakegl::liveObjects("texture") + fakegl::liveObjects("framebuffer"),
+                  0u);
+        EXPECT_EQ(eglGetError(), EGL_SUCCESS);
+    }
     // An EGL 1.4 driver refuses the client query; its error must not surface at a later check.
     fakegl::inject().noClientExtensions = true;
     EXPECT_FALSE(detectGpuCaps(kDpy).has_EGL_MESA_platform_surfaceless);

@@ -1,5 +1,6 @@
-// Whole instances on a driver without dma-buf import or YUV render targets (the fake driver told
-// so): camera images and the output are memfds that the library maps itself.
+// Whole instances on drivers without YUV render targets (the fake driver told so), with and
+// without dma-buf import: camera images and the output are memfds that the library imports as
+// plane images or maps itself.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -32,15 +33,25 @@ size_t frameCreations()
     return made;
 }
 
-class PortableWiring : public ::testing::Test {
+struct PlanePath {
+    const char* name;
+    const char* eglExtensions;
+};
+const PlanePath kPlanePaths[] = {
+    {"portable", "EGL_KHR_image_base EGL_KHR_fence_sync"},
+    {"planes", "EGL_KHR_image_base EGL_EXT_image_dma_buf_import EGL_KHR_fence_sync"},
+};
+
+class PortableWiring : public ::testing::TestWithParam<PlanePath> {
 protected:
+    bool zeroCopy() const { return std::string(GetParam().name) == "planes"; }
     // Four 320 x 240 cameras into 1280 x 240; seams 0-1, 1-2, 2-3 blended with three levels of U8
     // alpha 64 wide, so that level 2 and a wide alpha level exist.
     void SetUp() override
     {
         fakegl::reset();
         fakegl::inject().glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external";
-        fakegl::inject().eglExtensions = "EGL_KHR_image_base EGL_KHR_fence_sync";
+        fakegl::inject().eglExtensions = GetParam().eglExtensions;
         avs_thread_state() = AvsThreadInstance{};
         layout = entry_test::ringLayout(4, 1, 2);
         for (zqPSR_OVERLAP_BLOCK& o : layout.overlap_block) o.dst_width.assign(2, 64), o.alpha_width.assign(2, 64);
@@ -81,37 +92,78 @@ protected:
     int fds[5] = {-1, -1, -1, -1, -1};
 };
 
-TEST_F(PortableWiring, WarmFramesUploadAndPackWithoutMakingObjects)
+// The attribute list of a plane image: fourcc, size, descriptor, offset, pitch.
+std::vector<EGLint> planeImage(EGLint fourcc, int w, int h, int fd, int offset, int pitch)
 {
-    EXPECT_STREQ(ZQGFX_AVS_get_path(), "portable");
-    EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 0u);  // level 2 and wide alpha levels are textures
+    return {fourcc, w, h, fd, offset, pitch};
+}
+std::vector<EGLint> planeImageOf(const fakegl::Call& call)
+{
+    std::vector<EGLint> v;
+    for (EGLint name : {EGL_LINUX_DRM_FOURCC_EXT, EGL_WIDTH, EGL_HEIGHT, EGL_DMA_BUF_PLANE0_FD_EXT,
+                        EGL_DMA_BUF_PLANE0_OFFSET_EXT, EGL_DMA_BUF_PLANE0_PITCH_EXT})
+        v.push_back(fakegl::attribValue(call, name));
+    return v;
+}
+
+TEST_P(PortableWiring, WarmFramesMakeNoObjectsAndMoveFramesTheirPathsWay)
+{
+    EXPECT_STREQ(ZQGFX_AVS_get_path(), GetParam().name);
+    const size_t probeImages = fakegl::countCalls("eglCreateImageKHR");  // level 2 and wide alpha levels are textures
+    EXPECT_EQ(probeImages, zeroCopy() ? 1u : 0u);
     ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
     ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
     const size_t made = frameCreations(), uploads = fakegl::countCalls("glTexSubImage2D");
     const size_t reads = fakegl::countCalls("glReadPixels");
+    size_t readsPerFrame[2] = {};
     for (uint32_t useSync : {0u, 1u}) {
         context.useSync = useSync;
+        const size_t before = fakegl::countCalls("glReadPixels");
         ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+        readsPerFrame[useSync] = fakegl::countCalls("glReadPixels") - before;
     }
     EXPECT_EQ(frameCreations(), made);
-    EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 2 * 8u);  // both planes of every camera
-    EXPECT_EQ(fakegl::countCalls("glReadPixels") - reads, 2 * 2u);       // luma and chroma pack, fenced or not
-    EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 0u);
+    const std::vector<fakegl::Call> images = fakegl::callsTo("eglCreateImageKHR");
+    if (zeroCopy()) {
+        // One import per descriptor and plane, on the first frame only; nothing copied either way.
+        const int luma = 320 * 240, stride = 1280;
+        std::vector<std::vector<EGLint>> expected;
+        for (int c = 0; c < 4; ++c) {
+            expected.push_back(planeImage(zqgfx_gpu_avs::kFourccR8, 320, 240, fds[c], 0, 320));
+            expected.push_back(planeImage(zqgfx_gpu_avs::kFourccGR88, 160, 120, fds[c], luma, 320));
+        }
+        expected.push_back(planeImage(zqgfx_gpu_avs::kFourccR8, 1280, 240, fds[4], 0, stride));
+        expected.push_back(planeImage(zqgfx_gpu_avs::kFourccGR88, 640, 120, fds[4], stride * 240, stride));
+        ASSERT_EQ(images.size(), probeImages + expected.size());
+        for (size_t i = 0; i < expected.size(); ++i) EXPECT_EQ(planeImageOf(images[probeImages + i]), expected[i]) << i;
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 0u);
+        EXPECT_EQ(fakegl::countCalls("glReadPixels"), 0u);
+    } else {
+        EXPECT_TRUE(images.empty());
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 2 * 8u);  // both planes of every camera
+        // Luma then chroma per covered span, fenced or not, straight from the plane targets.
+        EXPECT_GT(readsPerFrame[0], 0u);
+        EXPECT_EQ(readsPerFrame[0], readsPerFrame[1]);
+        const std::vector<fakegl::Call> read = fakegl::callsTo("glReadPixels");
+        for (size_t i = reads; i < read.size(); ++i) EXPECT_EQ(read[i].args[4], i % 2 == 0 ? GL_RED : GL_RG) << i;
+    }
+    EXPECT_EQ(fakegl::liveObjects("image"), 0u);  // the textures hold the buffers
 
     // Every U8 level was uploaded, so every one is refreshed: three seams of three levels.
-    const size_t images = fakegl::countCalls("glTexImage2D");
+    const size_t uploadsBefore = fakegl::countCalls("glTexImage2D");
     stdoutOf([&] { EXPECT_EQ(avs_thread_state().zqMultibandBlendInstance->updateMultibandAlpha(avs_thread_state().doBlendArray), 0); });
-    EXPECT_EQ(fakegl::countCalls("glTexImage2D") - images, 9u);
+    EXPECT_EQ(fakegl::countCalls("glTexImage2D") - uploadsBefore, 9u);
 }
 
-TEST_F(PortableWiring, AfbcAndUnmappableDescriptorsFailTheFrameWithTheirReason)
+TEST_P(PortableWiring, AfbcAndShortDescriptorsFailTheFrameWithTheirReason)
 {
     for (uint32_t* afbc : {&context.inputIsAFBC, &context.outputIsAFBC}) {
         *afbc = 1;
         std::string out;
         EXPECT_EQ(frame(&out), ZQGFX_AVS_FAILED);
         const char* what = afbc == &context.inputIsAFBC ? "input" : "output";
-        EXPECT_TRUE(contains(out, std::string("AFBC ") + what + " is not supported on the portable path")) << out;
+        EXPECT_TRUE(contains(out, std::string("AFBC ") + what + " is not supported on the " + GetParam().name + " path"))
+            << out;
         EXPECT_TRUE(tableEmpty());  // no descriptor looked at
         EXPECT_EQ(fakegl::countCalls("glTexSubImage2D"), 0u);
         *afbc = 0;
@@ -126,7 +178,7 @@ TEST_F(PortableWiring, AfbcAndUnmappableDescriptorsFailTheFrameWithTheirReason)
     EXPECT_EQ(frame(), ZQGFX_AVS_SUCCESS);
 }
 
-TEST_F(PortableWiring, FlushResizeAndDeinitReleaseEachPortableObjectOnce)
+TEST_P(PortableWiring, FlushResizeAndDeinitReleaseEachPlaneObjectOnce)
 {
     ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
     const size_t textures = fakegl::liveObjects("texture"), framebuffers = fakegl::liveObjects("framebuffer");
@@ -163,5 +215,8 @@ TEST_F(PortableWiring, FlushResizeAndDeinitReleaseEachPortableObjectOnce)
         EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Paths, PortableWiring, ::testing::ValuesIn(kPlanePaths),
+                         [](const ::testing::TestParamInfo<PlanePath>& info) { return std::string(info.param.name); });
 
 }  // namespace

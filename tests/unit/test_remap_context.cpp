@@ -63,7 +63,7 @@ TEST_F(RemapContext, InitOnATargetDriver)
     EXPECT_EQ(resource.dpy, engine->dpy);
     EXPECT_EQ(resource.context, engine->context);
     EXPECT_EQ(resource.surface, engine->surface);
-    EXPECT_FALSE(resource.caps.portable);
+    EXPECT_EQ(resource.caps.path, GpuPath::target);
     EXPECT_EQ(fakegl::liveObjects("program"), 3u);
     ASSERT_NE(engine->cache_input_fd, nullptr);
     EXPECT_EQ(engine->create_texture_fbo_status.size(), 100u);
