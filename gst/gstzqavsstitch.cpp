@@ -716,7 +716,7 @@ static void gst_zqavs_stitch_class_init(GstZqavsStitchClass* klass)
         g_param_spec_boolean("sync", "Sync", "End frames with a fence instead of a finish", FALSE, flags));
     g_object_class_install_property(
         object, PROP_PATH,
-        g_param_spec_string("path", "Path", "The library's rendering path once running: target, portable or none",
+        g_param_spec_string("path", "Path", "The library's rendering path once running: target, planes, portable or none",
                             "none", static_cast<GParamFlags>(G_PARAM_READABLE | G_PARAM_STATIC_STRINGS)));
 
     GstElementClass* element = GST_ELEMENT_CLASS(klass);

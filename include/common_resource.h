@@ -31,6 +31,10 @@ struct textureAndFboStatus {
     GLuint texture_id;
     int width;
     int height;
+    // The buffer the descriptor named when it was imported (device and inode; 0 when unknown):
+    // a caller may close a descriptor and get its number back for another buffer.
+    uint64_t device = 0;
+    uint64_t inode = 0;
 };
 
 // One cached vertex buffer of a block's mesh, keyed by mesh index (camera * 10 + block).

@@ -85,7 +85,7 @@ struct AvsStageTimes {
     double remap_ms;    // non-overlap and overlap remap passes
     double pyramid_ms;  // Gaussian pyramids of the blended seams
     double blend_ms;    // blend passes into the output
-    double pack_ms;     // write-back into the caller's buffer (portable path), else 0
+    double finish_ms;   // plane paths: read-back into the caller's buffer, or the wait for the GPU
     bool gpu_timers;    // true when measured with GPU timer queries
 };
 // Runs one frame of the calling thread's instance like ZQGFX_AVS_AllProcess, draining the GPU

@@ -3,6 +3,8 @@
 // caller's: nothing here closes or duplicates them.
 #include "gl_nv12_remap.h"
 
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "portable_yuv.h"
@@ -22,6 +24,23 @@ bool planePathRefusesAfbc(const ZQGL_Remap& engine, uint32_t inputIsAFBC, uint32
     if (inputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC input is not supported on the %s path", path);
     if (outputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC output is not supported on the %s path", path);
     return inputIsAFBC || outputIsAFBC;
+}
+
+// Records which buffer `fd` names now; nothing for a number that is no descriptor of this process.
+void recordBufferIdentity(textureAndFboStatus* slot, int fd)
+{
+    struct stat st;
+    if (fstat(fd, &st) != 0) return;
+    slot->device = st.st_dev;
+    slot->inode = st.st_ino;
+}
+
+// False when `fd` now names another buffer than the one the slot imported.
+bool namesImportedBuffer(const textureAndFboStatus& slot, int fd)
+{
+    struct stat st;
+    if (slot.inode == 0 || fstat(fd, &st) != 0) return true;
+    return st.st_dev == slot.device && st.st_ino == slot.inode;
 }
 
 }  // namespace
@@ -95,6 +114,13 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
         const bool isOutput = cam == cam_num;
         textureAndFboStatus& slot = create_texture_fbo_status[i];
 
+        if (cache_input_fd[i] == static_cast<GLuint>(fd) && !namesImportedBuffer(slot, fd)) {
+            // The caller closed the descriptor and its number came back for another buffer.
+            releaseImportSlot(i, true);
+            const int made = isOutput ? importOutputSlot(i, fd, outputIsAFBC) : importInputSlot(cam, i, fd, inputIsAFBC);
+            if (made != 0) return -1;
+            continue;
+        }
         if (cache_input_fd[i] == static_cast<GLuint>(fd)) {
             if (!isOutput) {
                 textureID[cam] = slot.texture_id;  // reused as imported, whatever the size now
@@ -139,6 +165,7 @@ int ZQGL_Remap::importInputSlot(int cam, int slot, int fd, uint32_t inputIsAFBC)
     entry.width = src_width;
     entry.height = src_height;
     entry.fbo_id = 0;
+    recordBufferIdentity(&entry, fd);
     return 0;
 }
 
@@ -155,6 +182,7 @@ int ZQGL_Remap::importOutputSlot(int slot, int fd, uint32_t outputIsAFBC)
     entry.texture_id = fbo_texture0;
     entry.width = bld_w;
     entry.height = bld_h;
+    recordBufferIdentity(&entry, fd);
     framebuffer0 = fbo;
     return 0;
 }

@@ -133,7 +133,7 @@ int runFrameSteps(const ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times)
     clock.lap(&AvsStageTimes::blend_ms);
     // Plane paths: the frame reaches the caller's buffer (read-back or a wait); nothing on the target path.
     if (remap->finishOutputFrame() < 0) return -1;
-    clock.lap(&AvsStageTimes::pack_ms);
+    clock.lap(&AvsStageTimes::finish_ms);
     return 0;
 }
 

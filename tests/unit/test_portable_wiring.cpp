@@ -37,6 +37,10 @@ struct PlanePath {
     const char* name;
     const char* eglExtensions;
 };
+void PrintTo(const PlanePath& path, std::ostream* os)
+{
+    *os << path.name;
+}
 const PlanePath kPlanePaths[] = {
     {"portable", "EGL_KHR_image_base EGL_KHR_fence_sync"},
     {"planes", "EGL_KHR_image_base EGL_EXT_image_dma_buf_import EGL_KHR_fence_sync"},
@@ -213,6 +217,23 @@ TEST_P(PortableWiring, FlushResizeAndDeinitReleaseEachPlaneObjectOnce)
     EXPECT_EQ(fakegl::liveObjects("texture"), alphaLeft);
     for (const char* kind : {"framebuffer", "buffer", "program", "shader", "vertexarray", "image", "context"})
         EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+}
+
+TEST_P(PortableWiring, ADescriptorNumberThatNamesAnotherBufferIsImportedAgain)
+{
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    const size_t textures = fakegl::createdObjects("texture"), images = fakegl::countCalls("eglCreateImageKHR");
+    for (int which : {1, 4}) {  // a camera, then the output: the number stays, the buffer changes
+        const int fresh = memfdOf(zqgfx_gpu_avs::nv12ImageBytes(which == 4 ? 1280 : 320, 240));
+        ASSERT_EQ(dup2(fresh, fds[which]), fds[which]);
+        close(fresh);
+    }
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    EXPECT_EQ(fakegl::createdObjects("texture") - textures, 2 * 2u);  // both planes of both buffers
+    EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR") - images, zeroCopy() ? 4u : 0u);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);  // and then kept
+    EXPECT_EQ(fakegl::createdObjects("texture") - textures, 2 * 2u);
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 }
 

@@ -82,7 +82,7 @@ void runRow(BenchRow& row, int frames, bool opencv)
     for (int c = 0; c < rig.cameras; ++c) session.setInput(c, cameras[c]);
     double ms = 0.0;
     if (!session.frame(&ms, &row.error)) return;  // warm-up: shader compilation, first imports
-    std::vector<double> times, imports, remaps, pyramids, blends, packs;
+    std::vector<double> times, imports, remaps, pyramids, blends, finishes;
     for (int f = 0; f < frames; ++f) {
         if (!session.frame(&ms, &row.error)) return;
         times.push_back(ms);
@@ -94,7 +94,7 @@ void runRow(BenchRow& row, int frames, bool opencv)
         remaps.push_back(stages.remap_ms);
         pyramids.push_back(stages.pyramid_ms);
         blends.push_back(stages.blend_ms);
-        packs.push_back(stages.pack_ms);
+        finishes.push_back(stages.finish_ms);
         row.stages.gpu_timers = stages.gpu_timers;
     }
     row.frameMs = medianOf(times);
@@ -102,7 +102,7 @@ void runRow(BenchRow& row, int frames, bool opencv)
     row.stages.remap_ms = medianOf(remaps);
     row.stages.pyramid_ms = medianOf(pyramids);
     row.stages.blend_ms = medianOf(blends);
-    row.stages.pack_ms = medianOf(packs);
+    row.stages.finish_ms = medianOf(finishes);
     if (opencv) row.opencvMs = opencvFrameMs(calib, cameras, frames, session.outputView(), &row.opencvAgreementDb);
 }
 
@@ -149,7 +149,7 @@ int runBench(const BenchOptions& options)
     printf("path: %s, %d frames per rig, medians in ms\n", rows.empty() ? "none" : rows[0].path.c_str(),
            options.frames);
     printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s", "cams", "source", "panorama", "frame", "fps", "import",
-           "remap", "pyramid", "blend", "pack");
+           "remap", "pyramid", "blend", "finish");
     printf(options.opencv ? " %8s %7s %7s\n" : "\n", "opencv", "ratio", "same dB");
     nlohmann::json json = nlohmann::json::array();
     bool failed = false;
@@ -164,7 +164,7 @@ int runBench(const BenchOptions& options)
         const double fps = row.frameMs > 0 ? 1000.0 / row.frameMs : 0.0;
         printf("%-4d %-10s %-11s %8.2f %7.1f %8.2f %8.2f %8.2f %8.2f %8.2f", row.cameras, source.c_str(),
                pano.c_str(), row.frameMs, fps, row.stages.import_ms, row.stages.remap_ms, row.stages.pyramid_ms,
-               row.stages.blend_ms, row.stages.pack_ms);
+               row.stages.blend_ms, row.stages.finish_ms);
         if (options.opencv)
             printf(" %8.2f %7.2f %7.1f", row.opencvMs, row.frameMs / row.opencvMs, row.opencvAgreementDb);
         printf("\n");
@@ -177,7 +177,7 @@ int runBench(const BenchOptions& options)
                                 {"remap_ms", row.stages.remap_ms},
                                 {"pyramid_ms", row.stages.pyramid_ms},
                                 {"blend_ms", row.stages.blend_ms},
-                                {"pack_ms", row.stages.pack_ms},
+                                {"finish_ms", row.stages.finish_ms},
                                 {"gpu_timers", row.stages.gpu_timers}};
         if (options.opencv) {
             entry["opencv_ms"] = row.opencvMs;
