@@ -208,7 +208,7 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     t_displayUse.join();
     displayLock.unlock();
 
-    // Asks for window support although only a pbuffer is made; kept for compatibility.
+    // Asks for window support although only a pbuffer is made [kept:K8].
     EGLConfig config = chooseWindowConfig(dpy);
     if (config == nullptr) config = choosePbufferConfig(dpy);
 
