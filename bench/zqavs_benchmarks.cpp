@@ -1,4 +1,4 @@
-// Google Benchmark measurements of the CPU set-up work and of whole frames on the machine's
+// Google Benchmark measurements of set-up and of whole frames on the machine's
 // driver. Not part of the test suite: run build/bench/zqavs_benchmarks when measuring.
 #include <benchmark/benchmark.h>
 
@@ -6,12 +6,10 @@
 
 #include <cstdlib>
 #include <filesystem>
-#include <new>
 
-#include "gl_nv12_remap.h"
 #include "stitch_session.h"
 #include "zqavs_synth.h"
-#include "zqgfx_gpu_avs_internal.h"
+#include "zqgfx_gpu_avs.h"
 
 namespace {
 
@@ -23,50 +21,32 @@ zqavs_synth::RigConfig rigFor(int cameras)
     return rig;
 }
 
-// Triangle-strip generation of one 4096 x 720 panorama's worth of meshes.
-void BM_StripGeneration(benchmark::State& state)
+// Set-up from a calibration directory (parameter file, meshes, strip generation, shaders) and
+// tear-down, through the public entry points.
+void BM_InitFromFiles(benchmark::State& state)
 {
+    const zqavs_synth::RigConfig rig = rigFor(static_cast<int>(state.range(0)));
     zqavs_synth::Calibration calib;
     std::string error;
-    zqavs_synth::generateCalibration(rigFor(4), &calib, &error);
-    void* memory = calloc(1, sizeof(zqgfx_gpu_avs::ZQGL_Remap));
-    auto* remap = new (memory) zqgfx_gpu_avs::ZQGL_Remap();
-    std::vector<GLfloat> vertexes, texVertexes;
-    for (auto _ : state) {
-        for (const auto& camera : calib.meshes)
-            for (const auto& mesh : camera) {
-                const size_t floats = 2 * static_cast<size_t>(zqgfx_gpu_avs::stripVertexCount(mesh.width, mesh.height));
-                vertexes.resize(floats);
-                texVertexes.resize(floats);
-                remap->vertexesValuationStripNew(const_cast<float*>(mesh.x.data()), const_cast<float*>(mesh.y.data()),
-                                                 16, 16, mesh.width, mesh.height, 0, (mesh.width - 1) * 16,
-                                                 (mesh.height - 1) * 16, 1280, 720, vertexes.data(), texVertexes.data());
-                benchmark::DoNotOptimize(vertexes.data());
-            }
-    }
-    remap->~ZQGL_Remap();
-    free(memory);
-}
-BENCHMARK(BM_StripGeneration)->Unit(benchmark::kMicrosecond);
-
-void BM_ParameterFile(benchmark::State& state)
-{
-    zqavs_synth::Calibration calib;
-    std::string error;
-    zqavs_synth::generateCalibration(rigFor(8), &calib, &error);
     char dir[] = "/tmp/zqavs-bench-XXXXXX";
-    if (!mkdtemp(dir) || !zqavs_synth::writeCalibration(calib, dir, &error)) {
+    if (!zqavs_synth::generateCalibration(rig, &calib, &error) || !mkdtemp(dir) ||
+        !zqavs_synth::writeCalibration(calib, dir, &error)) {
         state.SkipWithError("cannot write the calibration");
         return;
     }
-    const std::string path = std::string(dir) + "/zq_ps_gpu_mesh_params.txt";
+    zqavs::StitchSetup setup;
+    setup.calibDir = dir;
+    setup.rig = rig;
     for (auto _ : state) {
-        PSR_INITPARAMS_T layout;
-        benchmark::DoNotOptimize(readTxtParamsAVS(path, &layout));
+        zqavs::StitchSession session;
+        if (!session.init(setup, &error)) {
+            state.SkipWithError(error.c_str());
+            break;
+        }
     }
     std::filesystem::remove_all(dir);
 }
-BENCHMARK(BM_ParameterFile)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_InitFromFiles)->Arg(4)->Unit(benchmark::kMillisecond);
 
 // One whole frame (import or upload, remap, pyramids, blend, write-back) of N 1280x720 cameras.
 void BM_StitchFrame(benchmark::State& state)

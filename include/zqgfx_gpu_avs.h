@@ -13,6 +13,13 @@
 #include <cstdint>
 #include <vector>
 
+// The entry points below are the library's only exported symbols.
+#if defined(ZQGFX_AVS_BUILDING_LIBRARY)
+#define ZQGFX_AVS_EXPORT __attribute__((visibility("default")))
+#else
+#define ZQGFX_AVS_EXPORT
+#endif
+
 typedef enum {
     ZQGFX_AVS_SUCCESS = 0,
     ZQGFX_AVS_INVALID_PARAM = 1,  // declared for callers; never returned
@@ -111,19 +118,35 @@ typedef struct PSR_REMAP_MESH_S {
     int meshyFd_;
 } PSR_REMAP_MESH;
 
+// Per-stage wall-clock times of one profiled frame, in milliseconds.
+typedef struct ZQGFX_AVS_STAGE_TIMES_S {
+    double import_ms;   // descriptor import / upload of the camera images
+    double remap_ms;    // non-overlap and overlap remap passes
+    double pyramid_ms;  // Gaussian pyramids of the blended seams
+    double blend_ms;    // blend passes into the output
+    double finish_ms;   // plane paths: read-back into the caller's buffer, or the wait for the GPU
+    bool gpu_timers;    // true when measured with GPU timer queries
+} ZQGFX_AVS_STAGE_TIMES_T;
+
 extern "C" {
-ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context);
-ZQGFX_AVS_STATUS ZQGFX_AVS_resize(void* context);
-ZQGFX_AVS_STATUS ZQGFX_AVS_AllProcess(void* context);
-ZQGFX_AVS_STATUS ZQGFX_AVS_update_mesh(void* context, PSR_REMAP_MESH* newMesh);
-void* ZQGFX_AVS_create_sync();
-ZQGFX_AVS_STATUS ZQGFX_AVS_wait_sync(void* gles_proceess_sync);
-ZQGFX_AVS_STATUS ZQGFX_AVS_deinit(void* context);
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context);
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_resize(void* context);
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_AllProcess(void* context);
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_update_mesh(void* context, PSR_REMAP_MESH* newMesh);
+ZQGFX_AVS_EXPORT void* ZQGFX_AVS_create_sync();
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_wait_sync(void* gles_proceess_sync);
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_deinit(void* context);
 
 // Which rendering path the calling thread's instance runs: "target" (dma-buf import and YUV
-// render targets), "portable" (plain GLES 3.1 with CPU-mapped buffers), or "none" before a
-// successful ZQGFX_AVS_init on this thread.
-const char* ZQGFX_AVS_get_path();
+// render targets), "planes" (dma-buf import of luma and chroma planes, zero-copy), "portable"
+// (plain GLES 3.1 with CPU-mapped buffers), or "none" before a successful ZQGFX_AVS_init on this
+// thread.
+ZQGFX_AVS_EXPORT const char* ZQGFX_AVS_get_path();
+
+// Profiling hook: runs one frame of the calling thread's instance like ZQGFX_AVS_AllProcess,
+// draining the GPU between stages to time each into `times`. Slower than a normal frame: for
+// benchmarks, not for production. ZQGFX_AVS_FAILED before init or without the frame's inputs.
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_profile_frame(void* context, ZQGFX_AVS_STAGE_TIMES_T* times);
 }
 
 #endif  // ZQGFX_GPU_AVS_H

@@ -46,8 +46,8 @@ bool mapOffsetOf(int device, uint32_t handle, uint64_t* offset)
     return true;
 }
 
-// Issued on the exported descriptor rather than the device, as it always has been; so it
-// normally fails and says so.
+// Issued on the exported descriptor rather than the device, so it normally fails and says so
+// [kept:K4].
 void destroyDumbOnExported(int exportedFd, uint32_t handle)
 {
     drm_mode_destroy_dumb destroy;
@@ -71,7 +71,7 @@ void* alloc_drm_buf(int* fd, int width, int height, int bpp)
         printf("failed to open %s\n", kDevicePath);
         return nullptr;
     }
-    // The device descriptor is left open on the two early failures below, as callers have seen.
+    // The device descriptor is left open on the two early failures below [kept:K5].
     drm_mode_create_dumb created;
     if (!createDumb(device, width, height, bpp, &created)) {
         printf("failed to create dumb buffer: %s\n", strerror(errno));
@@ -105,7 +105,7 @@ void* alloc_drm_buf(int* fd, int width, int height, int bpp)
 int munmap_drm_buf(void* start, int* memfd, size_t length)
 {
     if (munmap(start, length) != 0) {
-        // Prints the address of the caller's descriptor variable, as it always has.
+        // Prints the address of the caller's descriptor variable [kept:K6].
         printf("munmap viraddr=%p memfd=%d size=%zu failed!\n", start,
                static_cast<int>(reinterpret_cast<intptr_t>(memfd)), length);
         return 1;
@@ -132,7 +132,7 @@ int avs_alloc_buf(int* fd, void** virAddr, int width, int height, int bpp)
 
 int avs_free_buf(int* fd, void* virAddr, size_t size)
 {
-    // Size goes to a %d field, as callers have always read it. A null fd reads as -1.
+    // Size goes to a %d field; a null fd reads as -1 [kept:K7].
     const int descriptor = fd != nullptr ? *fd : -1;
     if (virAddr == nullptr || descriptor < 0) {
         printf("Invalid params: virAddr=%p fd=%d size=%d!\n", virAddr, descriptor, static_cast<int>(size));

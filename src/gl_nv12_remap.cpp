@@ -208,7 +208,7 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     t_displayUse.join();
     displayLock.unlock();
 
-    // Asks for window support although only a pbuffer is made; kept for compatibility.
+    // Asks for window support although only a pbuffer is made [kept:K8].
     EGLConfig config = chooseWindowConfig(dpy);
     if (config == nullptr) config = choosePbufferConfig(dpy);
 
@@ -398,7 +398,7 @@ void* ZQGL_Remap::gles_create_sync()
 {
     EglSyncProcs procs = lookupEglSyncProcs();
     EGLSyncKHR sync = procs.createSync ? procs.createSync(dpy, EGL_SYNC_FENCE_KHR, nullptr) : EGL_NO_SYNC_KHR;
-    // A plain fence, whatever the message says; callers match on this text.
+    // A plain fence, whatever the message says [kept:K12].
     if (sync == EGL_NO_SYNC_KHR) AVS_LOGE("failed to create EGL native fence sync");
     return sync;
 }
@@ -412,7 +412,7 @@ int ZQGL_Remap::gles_wait_sync(void* sync)
     }
     EGLint result = procs.clientWaitSync(dpy, sync, EGL_SYNC_FLUSH_COMMANDS_BIT_KHR, kFenceTimeoutNs);
     EGLint eglErr = eglGetError();
-    // A fence that timed out or failed stays alive: the caller has no call to release it.
+    // A fence that timed out or failed stays alive: the caller has no call to release it [kept:K13].
     if (result == EGL_TIMEOUT_EXPIRED_KHR) {
         AVS_LOGE("GLProcess: fence wait timed out");
         return 1;

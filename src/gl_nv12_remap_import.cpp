@@ -151,7 +151,7 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
 }
 
 // The importers report failure as 0xFFFFFFFF, which this test for 0 lets through: the slot then
-// records 0xFFFFFFFF and the frame goes on. Callers rely on that behaviour.
+// records 0xFFFFFFFF and the frame goes on [kept:K16].
 int ZQGL_Remap::importInputSlot(int cam, int slot, int fd, uint32_t inputIsAFBC)
 {
     const int src_width = _remap_init_params.src_width;

@@ -17,7 +17,7 @@ constexpr const char* kSetupFailed = "Could not set up graphics.\n";
 constexpr const char* kRenderFailed = "Could not render frame.\n";
 
 // How a pass reports a failed viewport or draw: as its own error line, or as a plain line on
-// standard error (the overlap pass and the older passes; callers match on both forms).
+// standard error (the overlap pass and the older passes) [kept:K11].
 struct PassReports {
     const char* pass;
     bool setupOnStderr;

@@ -26,7 +26,7 @@ struct StripNodes {
     double y(int r) const { return 2.0 * (static_cast<double>(step_y) * r / dst_height) - 1.0; }
 
     // x of the first vertex of an odd row: the quotient is taken in integers, so it only lands on
-    // x = 1 when the mesh spans the destination exactly; callers rely on this placement.
+    // x = 1 when the mesh spans the destination exactly [kept:K15].
     double oddRowTurnX() const
     {
         // A zero-width block has no quotient; the integer division would trap.

@@ -119,7 +119,7 @@ struct UniformLookup {
     const char* name;
 };
 
-// Each lookup is checked under the attribute lookup's name, as the engine always reported it.
+// Each lookup is checked under the attribute lookup's name [kept:K9].
 void lookUpUniforms(GLuint program, std::initializer_list<UniformLookup> lookups)
 {
     for (const UniformLookup& lookup : lookups) {

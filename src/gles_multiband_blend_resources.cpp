@@ -212,7 +212,7 @@ int zqglMultibandBlend::create_multi_fbo_and_texture(int camera_num, std::vector
 }
 
 // Level 2 of every colour pyramid is rendered into a shared buffer, the other levels into
-// GL-owned textures; callers that read level 2 from the CPU rely on that split.
+// GL-owned textures [kept:K14].
 int zqglMultibandBlend::createColourLevel(drmSharedFramebuffer& level, int index, int w, int h)
 {
     level.width = w;

@@ -216,7 +216,7 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context)
     AVS_LOGE("inputBufferFormat:0x%x,useMeshBufAddress=%d,numView=%d\n", ctx->inputBufferFormat,
              ctx->useMeshBufAddress, ctx->numView);
     AvsTimer timer;
-    // The failures below free nothing made so far: callers have always seen it so.
+    // The failures below free nothing made so far [kept:K1].
     if (init_coords_and_params(ctx) != 0) {
         AVS_LOGE("init_coords_and_params FAILED!");
         return ZQGFX_AVS_FAILED;
@@ -331,8 +331,14 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_deinit(void* /*context*/)
     delete state.multiband_resource;
     destroyZeroFilled(state.zqRemapInstance);
     destroyZeroFilled(state.zqMultibandBlendInstance);
-    // The thread's pointers keep their old values, as they always have.
+    // The thread's pointers keep their old values [kept:K2].
     return ZQGFX_AVS_SUCCESS;
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_profile_frame(void* context, ZQGFX_AVS_STAGE_TIMES_T* times)
+{
+    return avs_profile_frame(static_cast<ZQGFX_AVS_CONTEXT_T*>(context), times) == 0 ? ZQGFX_AVS_SUCCESS
+                                                                                     : ZQGFX_AVS_FAILED;
 }
 
 const char* ZQGFX_AVS_get_path()

@@ -8,7 +8,12 @@ WORK=$(mktemp -d /tmp/zqavs-install-test-XXXXXX)
 trap 'rm -rf "$WORK"' EXIT
 
 cmake --install "$BUILD" --prefix "$WORK/prefix" >/dev/null
-test -f "$WORK/prefix/include/zqgfx_gpu_avs.h"
+test "$(ls "$WORK/prefix/include")" = zqgfx_gpu_avs.h
+# The library exports its entry points and nothing else.
+if nm -D --defined-only "$WORK/prefix/lib/libzqgfx_avs.so" | grep -v ' ZQGFX_AVS_'; then
+    echo "libzqgfx_avs.so exports more than its entry points" >&2
+    exit 1
+fi
 test -L "$WORK/prefix/lib/libzqgfx_avs.so"
 readelf -d "$WORK/prefix/lib/libzqgfx_avs.so" | grep -q "SONAME.*libzqgfx_avs.so.1"
 

@@ -93,6 +93,7 @@ TEST_F(BlendPasses, GaussianPassReducesEachSideFromTheNeighbouringOverlapBlocks)
 
     std::vector<Draw> d = draws();
     ASSERT_EQ(d.size(), 8u);  // per seam, per side, levels 1 and 2
+    EXPECT_EQ(fakegl::countCalls("glClear"), d.size());  // each level cleared before its draw [kept:K3]
     for (int c = 0; c < 2; ++c) {
         GLuint base[] = {overlapTexture(c, 1), overlapTexture(1 - c, 0)};
         for (int side = 0; side < 2; ++side) {

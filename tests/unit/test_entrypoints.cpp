@@ -123,6 +123,8 @@ TEST_F(EntryPoints, NothingRunsWithoutAnInstanceOrAContext)
         EXPECT_EQ(ZQGFX_AVS_update_mesh(&context, &mesh), ZQGFX_AVS_FAILED);
         EXPECT_EQ(ZQGFX_AVS_create_sync(), nullptr);
         EXPECT_EQ(ZQGFX_AVS_wait_sync(nullptr), ZQGFX_AVS_FAILED);
+        ZQGFX_AVS_STAGE_TIMES_T times{};
+        EXPECT_EQ(ZQGFX_AVS_profile_frame(&context, &times), ZQGFX_AVS_FAILED);
     });
     EXPECT_TRUE(hasErrorLine(out, "ZQGFX_AVS_AllProcess", "no initialised instance on this thread, FAILED!")) << out;
     EXPECT_TRUE(fakegl::calls().empty());
@@ -192,9 +194,9 @@ TEST_F(EntryPoints, FileModeInstanceRunsFramesInOrderAndEndsAsTheCallerSynchroni
     }
     EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 5u);  // four cameras and the output, imported once
 
-    AvsStageTimes times;  // a profiled frame drains the GPU after each of its five stages
+    ZQGFX_AVS_STAGE_TIMES_T times;  // a profiled frame drains the GPU after each of its five stages
     const size_t finishes = fakegl::countCalls("glFinish");
-    EXPECT_EQ(avs_profile_frame(&context, &times), 0);
+    EXPECT_EQ(ZQGFX_AVS_profile_frame(&context, &times), ZQGFX_AVS_SUCCESS);
     EXPECT_EQ(fakegl::countCalls("glFinish") - finishes, 5u);
     EXPECT_EQ(ZQGFX_AVS_wait_sync(ZQGFX_AVS_create_sync()), ZQGFX_AVS_SUCCESS);
 

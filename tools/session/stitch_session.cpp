@@ -64,9 +64,9 @@ bool StitchSession::frame(double* ms, std::string* error)
     return true;
 }
 
-bool StitchSession::profileFrame(AvsStageTimes* times, std::string* error)
+bool StitchSession::profileFrame(ZQGFX_AVS_STAGE_TIMES_T* times, std::string* error)
 {
-    if (avs_profile_frame(&context_, times) != 0) {
+    if (ZQGFX_AVS_profile_frame(&context_, times) != ZQGFX_AVS_SUCCESS) {
         *error = "profiling a frame failed (see the library's lines above)";
         return false;
     }

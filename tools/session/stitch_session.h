@@ -9,7 +9,6 @@
 #include "frame_buffers.h"
 #include "zqavs_synth.h"
 #include "zqgfx_gpu_avs.h"
-#include "zqgfx_gpu_avs_internal.h"
 
 namespace zqavs {
 
@@ -34,7 +33,7 @@ public:
     bool frame(double* ms, std::string* error);
     bool resize(int width, int height, std::string* error);
     // One frame with the GPU drained between its stages, timing each.
-    bool profileFrame(AvsStageTimes* times, std::string* error);
+    bool profileFrame(ZQGFX_AVS_STAGE_TIMES_T* times, std::string* error);
     zqavs_synth::Nv12View outputView() const;
     ZQGFX_AVS_CONTEXT_T& context() { return context_; }
     int outputWidth() const { return panoramaWidth_; }

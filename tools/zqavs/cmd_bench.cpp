@@ -8,7 +8,7 @@
 #include "opencv_pipeline.h"
 #include "stitch_session.h"
 #include "tool_common.h"
-#include "zqgfx_gpu_avs_internal.h"
+#include "zqgfx_gpu_avs.h"
 
 namespace zqavs {
 namespace {
@@ -19,7 +19,7 @@ struct BenchRow {
     double frameMs = 0.0;
     double opencvMs = 0.0;  // the OpenCV pipeline on the same rig, when asked for
     double opencvAgreementDb = 0.0;  // PSNR of its luma against the library's
-    AvsStageTimes stages{};
+    ZQGFX_AVS_STAGE_TIMES_T stages{};
     std::string error;
     std::string path;  // rendering path the rig ran on
 };
@@ -88,7 +88,7 @@ void runRow(BenchRow& row, int frames, bool opencv)
         times.push_back(ms);
     }
     for (int f = 0; f < frames; ++f) {
-        AvsStageTimes stages{};
+        ZQGFX_AVS_STAGE_TIMES_T stages{};
         if (!session.profileFrame(&stages, &row.error)) return;
         imports.push_back(stages.import_ms);
         remaps.push_back(stages.remap_ms);

@@ -79,15 +79,7 @@ AvsThreadInstance avs_thread_instance();
 // The state itself, for the entry-point units.
 AvsThreadInstance& avs_thread_state();
 
-// Per-stage wall-clock times of one profiled frame, in milliseconds.
-struct AvsStageTimes {
-    double import_ms;   // descriptor import / upload of the camera images
-    double remap_ms;    // non-overlap and overlap remap passes
-    double pyramid_ms;  // Gaussian pyramids of the blended seams
-    double blend_ms;    // blend passes into the output
-    double finish_ms;   // plane paths: read-back into the caller's buffer, or the wait for the GPU
-    bool gpu_timers;    // true when measured with GPU timer queries
-};
+using AvsStageTimes = ZQGFX_AVS_STAGE_TIMES_T;
 // Runs one frame of the calling thread's instance like ZQGFX_AVS_AllProcess, draining the GPU
 // between stages to time each. 0 on success, -1 on failure. For benchmarks only.
 int avs_profile_frame(ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times);
