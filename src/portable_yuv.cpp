@@ -315,10 +315,9 @@ int PlaneIo::finishOutput(GLuint lumaFbo, const ColumnSpanList& spans)
         AVS_LOGE("no output planes for framebuffer %u", lumaFbo);
         return -1;
     }
-    if (zeroCopy) {
-        glFinish();
-        return 0;
-    }
+    // Zero-copy: the planes are the caller's buffer; the frame's end flushes or finishes as on the
+    // target path.
+    if (zeroCopy) return 0;
     return readBackSpans(*s, spans) ? 0 : -1;
 }
 

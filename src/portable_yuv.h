@@ -136,9 +136,8 @@ public:
     // The planes of the output whose luma framebuffer is `lumaFbo`; count 0 when none.
     OutputPlanes outputPlanesOf(GLuint lumaFbo) const;
     // Ends a frame on that output. Upload path: the columns of `spans` (chroma widened to even
-    // columns) go into the caller's buffer, other bytes keep their content. Zero-copy: the GPU is
-    // waited for, so the buffer holds the frame on return. 0, or -1 when no slot holds `lumaFbo`
-    // or the read-back fails.
+    // columns) go into the caller's buffer, other bytes keep their content. Zero-copy: nothing (the
+    // GPU writes the buffer itself). 0, or -1 when no slot holds `lumaFbo` or the read-back fails.
     int finishOutput(GLuint lumaFbo, const ColumnSpanList& spans);
 
     // Unmaps the slot's descriptor and deletes its GL objects.

@@ -210,6 +210,7 @@ TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
             drawViewport(programs[p], (w + d - 1) / d, (h + d - 1) / d);
         }
         EXPECT_EQ(io->finishOutput(lumaFbo, wholeWidth(w)), 0);
+        glFinish();  // as a frame without a fence ends
         return memfdContent(outFd, nv12.size());
     };
     expectImagesNear(drawCamera(), nv12, stride, 0, "planes");
