@@ -70,18 +70,53 @@ bool hasExtension(const char* extensions, const char* name)
     return false;
 }
 
+namespace {
+
+// Each way in and out of the GPU says why it cannot serve these capabilities (null: it can).
+const char* targetDeclines(const AvsGpuCaps& caps)
+{
+    if (!caps.has_EGL_EXT_image_dma_buf_import) return "no dma-buf import";
+    if (!caps.has_GL_EXT_YUV_target) return "no YUV render targets";
+    return nullptr;
+}
+
+const char* planesDecline(const AvsGpuCaps& caps)
+{
+    if (!caps.has_EGL_EXT_image_dma_buf_import) return "no dma-buf import";
+    if (!caps.imports_plane_images) return "the driver refused an R8 image of a memfd";
+    return nullptr;
+}
+
+const char* portableNeverDeclines(const AvsGpuCaps&)
+{
+    return nullptr;
+}
+
+struct PathCandidate {
+    GpuPath path;
+    const char* (*declines)(const AvsGpuCaps&);
+    const char* chosenBecause;
+};
+
+// In order of preference; the last one works on any GLES 3.1 driver.
+constexpr PathCandidate kPathCandidates[] = {
+    {GpuPath::target, targetDeclines, "dma-buf import and YUV render targets"},
+    {GpuPath::planes, planesDecline, "dma-buf import of R8/GR88 planes, no YUV render targets"},
+    {GpuPath::portable, portableNeverDeclines, "CPU mappings, uploads and read-back"},
+};
+
+}  // namespace
+
 void choosePath(AvsGpuCaps* caps)
 {
-    if (caps->has_EGL_EXT_image_dma_buf_import && caps->has_GL_EXT_YUV_target) {
-        caps->path = GpuPath::target;
-        caps->reason = "dma-buf import and YUV render targets";
-    } else if (caps->has_EGL_EXT_image_dma_buf_import && caps->imports_plane_images) {
-        caps->path = GpuPath::planes;
-        caps->reason = "dma-buf import of R8/GR88 planes, no YUV render targets";
-    } else {
-        caps->path = GpuPath::portable;
-        caps->reason = caps->has_EGL_EXT_image_dma_buf_import ? "the driver refused a plane image of a memfd"
-                                                                : "no dma-buf import";
+    for (const PathCandidate& candidate : kPathCandidates) {
+        if (const char* why = candidate.declines(*caps)) {
+            AVS_LOGD("path %s declined: %s", gpuPathName(candidate.path), why);
+            continue;
+        }
+        caps->path = candidate.path;
+        caps->reason = candidate.chosenBecause;
+        return;
     }
 }
 
