@@ -461,12 +461,12 @@ int ZQGL_Remap::finishOutputFrame()
     // read-back is synchronous, so a fenced frame has its bytes in place before the fence.
     ColumnSpanList spans;
     collectFrameColumns(_remap_init_params, blendResource, &spans);
-    return planeIo->finishOutput(framebuffer0, spans);
+    return planeIo->finishOutput(outputSlot, spans);
 }
 
 OutputPlanes ZQGL_Remap::outputPlanes() const
 {
-    return planeIo ? planeIo->outputPlanesOf(framebuffer0) : wholeYuvOutput(framebuffer0);
+    return planeIo ? planeIo->outputPlanes(outputSlot) : wholeYuvOutput(framebuffer0);
 }
 
 }  // namespace zqgfx_gpu_avs

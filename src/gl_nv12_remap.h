@@ -165,6 +165,9 @@ public:
 
     // Plane paths only (null on the target path): the plane textures and targets of every slot.
     PlaneIo* planeIo;
+    // Import slots of this frame: each camera's image, and the output.
+    std::vector<int> cameraSlots;
+    int outputSlot = -1;
     // Driver capabilities and the path chosen, detected by ZQ_EGL_Init.
     AvsGpuCaps caps;
     // The shared record given to glesRemapInit (not owned): the seam windows the frame blends.

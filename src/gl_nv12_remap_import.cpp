@@ -103,6 +103,7 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
     if (cache_input_fd[kImportSlotCount - 1] != 0) destroy_texture_and_fbo();
 
     textureID.resize(cam_num);
+    cameraSlots.resize(cam_num, -1);
     for (int cam = 0; cam <= cam_num; ++cam) {
         const int fd = inputImageFd[cam];
         if (fd < 1) {
@@ -124,9 +125,11 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
         if (cache_input_fd[i] == static_cast<GLuint>(fd)) {
             if (!isOutput) {
                 textureID[cam] = slot.texture_id;  // reused as imported, whatever the size now
+                cameraSlots[cam] = i;
                 if (refreshInputSlot(i) != 0) return -1;
             } else if (slot.width == bld_w && slot.height == bld_h) {
                 framebuffer0 = slot.fbo_id;
+                outputSlot = i;
             } else {
                 // The blend size changed: re-import into the same slot.
                 releaseImportSlot(i, true);
@@ -162,6 +165,7 @@ int ZQGL_Remap::importInputSlot(int cam, int slot, int fd, uint32_t inputIsAFBC)
     textureAndFboStatus& entry = create_texture_fbo_status[slot];
     entry.texture_id = tex;
     textureID[cam] = tex;
+    cameraSlots[cam] = slot;
     entry.width = src_width;
     entry.height = src_height;
     entry.fbo_id = 0;
@@ -184,6 +188,7 @@ int ZQGL_Remap::importOutputSlot(int slot, int fd, uint32_t outputIsAFBC)
     entry.height = bld_h;
     recordBufferIdentity(&entry, fd);
     framebuffer0 = fbo;
+    outputSlot = slot;
     return 0;
 }
 

@@ -187,7 +187,7 @@ int ZQGL_Remap::bindCameraTexture(int cam)
         return -1;
     }
     // Plane paths: the camera's luma and chroma textures stand in for the external image.
-    if (planeIo != nullptr) return planeIo->bindInputTextures(textureID[cam]) ? 0 : -1;
+    if (planeIo != nullptr) return planeIo->bindInput(cameraSlots[cam]) ? 0 : -1;
     glActiveTexture(GL_TEXTURE0);
     glBindTexture(GL_TEXTURE_EXTERNAL_OES, textureID[cam]);
     return checkGlError("glBindTexture") ? 0 : -1;

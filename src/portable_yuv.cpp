@@ -240,29 +240,20 @@ void PlaneIo::uploadInput(Slot& s)
     mapping.endCpuAccess();
 }
 
-const PlaneIo::Slot* PlaneIo::inputSlotOf(GLuint lumaTexture) const
+const PlaneIo::Slot* PlaneIo::slotHolding(int slot, Slot::Kind kind) const
 {
-    if (lumaTexture == 0) return nullptr;
-    for (const Slot& s : slots)
-        if (s.kind == Slot::Kind::input && s.luma.texture == lumaTexture) return &s;
-    return nullptr;
+    return validSlot(slot) && slots[slot].kind == kind ? &slots[slot] : nullptr;
 }
 
-bool PlaneIo::bindInputTextures(GLuint lumaTexture) const
+bool PlaneIo::bindInput(int slot) const
 {
-    const Slot* s = inputSlotOf(lumaTexture);
+    const Slot* s = slotHolding(slot, Slot::Kind::input);
     if (!s) return false;
     glActiveTexture(GL_TEXTURE0 + kPortableChromaUnit);
     glBindTexture(GL_TEXTURE_2D, s->chroma.texture);
     glActiveTexture(GL_TEXTURE0 + kPortableLumaUnit);
     glBindTexture(GL_TEXTURE_2D, s->luma.texture);
     return true;
-}
-
-GLuint PlaneIo::chromaTextureOf(GLuint lumaTexture) const
-{
-    const Slot* s = inputSlotOf(lumaTexture);
-    return s ? s->chroma.texture : 0;
 }
 
 // ---- output --------------------------------------------------------------------------------
@@ -293,32 +284,23 @@ GLuint PlaneIo::importOutput(int slot, int fd, int width, int height, int stride
     return s.luma.fbo;
 }
 
-PlaneIo::Slot* PlaneIo::outputSlotOf(GLuint lumaFbo)
+OutputPlanes PlaneIo::outputPlanes(int slot) const
 {
-    if (lumaFbo == 0) return nullptr;
-    for (Slot& s : slots)
-        if (s.kind == Slot::Kind::output && s.luma.fbo == lumaFbo) return &s;
-    return nullptr;
-}
-
-OutputPlanes PlaneIo::outputPlanesOf(GLuint lumaFbo) const
-{
-    const Slot* s = const_cast<PlaneIo*>(this)->outputSlotOf(lumaFbo);
+    const Slot* s = slotHolding(slot, Slot::Kind::output);
     if (!s) return OutputPlanes{0, {}};
     return OutputPlanes{2, {{s->luma.fbo, 1, 0}, {s->chroma.fbo, 2, 1}}};
 }
 
-int PlaneIo::finishOutput(GLuint lumaFbo, const ColumnSpanList& spans)
+int PlaneIo::finishOutput(int slot, const ColumnSpanList& spans)
 {
-    Slot* s = outputSlotOf(lumaFbo);
-    if (!s) {
-        AVS_LOGE("no output planes for framebuffer %u", lumaFbo);
+    if (!slotHolding(slot, Slot::Kind::output)) {
+        AVS_LOGE("import slot %d holds no output planes", slot);
         return -1;
     }
     // Zero-copy: the planes are the caller's buffer; the frame's end flushes or finishes as on the
     // target path.
     if (zeroCopy) return 0;
-    return readBackSpans(*s, spans) ? 0 : -1;
+    return readBackSpans(slots[slot], spans) ? 0 : -1;
 }
 
 // Each span's luma columns, and its chroma columns widened to whole CbCr pairs, read from the

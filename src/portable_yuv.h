@@ -124,21 +124,20 @@ public:
     // The upload path uploads the slot's current content again (every later frame); 0, or -1
     // for a slot that holds no input.
     int refreshInput(int slot);
-    // Binds a camera for a remap draw: luma on unit 0, chroma on unit 1; unit 0 stays active.
-    // False when no slot holds `lumaTexture`.
-    bool bindInputTextures(GLuint lumaTexture) const;
-    GLuint chromaTextureOf(GLuint lumaTexture) const;
+    // Binds the camera image of `slot` for a remap draw: luma on unit 0, chroma on unit 1; unit 0
+    // stays active. False when the slot holds no camera image.
+    bool bindInput(int slot) const;
 
     // Makes the luma and chroma render targets of the NV12 output of `fd` (rows of `stride`
     // bytes). Returns the luma framebuffer and writes its texture to `*lumaTexture`; 0 when
     // refused.
     GLuint importOutput(int slot, int fd, int width, int height, int stride, GLuint* lumaTexture);
-    // The planes of the output whose luma framebuffer is `lumaFbo`; count 0 when none.
-    OutputPlanes outputPlanesOf(GLuint lumaFbo) const;
-    // Ends a frame on that output. Upload path: the columns of `spans` (chroma widened to even
+    // The planes of the output in `slot`; count 0 when the slot holds no output.
+    OutputPlanes outputPlanes(int slot) const;
+    // Ends a frame on the output in `slot`. Upload path: the columns of `spans` (chroma widened to even
     // columns) go into the caller's buffer, other bytes keep their content. Zero-copy: nothing (the
-    // GPU writes the buffer itself). 0, or -1 when no slot holds `lumaFbo` or the read-back fails.
-    int finishOutput(GLuint lumaFbo, const ColumnSpanList& spans);
+    // GPU writes the buffer itself). 0, or -1 when the slot holds no output or the read-back fails.
+    int finishOutput(int slot, const ColumnSpanList& spans);
 
     // Unmaps the slot's descriptor and deletes its GL objects.
     void releaseSlot(int slot);
@@ -164,8 +163,7 @@ private:
     GLuint importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const;
     void uploadInput(Slot& s);
     bool readBackSpans(Slot& s, const ColumnSpanList& spans);
-    const Slot* inputSlotOf(GLuint lumaTexture) const;
-    Slot* outputSlotOf(GLuint lumaFbo);
+    const Slot* slotHolding(int slot, Slot::Kind kind) const;
 
     EGLDisplay display;
     bool zeroCopy;

@@ -194,7 +194,7 @@ TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
     GLuint lumaTarget = 0;
     GLuint lumaFbo = io->importOutput(4, outFd, w, h, stride, &lumaTarget);
     ASSERT_NE(lumaFbo, 0u);
-    const OutputPlanes planes = io->outputPlanesOf(lumaFbo);
+    const OutputPlanes planes = io->outputPlanes(4);
     ASSERT_EQ(planes.count, 2);
     const GLuint programs[2] = {buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderYUV),
                                 buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderChroma)};
@@ -203,13 +203,13 @@ TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
     auto drawCamera = [&] {
         for (int p = 0; p < 2; ++p) {
             glBindFramebuffer(GL_FRAMEBUFFER, planes.planes[p].fbo);
-            EXPECT_TRUE(io->bindInputTextures(luma));
+            EXPECT_TRUE(io->bindInput(3));
             glUseProgram(programs[p]);
             glUniform1i(glGetUniformLocation(programs[p], "outTexture"), 0);
             const int d = planes.planes[p].divisor;
             drawViewport(programs[p], (w + d - 1) / d, (h + d - 1) / d);
         }
-        EXPECT_EQ(io->finishOutput(lumaFbo, wholeWidth(w)), 0);
+        EXPECT_EQ(io->finishOutput(4, wholeWidth(w)), 0);
         glFinish();  // as a frame without a fence ends
         return memfdContent(outFd, nv12.size());
     };
@@ -222,7 +222,7 @@ TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
     expectImagesNear(drawCamera(), nv12, stride, 0, "new_content");
 
     io->releaseSlot(3);
-    EXPECT_FALSE(glIsTexture(luma) || io->bindInputTextures(luma));
+    EXPECT_FALSE(glIsTexture(luma) || io->bindInput(3));
     EXPECT_EQ(io->refreshInput(3), -1);
     for (GLuint program : programs) glDeleteProgram(program);
     close(inFd), close(outFd);
@@ -250,7 +250,7 @@ TEST_P(PortableYuv, ReadBackWritesOnlyCoveredColumns)
         glBindTexture(GL_TEXTURE_2D, lumaTexture);
         glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, w, h, GL_RED, GL_UNSIGNED_BYTE, luma.data());
         GLint chromaTexture = 0;
-        glBindFramebuffer(GL_FRAMEBUFFER, io->outputPlanesOf(lumaFbo).planes[1].fbo);
+        glBindFramebuffer(GL_FRAMEBUFFER, io->outputPlanes(0).planes[1].fbo);
         glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0,
                                               GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME, &chromaTexture);
         glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(chromaTexture));
@@ -261,7 +261,7 @@ TEST_P(PortableYuv, ReadBackWritesOnlyCoveredColumns)
         ColumnSpanList spans;
         const std::pair<int, int> ranges[] = {{3, 4}, {16, 10}, {5, 3}, {-5, 3}, {w + 2, 4}};
         for (auto [x, width] : ranges) spans.add(x, width);
-        ASSERT_EQ(io->finishOutput(lumaFbo, spans), 0);
+        ASSERT_EQ(io->finishOutput(0, spans), 0);
 
         auto covered = [&](int x) { return x < w && ((x >= 3 && x < 8) || x >= 16); };
         Bytes expected(bytes, sentinel);
@@ -276,7 +276,7 @@ TEST_P(PortableYuv, ReadBackWritesOnlyCoveredColumns)
 
         // Nothing covered: the buffer is left alone.
         ASSERT_EQ(pwrite(outFd, Bytes(bytes, sentinel).data(), bytes, 0), static_cast<ssize_t>(bytes));
-        EXPECT_EQ(io->finishOutput(lumaFbo, ColumnSpanList()), 0);
+        EXPECT_EQ(io->finishOutput(0, ColumnSpanList()), 0);
         EXPECT_EQ(memfdContent(outFd, bytes), Bytes(bytes, sentinel));
         io->releaseSlot(0);
         close(outFd);
