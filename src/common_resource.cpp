@@ -90,16 +90,6 @@ void setPlaneViewport(const OutputPlane& plane, int x, int y, int w, int h)
 
 // ---- EGL images --------------------------------------------------------------------------
 
-EglImageProcs lookupEglImageProcs()
-{
-    EglImageProcs procs;
-    procs.createImage = reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR"));
-    procs.destroyImage = reinterpret_cast<PFNEGLDESTROYIMAGEKHRPROC>(eglGetProcAddress("eglDestroyImageKHR"));
-    procs.imageTargetTexture2D =
-        reinterpret_cast<PFNGLEGLIMAGETARGETTEXTURE2DOESPROC>(eglGetProcAddress("glEGLImageTargetTexture2DOES"));
-    return procs;
-}
-
 EGLImageKHR createDmaBufImage(EGLDisplay dpy, const EglImageProcs& procs, const EglAttribList& attribs)
 {
     // Without all three entry points the image could be neither bound nor released.
@@ -153,7 +143,7 @@ struct FboImport {
 int importFbo(EGLDisplay dpy, const EglAttribList& attribs, GLuint* fbo_texture, const FboImport& how)
 {
     const char* fn = how.function;
-    EglImageProcs procs = lookupEglImageProcs();
+    const EglImageProcs& procs = eglImageProcs();
     EGLImageKHR img = createDmaBufImage(dpy, procs, attribs);
     if (img == EGL_NO_IMAGE_KHR) {
         if (how.noImageIsError)

@@ -101,14 +101,6 @@ EglAttribList r8ImageAttribs(int fd, int width, int height, int plane_offset);
 // One plane of a buffer as a single-plane image (e.g. DRM_FORMAT_R8 luma, DRM_FORMAT_GR88 chroma).
 EglAttribList planeImageAttribs(EGLint fourcc, int fd, int width, int height, int offset, int pitch);
 
-// The three EGL image entry points, looked up by name with eglGetProcAddress.
-struct EglImageProcs {
-    PFNEGLCREATEIMAGEKHRPROC createImage;
-    PFNEGLDESTROYIMAGEKHRPROC destroyImage;
-    PFNGLEGLIMAGETARGETTEXTURE2DOESPROC imageTargetTexture2D;
-};
-EglImageProcs lookupEglImageProcs();
-
 // eglCreateImageKHR(dpy, no context, EGL_LINUX_DMA_BUF_EXT, no buffer, attribs); EGL_NO_IMAGE_KHR
 // also when the driver lacks one of the three entry points.
 EGLImageKHR createDmaBufImage(EGLDisplay dpy, const EglImageProcs& procs, const EglAttribList& attribs);

@@ -101,22 +101,6 @@ void logRendererAndPath(const AvsGpuCaps& caps)
              version ? reinterpret_cast<const char*>(version) : "?", gpuPathName(caps.path));
 }
 
-struct EglSyncProcs {
-    PFNEGLCREATESYNCKHRPROC createSync;
-    PFNEGLCLIENTWAITSYNCKHRPROC clientWaitSync;
-    PFNEGLDESTROYSYNCKHRPROC destroySync;
-};
-
-// libEGL does not export the KHR fence entry points; ask the driver for them.
-EglSyncProcs lookupEglSyncProcs()
-{
-    EglSyncProcs procs;
-    procs.createSync = reinterpret_cast<PFNEGLCREATESYNCKHRPROC>(eglGetProcAddress("eglCreateSyncKHR"));
-    procs.clientWaitSync = reinterpret_cast<PFNEGLCLIENTWAITSYNCKHRPROC>(eglGetProcAddress("eglClientWaitSyncKHR"));
-    procs.destroySync = reinterpret_cast<PFNEGLDESTROYSYNCKHRPROC>(eglGetProcAddress("eglDestroySyncKHR"));
-    return procs;
-}
-
 // Instances on several threads share the process's display, and eglTerminate would end it for
 // all of them: the last instance to leave terminates it. An instance belongs to its thread, so a
 // thread counts once; one whose init failed keeps its place until its next init or its end.
@@ -240,13 +224,14 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     AVS_LOGD("Window dimensions: %d x %d\n", width, height);
 
     printGLString("Version", GL_VERSION);
-    caps = detectGpuCaps(dpy);
+    // Stored once, in the record both engines share.
+    resource->caps = detectGpuCaps(dpy);
+    const AvsGpuCaps& caps = resource->caps;
     logRendererAndPath(caps);
 
     resource->context = context;
     resource->dpy = dpy;
     resource->surface = surface;
-    resource->caps = caps;
 
     // On failure the programs already built are kept; de-initialisation deletes them.
     const RemapShaderTexts texts = remapShaderTexts(caps.drawsPlanes());
@@ -260,7 +245,7 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
         gProgramChroma = createProgram(texts.vertex, texts.yuvToChroma);
         if (gProgramChroma == 0) return 1;
     }
-    if (caps.drawsPlanes() && setUpPlaneIo() != 0) return 1;
+    if (setUpFrameIo(caps) != 0) return 1;
 
     cache_input_fd = static_cast<GLuint*>(malloc(kImportSlotCount * sizeof(GLuint)));
     if (cache_input_fd == nullptr) {
@@ -298,13 +283,9 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
         }
     }
 
-    if (planeIo != nullptr) {
-        // The plane slots' names, images and mappings are its own: released once, by it.
-        delete planeIo;
-        planeIo = nullptr;
-    } else {
-        for (const textureAndFboStatus& slot : create_texture_fbo_status) deleteImportSlotNames(slot);
-    }
+    for (int i = 0; i < static_cast<int>(create_texture_fbo_status.size()); ++i) frameIo().releaseSlot(i, false);
+    delete planeIo;
+    planeIo = nullptr;
 
     deleteCachedVbo();
     free(cache_input_fd);
@@ -396,7 +377,7 @@ int ZQGL_Remap::dumpFboPixels(int inWindowWidth, int inWindowHeight, int inSize,
 
 void* ZQGL_Remap::gles_create_sync()
 {
-    EglSyncProcs procs = lookupEglSyncProcs();
+    const EglSyncProcs& procs = eglSyncProcs();
     EGLSyncKHR sync = procs.createSync ? procs.createSync(dpy, EGL_SYNC_FENCE_KHR, nullptr) : EGL_NO_SYNC_KHR;
     // A plain fence, whatever the message says [kept:K12].
     if (sync == EGL_NO_SYNC_KHR) AVS_LOGE("failed to create EGL native fence sync");
@@ -405,7 +386,7 @@ void* ZQGL_Remap::gles_create_sync()
 
 int ZQGL_Remap::gles_wait_sync(void* sync)
 {
-    EglSyncProcs procs = lookupEglSyncProcs();
+    const EglSyncProcs& procs = eglSyncProcs();
     if (procs.clientWaitSync == nullptr || procs.destroySync == nullptr) {
         AVS_LOGE("GLProcess: the driver offers no EGL fences");
         return 1;
@@ -426,14 +407,27 @@ int ZQGL_Remap::gles_wait_sync(void* sync)
     return 0;
 }
 
-int ZQGL_Remap::setUpPlaneIo()
+int ZQGL_Remap::setUpFrameIo(const AvsGpuCaps& caps)
 {
+    if (!caps.drawsPlanes()) return 0;
     planeIo = new (std::nothrow) PlaneIo(dpy, caps.path == GpuPath::planes);
     if (planeIo == nullptr) {
         AVS_LOGE("no memory for the plane input and output slots");
         return -1;
     }
     return 0;
+}
+
+FrameIo& ZQGL_Remap::frameIo()
+{
+    if (planeIo) return *planeIo;
+    return yuvImageIo;
+}
+
+const FrameIo& ZQGL_Remap::frameIo() const
+{
+    if (planeIo) return *planeIo;
+    return yuvImageIo;
 }
 
 void collectFrameColumns(const PSR_INITPARAMS_T& layout, const multibandResource* seams, ColumnSpanList* spans)
@@ -455,18 +449,16 @@ void collectFrameColumns(const PSR_INITPARAMS_T& layout, const multibandResource
 
 int ZQGL_Remap::finishOutputFrame()
 {
-    // Target path: the GPU rendered straight into the caller's buffer.
-    if (planeIo == nullptr) return 0;
-    // Upload path: the planes go into the caller's mapping, only where this frame drew. The
-    // read-back is synchronous, so a fenced frame has its bytes in place before the fence.
+    // Only the upload path reads the spans back: synchronously, so that a fenced frame has its
+    // bytes in place before the fence.
     ColumnSpanList spans;
     collectFrameColumns(_remap_init_params, blendResource, &spans);
-    return planeIo->finishOutput(outputSlot, spans);
+    return frameIo().finishOutput(outputSlot, spans);
 }
 
 OutputPlanes ZQGL_Remap::outputPlanes() const
 {
-    return planeIo ? planeIo->outputPlanes(outputSlot) : wholeYuvOutput(framebuffer0);
+    return frameIo().outputPlanes(outputSlot, framebuffer0);
 }
 
 }  // namespace zqgfx_gpu_avs

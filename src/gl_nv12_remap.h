@@ -8,6 +8,7 @@
 
 #include "avs_calib_core.h"
 #include "common_resource.h"
+#include "frame_io.h"
 #include "zqgfx_gpu_avs.h"
 
 namespace zqgfx_gpu_avs {
@@ -48,6 +49,27 @@ bool layoutListsComplete(const PSR_INITPARAMS_T& layout);
 // block edges. 0, or -1 (with an error line) when the inputs cannot be scaled.
 int resizeLayout(const PSR_INITPARAMS_T& initial, const int* do_blend_array, int bld_w, int bld_h,
                  PSR_INITPARAMS_T* resized, multibandResource* resource);
+
+class ZQGL_Remap;
+
+// Target path: each NV12 buffer is one YUV image, sampled as an external texture and rendered
+// whole through a framebuffer; the engine's import table holds the names.
+class YuvImageIo final : public FrameIo {
+public:
+    explicit YuvImageIo(ZQGL_Remap& engine) : engine(engine) {}
+    GpuPath path() const override { return GpuPath::target; }
+    GLuint importInput(int slot, int fd, uint32_t isAfbc, int width, int height) override;
+    int refreshInput(int) override { return 0; }  // the image is the caller's buffer itself
+    bool bindInput(int slot, GLuint texture) const override;
+    GLuint importOutput(int slot, int fd, uint32_t isAfbc, int width, int height, int stride,
+                        GLuint* texture) override;
+    OutputPlanes outputPlanes(int, GLuint fbo) const override { return wholeYuvOutput(fbo); }
+    int finishOutput(int, const ColumnSpanList&) override { return 0; }  // the GPU wrote the buffer
+    void releaseSlot(int slot, bool textureFirst) override;
+
+private:
+    ZQGL_Remap& engine;
+};
 
 class ZQGL_Remap {
 public:
@@ -163,13 +185,16 @@ public:
     int const_blend_height;
     int const_blend_width;
 
-    // Plane paths only (null on the target path): the plane textures and targets of every slot.
+    // How frames get in and out: as YUV images, the target path's way, which needs nothing
+    // made, until ZQ_EGL_Init chooses a plane path and makes `planeIo`, which then owns what the
+    // slots hold.
+    FrameIo& frameIo();
+    const FrameIo& frameIo() const;
+    YuvImageIo yuvImageIo{*this};
     PlaneIo* planeIo;
     // Import slots of this frame: each camera's image, and the output.
     std::vector<int> cameraSlots;
     int outputSlot = -1;
-    // Driver capabilities and the path chosen, detected by ZQ_EGL_Init.
-    AvsGpuCaps caps;
     // The shared record given to glesRemapInit (not owned): the seam windows the frame blends.
     multibandResource* blendResource;
 
@@ -178,7 +203,7 @@ private:
     void releaseImportSlot(int slot, bool textureFirst);
     int refreshInputSlot(int slot);
     int refuseImport(int slot);
-    int setUpPlaneIo();
+    int setUpFrameIo(const AvsGpuCaps& caps);
 };
 
 }  // namespace zqgfx_gpu_avs

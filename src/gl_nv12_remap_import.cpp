@@ -15,12 +15,11 @@ namespace {
 
 constexpr GLuint kImportFailed = 0xFFFFFFFF;
 
-// AFBC images are compressed for the GPU alone: their planes can be neither mapped nor imported
-// one by one. Checked before any descriptor of the frame is looked at.
-bool planePathRefusesAfbc(const ZQGL_Remap& engine, uint32_t inputIsAFBC, uint32_t outputIsAFBC)
+// Checked before any descriptor of the frame is looked at.
+bool refusesAfbc(const FrameIo& io, uint32_t inputIsAFBC, uint32_t outputIsAFBC)
 {
-    if (engine.planeIo == nullptr) return false;
-    const char* path = gpuPathName(engine.caps.path);
+    if (io.takesAfbc()) return false;
+    const char* path = gpuPathName(io.path());
     if (inputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC input is not supported on the %s path", path);
     if (outputIsAFBC) AVS_LOGE_IN("create_texture_and_fbo", "AFBC output is not supported on the %s path", path);
     return inputIsAFBC || outputIsAFBC;
@@ -97,7 +96,7 @@ int ZQGL_Remap::create_texture_and_fbo(int* inputImageFd, uint32_t inputIsAFBC, 
         return -1;
     }
 
-    if (planePathRefusesAfbc(*this, inputIsAFBC, outputIsAFBC)) return -1;
+    if (refusesAfbc(frameIo(), inputIsAFBC, outputIsAFBC)) return -1;
 
     // The last slot in use: start the table afresh, which bounds the objects held.
     if (cache_input_fd[kImportSlotCount - 1] != 0) destroy_texture_and_fbo();
@@ -159,8 +158,7 @@ int ZQGL_Remap::importInputSlot(int cam, int slot, int fd, uint32_t inputIsAFBC)
 {
     const int src_width = _remap_init_params.src_width;
     const int src_height = _remap_init_params.src_height;
-    GLuint tex = planeIo ? planeIo->importInput(slot, fd, src_width, src_height)
-                            : create_egl_texture(dpy, inputIsAFBC, fd, src_width, src_height);
+    GLuint tex = frameIo().importInput(slot, fd, inputIsAFBC, src_width, src_height);
     if (tex == 0) return refuseImport(slot);
     textureAndFboStatus& entry = create_texture_fbo_status[slot];
     entry.texture_id = tex;
@@ -178,8 +176,7 @@ int ZQGL_Remap::importOutputSlot(int slot, int fd, uint32_t outputIsAFBC)
     const int bld_w = _remap_init_params.bld_width;
     const int bld_h = _remap_init_params.bld_height;
     const uint32_t stride = _remap_init_params.output_image_stride;
-    GLuint fbo = planeIo ? planeIo->importOutput(slot, fd, bld_w, bld_h, static_cast<int>(stride), &fbo_texture0)
-                            : create_fbo_output(dpy, outputIsAFBC, fd, bld_w, bld_h, stride, &fbo_texture0);
+    GLuint fbo = frameIo().importOutput(slot, fd, outputIsAFBC, bld_w, bld_h, static_cast<int>(stride), &fbo_texture0);
     if (fbo == 0) return refuseImport(slot);
     textureAndFboStatus& entry = create_texture_fbo_status[slot];
     entry.fbo_id = fbo;
@@ -195,7 +192,7 @@ int ZQGL_Remap::importOutputSlot(int slot, int fd, uint32_t outputIsAFBC)
 GLuint ZQGL_Remap::create_egl_texture(void* dpy, uint32_t is_afbc, int inputImgFd, int tex_width, int tex_height)
 {
     AVS_LOGD("enter ");
-    EglImageProcs procs = lookupEglImageProcs();
+    const EglImageProcs& procs = eglImageProcs();
     const int stride = alignTo16(tex_width);  // the height is used unaligned
     AVS_LOGD("avs-debug is_afbc=%d,inputImgFd=%d\n ", is_afbc, inputImgFd);
 
@@ -223,7 +220,7 @@ GLuint ZQGL_Remap::create_fbo_output(void* dpy, uint32_t is_afbc, int memfd, int
                                      GLuint* Gtexturefbo)
 {
     AVS_LOGD("enter ");
-    EglImageProcs procs = lookupEglImageProcs();
+    const EglImageProcs& procs = eglImageProcs();
     AVS_LOGD("avs-debug is_afbc=%d,inputfd=%d\n ", is_afbc, memfd);
 
     // The caller's stride is taken as it is: the output buffer's pitch is the caller's to choose.
@@ -264,10 +261,8 @@ GLuint ZQGL_Remap::create_fbo_output(void* dpy, uint32_t is_afbc, int memfd, int
 // whole): the slot is freed again so that a later frame can retry the descriptor.
 int ZQGL_Remap::refuseImport(int slot)
 {
-    if (planeIo != nullptr) {
-        cache_input_fd[slot] = 0;
-        create_texture_fbo_status[slot] = textureAndFboStatus{0, 0, 0, 0};
-    }
+    cache_input_fd[slot] = 0;
+    create_texture_fbo_status[slot] = textureAndFboStatus{0, 0, 0, 0};
     return -1;
 }
 
@@ -275,19 +270,41 @@ int ZQGL_Remap::refuseImport(int slot)
 // current content.
 int ZQGL_Remap::refreshInputSlot(int slot)
 {
-    if (planeIo == nullptr || planeIo->refreshInput(slot) == 0) return 0;
+    if (frameIo().refreshInput(slot) == 0) return 0;
     AVS_LOGE_IN("create_texture_and_fbo", "input fd %d of slot %d holds no camera image",
                 static_cast<int>(cache_input_fd[slot]), slot);
     return -1;
 }
 
-// On the target path a rebuilt output goes texture first, a flushed table framebuffer first.
 void ZQGL_Remap::releaseImportSlot(int slot, bool textureFirst)
 {
-    const textureAndFboStatus& entry = create_texture_fbo_status[slot];
-    if (planeIo != nullptr) {
-        planeIo->releaseSlot(slot);
-    } else if (textureFirst) {
+    frameIo().releaseSlot(slot, textureFirst);
+}
+
+// ---- YUV images ------------------------------------------------------------------------------
+
+GLuint YuvImageIo::importInput(int, int fd, uint32_t isAfbc, int width, int height)
+{
+    return engine.create_egl_texture(engine.dpy, isAfbc, fd, width, height);
+}
+
+bool YuvImageIo::bindInput(int, GLuint texture) const
+{
+    glActiveTexture(GL_TEXTURE0);
+    glBindTexture(GL_TEXTURE_EXTERNAL_OES, texture);
+    return checkGlError("glBindTexture");
+}
+
+GLuint YuvImageIo::importOutput(int, int fd, uint32_t isAfbc, int width, int height, int stride, GLuint* texture)
+{
+    return engine.create_fbo_output(engine.dpy, isAfbc, fd, width, height, static_cast<uint32_t>(stride), texture);
+}
+
+// A rebuilt output goes texture first, a flushed table framebuffer first.
+void YuvImageIo::releaseSlot(int slot, bool textureFirst)
+{
+    const textureAndFboStatus& entry = engine.create_texture_fbo_status[slot];
+    if (textureFirst) {
         glDeleteTextures(1, &entry.texture_id);
         glDeleteFramebuffers(1, &entry.fbo_id);
     } else {

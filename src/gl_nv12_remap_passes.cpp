@@ -186,11 +186,8 @@ int ZQGL_Remap::bindCameraTexture(int cam)
         AVS_LOGE("no image imported for camera %d", cam);
         return -1;
     }
-    // Plane paths: the camera's luma and chroma textures stand in for the external image.
-    if (planeIo != nullptr) return planeIo->bindInput(cameraSlots[cam]) ? 0 : -1;
-    glActiveTexture(GL_TEXTURE0);
-    glBindTexture(GL_TEXTURE_EXTERNAL_OES, textureID[cam]);
-    return checkGlError("glBindTexture") ? 0 : -1;
+    const int slot = cam < static_cast<int>(cameraSlots.size()) ? cameraSlots[cam] : -1;
+    return frameIo().bindInput(slot, textureID[cam]) ? 0 : -1;
 }
 
 int ZQGL_Remap::glesRemapNonoverlapNew()

@@ -491,7 +491,7 @@ GLuint zqglMultibandBlend::create_alpha_texture(EGLDisplay dpy, int tex_fd, int 
                                                 int plane_offset)
 {
     if (tex_fd <= 0) AVS_LOGE("avs-debug input tex_fd=%d, is illegal!", tex_fd);
-    EglImageProcs procs = lookupEglImageProcs();
+    const EglImageProcs& procs = eglImageProcs();
     EGLImageKHR img = createDmaBufImage(dpy, procs, r8ImageAttribs(tex_fd, tex_width, tex_height, plane_offset));
     if (img == EGL_NO_IMAGE_KHR) {
         AVS_LOGE("avs-debug eglCreateImageKHR NULL! fd=%d width=%d,height=%d, plane_offset=%d", tex_fd, tex_width,

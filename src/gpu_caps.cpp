@@ -21,7 +21,7 @@ bool probePlaneImport(EGLDisplay dpy)
     int fd = memfd_create("zqavs-probe", MFD_CLOEXEC);
     if (fd < 0) return false;
     bool ok = ftruncate(fd, kPitch * kHeight) == 0;
-    EglImageProcs procs = lookupEglImageProcs();
+    const EglImageProcs& procs = eglImageProcs();
     EGLImageKHR image = ok ? createDmaBufImage(dpy, procs, planeImageAttribs(kFourccR8, fd, kWidth, kHeight, 0, kPitch))
                            : EGL_NO_IMAGE_KHR;
     ok = image != EGL_NO_IMAGE_KHR;
@@ -106,6 +106,26 @@ constexpr PathCandidate kPathCandidates[] = {
 };
 
 }  // namespace
+
+const EglImageProcs& eglImageProcs()
+{
+    static const EglImageProcs procs{
+        reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR")),
+        reinterpret_cast<PFNEGLDESTROYIMAGEKHRPROC>(eglGetProcAddress("eglDestroyImageKHR")),
+        reinterpret_cast<PFNGLEGLIMAGETARGETTEXTURE2DOESPROC>(eglGetProcAddress("glEGLImageTargetTexture2DOES")),
+    };
+    return procs;
+}
+
+const EglSyncProcs& eglSyncProcs()
+{
+    static const EglSyncProcs procs{
+        reinterpret_cast<PFNEGLCREATESYNCKHRPROC>(eglGetProcAddress("eglCreateSyncKHR")),
+        reinterpret_cast<PFNEGLCLIENTWAITSYNCKHRPROC>(eglGetProcAddress("eglClientWaitSyncKHR")),
+        reinterpret_cast<PFNEGLDESTROYSYNCKHRPROC>(eglGetProcAddress("eglDestroySyncKHR")),
+    };
+    return procs;
+}
 
 void choosePath(AvsGpuCaps* caps)
 {

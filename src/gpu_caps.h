@@ -4,6 +4,9 @@
 #define ZQGFX_AVS_GPU_CAPS_H
 
 #include <EGL/egl.h>
+#include <EGL/eglext.h>
+#include <GLES3/gl31.h>
+#include <GLES2/gl2ext.h>
 
 namespace zqgfx_gpu_avs {
 
@@ -31,6 +34,22 @@ struct AvsGpuCaps {
     // Every path but the target one draws the NV12 planes separately.
     bool drawsPlanes() const { return path != GpuPath::target; }
 };
+
+// The image and fence entry points, which libEGL does not export: looked up by name once per
+// process (glvnd hands out the same dispatch entries to every display). Null where the driver
+// lacks one.
+struct EglImageProcs {
+    PFNEGLCREATEIMAGEKHRPROC createImage;
+    PFNEGLDESTROYIMAGEKHRPROC destroyImage;
+    PFNGLEGLIMAGETARGETTEXTURE2DOESPROC imageTargetTexture2D;
+};
+struct EglSyncProcs {
+    PFNEGLCREATESYNCKHRPROC createSync;
+    PFNEGLCLIENTWAITSYNCKHRPROC clientWaitSync;
+    PFNEGLDESTROYSYNCKHRPROC destroySync;
+};
+const EglImageProcs& eglImageProcs();
+const EglSyncProcs& eglSyncProcs();
 
 // True when `name` is one of the blank-separated words of `extensions` (null-safe).
 bool hasExtension(const char* extensions, const char* name);

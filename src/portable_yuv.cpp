@@ -157,7 +157,7 @@ PlaneIo::~PlaneIo()
 
 GLuint PlaneIo::importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const
 {
-    EglImageProcs procs = lookupEglImageProcs();
+    const EglImageProcs& procs = eglImageProcs();
     EGLImageKHR image = createDmaBufImage(display, procs, planeImageAttribs(fourcc, fd, width, height, offset, pitch));
     if (image == EGL_NO_IMAGE_KHR) {
         AVS_LOGE("descriptor %d: plane image %dx%d at offset %d refused (0x%x)", fd, width, height, offset,
@@ -191,13 +191,13 @@ bool PlaneIo::makePlaneTextures(Slot& s, int fd)
 
 // ---- inputs --------------------------------------------------------------------------------
 
-GLuint PlaneIo::importInput(int slot, int fd, int width, int height)
+GLuint PlaneIo::importInput(int slot, int fd, uint32_t, int width, int height)
 {
     if (!validSlot(slot) || width <= 0 || height <= 0) {
         AVS_LOGE("import of descriptor %d refused: slot %d, size %dx%d", fd, slot, width, height);
         return 0;
     }
-    releaseSlot(slot);
+    releaseSlot(slot, false);
     Slot& s = slots[slot];
     s.width = width;
     s.height = height;
@@ -206,7 +206,7 @@ GLuint PlaneIo::importInput(int slot, int fd, int width, int height)
     const bool reachable = zeroCopy ? descriptorHolds(fd, bytes) : s.mapping.map(fd, bytes, false);
     s.kind = Slot::Kind::input;
     if (!reachable || !makePlaneTextures(s, fd)) {
-        releaseSlot(slot);
+        releaseSlot(slot, false);
         return 0;
     }
     if (!zeroCopy) uploadInput(s);
@@ -245,7 +245,7 @@ const PlaneIo::Slot* PlaneIo::slotHolding(int slot, Slot::Kind kind) const
     return validSlot(slot) && slots[slot].kind == kind ? &slots[slot] : nullptr;
 }
 
-bool PlaneIo::bindInput(int slot) const
+bool PlaneIo::bindInput(int slot, GLuint) const
 {
     const Slot* s = slotHolding(slot, Slot::Kind::input);
     if (!s) return false;
@@ -258,13 +258,13 @@ bool PlaneIo::bindInput(int slot) const
 
 // ---- output --------------------------------------------------------------------------------
 
-GLuint PlaneIo::importOutput(int slot, int fd, int width, int height, int stride, GLuint* lumaTexture)
+GLuint PlaneIo::importOutput(int slot, int fd, uint32_t, int width, int height, int stride, GLuint* lumaTexture)
 {
     if (!validSlot(slot) || width <= 0 || height <= 0 || stride < width || !lumaTexture) {
         AVS_LOGE("output descriptor %d refused: slot %d, size %dx%d, stride %d", fd, slot, width, height, stride);
         return 0;
     }
-    releaseSlot(slot);
+    releaseSlot(slot, false);
     Slot& s = slots[slot];
     s.width = width;
     s.height = height;
@@ -277,14 +277,14 @@ GLuint PlaneIo::importOutput(int slot, int fd, int width, int height, int stride
     made = made && attachFramebuffer(s.chroma.texture, &s.chroma.fbo);
     if (!made) {
         AVS_LOGE("output planes %dx%d of descriptor %d could not be made", width, height, fd);
-        releaseSlot(slot);
+        releaseSlot(slot, false);
         return 0;
     }
     *lumaTexture = s.luma.texture;
     return s.luma.fbo;
 }
 
-OutputPlanes PlaneIo::outputPlanes(int slot) const
+OutputPlanes PlaneIo::outputPlanes(int slot, GLuint) const
 {
     const Slot* s = slotHolding(slot, Slot::Kind::output);
     if (!s) return OutputPlanes{0, {}};
@@ -352,7 +352,7 @@ bool PlaneIo::readBackSpans(Slot& s, const ColumnSpanList& spans)
 
 // ---- slot release --------------------------------------------------------------------------
 
-void PlaneIo::releaseSlot(int slot)
+void PlaneIo::releaseSlot(int slot, bool)
 {
     if (!validSlot(slot)) return;
     Slot& s = slots[slot];
@@ -368,7 +368,7 @@ void PlaneIo::releaseSlot(int slot)
 
 void PlaneIo::releaseAllSlots()
 {
-    for (int i = 0; i < kImportSlotCount; ++i) releaseSlot(i);
+    for (int i = 0; i < kImportSlotCount; ++i) releaseSlot(i, false);
 }
 
 }  // namespace zqgfx_gpu_avs

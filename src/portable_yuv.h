@@ -15,6 +15,7 @@
 #include <cstdint>
 
 #include "common_resource.h"
+#include "frame_io.h"
 #include "gl_nv12_remap.h"
 
 namespace zqgfx_gpu_avs {
@@ -109,38 +110,42 @@ constexpr int kPortableLumaUnit = 0;
 constexpr int kPortableChromaUnit = 1;
 
 // Plane inputs and output of one remap engine, per slot of the engine's import table. All
-// methods need the engine's context current; slot indices are those of the engine's table.
-class PlaneIo {
+// methods need the engine's context current; slot indices are those of the engine's table, and
+// the names the table records are not needed: the slot says it all.
+class PlaneIo final : public FrameIo {
 public:
     // `zeroCopy`: import planes as EGL images of `dpy`; otherwise map, upload and read back.
     PlaneIo(EGLDisplay dpy, bool zeroCopy) : display(dpy), zeroCopy(zeroCopy) {}
-    ~PlaneIo();
+    ~PlaneIo() override;
     PlaneIo(const PlaneIo&) = delete;
     PlaneIo& operator=(const PlaneIo&) = delete;
 
+    GpuPath path() const override { return zeroCopy ? GpuPath::planes : GpuPath::portable; }
+
     // Makes the luma and chroma textures of the NV12 image of `fd` (pitch: width rounded up to
     // 16). Returns the luma texture, 0 when refused.
-    GLuint importInput(int slot, int fd, int width, int height);
+    GLuint importInput(int slot, int fd, uint32_t isAfbc, int width, int height) override;
     // The upload path uploads the slot's current content again (every later frame); 0, or -1
     // for a slot that holds no input.
-    int refreshInput(int slot);
+    int refreshInput(int slot) override;
     // Binds the camera image of `slot` for a remap draw: luma on unit 0, chroma on unit 1; unit 0
     // stays active. False when the slot holds no camera image.
-    bool bindInput(int slot) const;
+    bool bindInput(int slot, GLuint texture) const override;
 
     // Makes the luma and chroma render targets of the NV12 output of `fd` (rows of `stride`
     // bytes). Returns the luma framebuffer and writes its texture to `*lumaTexture`; 0 when
     // refused.
-    GLuint importOutput(int slot, int fd, int width, int height, int stride, GLuint* lumaTexture);
+    GLuint importOutput(int slot, int fd, uint32_t isAfbc, int width, int height, int stride,
+                        GLuint* lumaTexture) override;
     // The planes of the output in `slot`; count 0 when the slot holds no output.
-    OutputPlanes outputPlanes(int slot) const;
+    OutputPlanes outputPlanes(int slot, GLuint fbo) const override;
     // Ends a frame on the output in `slot`. Upload path: the columns of `spans` (chroma widened to even
     // columns) go into the caller's buffer, other bytes keep their content. Zero-copy: nothing (the
     // GPU writes the buffer itself). 0, or -1 when the slot holds no output or the read-back fails.
-    int finishOutput(int slot, const ColumnSpanList& spans);
+    int finishOutput(int slot, const ColumnSpanList& spans) override;
 
-    // Unmaps the slot's descriptor and deletes its GL objects.
-    void releaseSlot(int slot);
+    // Unmaps the slot's descriptor and deletes its GL objects, in one order whatever `textureFirst`.
+    void releaseSlot(int slot, bool textureFirst) override;
     void releaseAllSlots();
 
 private:

@@ -189,12 +189,12 @@ TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
         }
     }
     int inFd = memfdWith(nv12), outFd = memfdWith(Bytes(nv12.size(), 0xAB));
-    GLuint luma = io->importInput(3, inFd, w, h);
+    GLuint luma = io->importInput(3, inFd, 0, w, h);
     ASSERT_NE(luma, 0u);
     GLuint lumaTarget = 0;
-    GLuint lumaFbo = io->importOutput(4, outFd, w, h, stride, &lumaTarget);
+    GLuint lumaFbo = io->importOutput(4, outFd, 0, w, h, stride, &lumaTarget);
     ASSERT_NE(lumaFbo, 0u);
-    const OutputPlanes planes = io->outputPlanes(4);
+    const OutputPlanes planes = io->outputPlanes(4, lumaFbo);
     ASSERT_EQ(planes.count, 2);
     const GLuint programs[2] = {buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderYUV),
                                 buildProgram(gRemapVertexShader, gPortableRemapFragmentShaderChroma)};
@@ -203,7 +203,7 @@ TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
     auto drawCamera = [&] {
         for (int p = 0; p < 2; ++p) {
             glBindFramebuffer(GL_FRAMEBUFFER, planes.planes[p].fbo);
-            EXPECT_TRUE(io->bindInput(3));
+            EXPECT_TRUE(io->bindInput(3, luma));
             glUseProgram(programs[p]);
             glUniform1i(glGetUniformLocation(programs[p], "outTexture"), 0);
             const int d = planes.planes[p].divisor;
@@ -221,8 +221,8 @@ TEST_P(PortableYuv, CameraDrawnIntoBothPlanesKeepsSamplesAndFollowsNewContent)
     EXPECT_EQ(io->refreshInput(3), 0);
     expectImagesNear(drawCamera(), nv12, stride, 0, "new_content");
 
-    io->releaseSlot(3);
-    EXPECT_FALSE(glIsTexture(luma) || io->bindInput(3));
+    io->releaseSlot(3, false);
+    EXPECT_FALSE(glIsTexture(luma) || io->bindInput(3, luma));
     EXPECT_EQ(io->refreshInput(3), -1);
     for (GLuint program : programs) glDeleteProgram(program);
     close(inFd), close(outFd);
@@ -240,7 +240,7 @@ TEST_P(PortableYuv, ReadBackWritesOnlyCoveredColumns)
         const size_t bytes = nv12ImageBytes(stride, h);
         int outFd = memfdWith(Bytes(bytes, sentinel));
         GLuint lumaTexture = 0;
-        GLuint lumaFbo = io->importOutput(0, outFd, w, h, stride, &lumaTexture);
+        GLuint lumaFbo = io->importOutput(0, outFd, 0, w, h, stride, &lumaTexture);
         ASSERT_NE(lumaFbo, 0u);
         const int cw = (w + 1) / 2, ch = (h + 1) / 2;
         Bytes luma(w * h), chroma(cw * ch * 2);
@@ -250,7 +250,7 @@ TEST_P(PortableYuv, ReadBackWritesOnlyCoveredColumns)
         glBindTexture(GL_TEXTURE_2D, lumaTexture);
         glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, w, h, GL_RED, GL_UNSIGNED_BYTE, luma.data());
         GLint chromaTexture = 0;
-        glBindFramebuffer(GL_FRAMEBUFFER, io->outputPlanes(0).planes[1].fbo);
+        glBindFramebuffer(GL_FRAMEBUFFER, io->outputPlanes(0, lumaFbo).planes[1].fbo);
         glGetFramebufferAttachmentParameteriv(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0,
                                               GL_FRAMEBUFFER_ATTACHMENT_OBJECT_NAME, &chromaTexture);
         glBindTexture(GL_TEXTURE_2D, static_cast<GLuint>(chromaTexture));
@@ -278,7 +278,7 @@ TEST_P(PortableYuv, ReadBackWritesOnlyCoveredColumns)
         ASSERT_EQ(pwrite(outFd, Bytes(bytes, sentinel).data(), bytes, 0), static_cast<ssize_t>(bytes));
         EXPECT_EQ(io->finishOutput(0, ColumnSpanList()), 0);
         EXPECT_EQ(memfdContent(outFd, bytes), Bytes(bytes, sentinel));
-        io->releaseSlot(0);
+        io->releaseSlot(0, false);
         close(outFd);
     }
 }
@@ -329,13 +329,13 @@ TEST_P(PortableYuv, RefusesDescriptorsItCannotReachWhole)
         EXPECT_NE(out.find("descriptor " + std::to_string(fd) + " "), std::string::npos) << out;
         return out;
     };
-    std::string shortLine = expectRefusalNaming(shortFd, [&] { return io->importInput(0, shortFd, w, h); });
+    std::string shortLine = expectRefusalNaming(shortFd, [&] { return io->importInput(0, shortFd, 0, w, h); });
     EXPECT_NE(shortLine.find(std::to_string(needed)), std::string::npos) << shortLine;
-    expectRefusalNaming(shortFd, [&] { return io->importOutput(1, shortFd, w, h, 32, &lumaTexture); });
-    expectRefusalNaming(pipeFds[0], [&] { return io->importInput(2, pipeFds[0], w, h); });
-    expectRefusalNaming(pipeFds[1], [&] { return io->importOutput(3, pipeFds[1], w, h, 32, &lumaTexture); });
+    expectRefusalNaming(shortFd, [&] { return io->importOutput(1, shortFd, 0, w, h, 32, &lumaTexture); });
+    expectRefusalNaming(pipeFds[0], [&] { return io->importInput(2, pipeFds[0], 0, w, h); });
+    expectRefusalNaming(pipeFds[1], [&] { return io->importOutput(3, pipeFds[1], 0, w, h, 32, &lumaTexture); });
     // Output rows shorter than the image.
-    expectRefusalNaming(wholeFd, [&] { return io->importOutput(4, wholeFd, w, h, 16, &lumaTexture); });
+    expectRefusalNaming(wholeFd, [&] { return io->importOutput(4, wholeFd, 0, w, h, 16, &lumaTexture); });
     EXPECT_EQ(io->refreshInput(0), -1);
     EXPECT_EQ(io->refreshInput(2), -1);
     for (int fd : {shortFd, wholeFd, pipeFds[0], pipeFds[1]}) close(fd);

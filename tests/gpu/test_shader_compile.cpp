@@ -75,7 +75,7 @@ TEST_F(RealDriver, YuvTextsBuildExactlyWhenTheDriverOffersYuvTargets)
         testing::internal::CaptureStderr();
         GLuint shader = engine->loadShader(GL_FRAGMENT_SHADER, text);
         std::string log = testing::internal::GetCapturedStderr();
-        if (engine->caps.has_GL_EXT_YUV_target) {
+        if (resource.caps.has_GL_EXT_YUV_target) {
             EXPECT_NE(shader, 0u) << log;
         } else {  // refused, and reported with the driver's log
             EXPECT_EQ(shader, 0u);
