@@ -2,6 +2,23 @@
 #ifndef ZQGFX_AVS_SHADER_TEXTS_H
 #define ZQGFX_AVS_SHADER_TEXTS_H
 
+// The blend level texts of both paths are built from these. One Laplacian level: the _n1 textures are half size, so sampling them bilinearly at the same
+// normalised coordinate is the pyramid's expand step.
+#define AVS_GLSL_BLEND_LEVEL_DECLARATIONS        \
+    "uniform sampler2D texGaussA_n0;\n"       \
+    "uniform sampler2D texGaussB_n0;\n"       \
+    "uniform sampler2D texGaussA_n1;\n"       \
+    "uniform sampler2D texGaussB_n1;\n"       \
+    "uniform sampler2D texResult_n1;\n"       \
+    "uniform sampler2D texAlpha;\n"           \
+    "in vec2 outTexCoords;\n"                 \
+    "out vec4 FragColor;\n"
+#define AVS_GLSL_BLEND_LEVEL_LAPLACIANS                                                                    \
+    "    float alpha = texture(texAlpha, outTexCoords).r;\n"                                            \
+    "    vec4 laplacA = (texture(texGaussA_n0, outTexCoords) - texture(texGaussA_n1, outTexCoords)) * alpha;\n" \
+    "    vec4 laplacB = (texture(texGaussB_n0, outTexCoords) - texture(texGaussB_n1, outTexCoords))"    \
+    " * (1.0 - alpha);\n"
+
 namespace zqgfx_gpu_avs {
 
 // Remap engine (src/gl_nv12_remap*.cpp). The two YUV-sampling texts and the RGB-to-YUV text need
@@ -18,9 +35,10 @@ extern const char* const gFragmentShader_lowest;
 extern const char* const gFragmentShader_blend;
 extern const char* const gFragmentShader_blendYUV;
 
-// Portable path (src/portable_yuv_shaders.cpp): the same programs without GL_EXT_YUV_target. Camera
+// Plane paths (src/portable_yuv_shaders.cpp): the same programs without GL_EXT_YUV_target. Camera
 // images arrive as a luma texture (`outTexture`, unit 0) and a chroma texture (`outTextureUV`,
-// unit 1); YUV targets are RGBA8 canvases holding (Y, Cb, Cr, 1). BT.601 full range in shader code.
+// unit 1); YUV output goes into an R8 luma or an RG8 chroma target, one program per plane.
+// BT.601 full range in shader code.
 extern const char* const gPortableRemapFragmentShaderYUV;
 extern const char* const gPortableRemapFragmentShaderRGB;
 extern const char* const gPortableRemapFragmentShaderRGBtoYUV;

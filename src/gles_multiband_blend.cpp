@@ -51,30 +51,13 @@ const char* const gFragmentShader_lowest =
     "              + texture(texGaussB, outTexCoords) * (1.0 - alpha);\n"
     "}\n";
 
-// One Laplacian level: the _n1 textures are half size, so sampling them bilinearly at the same
-// normalised coordinate is the pyramid's expand step.
-#define ZQAVS_BLEND_LEVEL_DECLARATIONS        \
-    "uniform sampler2D texGaussA_n0;\n"       \
-    "uniform sampler2D texGaussB_n0;\n"       \
-    "uniform sampler2D texGaussA_n1;\n"       \
-    "uniform sampler2D texGaussB_n1;\n"       \
-    "uniform sampler2D texResult_n1;\n"       \
-    "uniform sampler2D texAlpha;\n"           \
-    "in vec2 outTexCoords;\n"                 \
-    "out vec4 FragColor;\n"
-#define ZQAVS_BLEND_LEVEL_LAPLACIANS                                                                    \
-    "    float alpha = texture(texAlpha, outTexCoords).r;\n"                                            \
-    "    vec4 laplacA = (texture(texGaussA_n0, outTexCoords) - texture(texGaussA_n1, outTexCoords)) * alpha;\n" \
-    "    vec4 laplacB = (texture(texGaussB_n0, outTexCoords) - texture(texGaussB_n1, outTexCoords))"    \
-    " * (1.0 - alpha);\n"
-
 const char* const gFragmentShader_blend =
     "#version 310 es \n"
     "precision highp float;\n"
-    ZQAVS_BLEND_LEVEL_DECLARATIONS
+    AVS_GLSL_BLEND_LEVEL_DECLARATIONS
     "void main()\n"
     "{\n"
-    ZQAVS_BLEND_LEVEL_LAPLACIANS
+    AVS_GLSL_BLEND_LEVEL_LAPLACIANS
     "    FragColor = texture(texResult_n1, outTexCoords) + laplacA + laplacB;\n"
     "}\n";
 
@@ -84,16 +67,13 @@ const char* const gFragmentShader_blendYUV =
     "#extension GL_OES_EGL_image_external : require\n"
     "#extension GL_EXT_YUV_target : require \n"
     "precision highp float;\n"
-    ZQAVS_BLEND_LEVEL_DECLARATIONS
+    AVS_GLSL_BLEND_LEVEL_DECLARATIONS
     "void main()\n"
     "{\n"
-    ZQAVS_BLEND_LEVEL_LAPLACIANS
+    AVS_GLSL_BLEND_LEVEL_LAPLACIANS
     "    vec4 rgbTex = texture(texResult_n1, outTexCoords) + laplacA + laplacB;\n"
     "    FragColor = vec4(rgb_2_yuv(rgbTex.xyz, itu_601_full_range), 1.0);\n"
     "}\n";
-
-#undef ZQAVS_BLEND_LEVEL_DECLARATIONS
-#undef ZQAVS_BLEND_LEVEL_LAPLACIANS
 
 namespace {
 

@@ -34,12 +34,10 @@ namespace zqgfx_gpu_avs {
 
 // The programs that write the output come in two: one for the R8 luma target, one for the
 // half-size RG8 chroma target, whose pixel centres fall on the centres of 2 x 2 luma blocks.
-#define AVS_GLSL_LUMA_OUTPUT                                                   \
-    "out vec4 FragColor;\n"                                                   \
-    "void writePlane(vec3 yuv) { FragColor = vec4(yuv.x, 0.0, 0.0, 1.0); }\n"
-#define AVS_GLSL_CHROMA_OUTPUT                                                 \
-    "out vec4 FragColor;\n"                                                   \
-    "void writePlane(vec3 yuv) { FragColor = vec4(yuv.yz, 0.0, 1.0); }\n"
+#define AVS_GLSL_LUMA_WRITE "void writePlane(vec3 yuv) { FragColor = vec4(yuv.x, 0.0, 0.0, 1.0); }\n"
+#define AVS_GLSL_CHROMA_WRITE "void writePlane(vec3 yuv) { FragColor = vec4(yuv.yz, 0.0, 1.0); }\n"
+#define AVS_GLSL_LUMA_OUTPUT "out vec4 FragColor;\n" AVS_GLSL_LUMA_WRITE
+#define AVS_GLSL_CHROMA_OUTPUT "out vec4 FragColor;\n" AVS_GLSL_CHROMA_WRITE
 
 // Luma sampled from the luma texture alone, chroma from the chroma texture alone, as stored.
 const char* const gPortableRemapFragmentShaderYUV =
@@ -91,29 +89,21 @@ const char* const gPortableRemapFragmentShaderRGBtoYUV =
     "}\n";
 
 // One Laplacian level collapsed into one plane of the output, converted to YUV on the way.
-#define AVS_GLSL_BLEND_INTO_PLANE(PLANE_OUTPUT)                                                          \
-    "#version 310 es \n"                                                                                \
-    "precision highp float;\n"                                                                          \
-    AVS_GLSL_BT601_FULL_RANGE                                                                           \
-    "uniform sampler2D texGaussA_n0;\n"                                                                 \
-    "uniform sampler2D texGaussB_n0;\n"                                                                 \
-    "uniform sampler2D texGaussA_n1;\n"                                                                 \
-    "uniform sampler2D texGaussB_n1;\n"                                                                 \
-    "uniform sampler2D texResult_n1;\n"                                                                 \
-    "uniform sampler2D texAlpha;\n"                                                                     \
-    PLANE_OUTPUT                                                                                        \
-    "in vec2 outTexCoords;\n"                                                                           \
-    "void main()\n"                                                                                     \
-    "{\n"                                                                                               \
-    "    float alpha = texture(texAlpha, outTexCoords).r;\n"                                            \
-    "    vec4 laplacA = (texture(texGaussA_n0, outTexCoords) - texture(texGaussA_n1, outTexCoords)) * alpha;\n" \
-    "    vec4 laplacB = (texture(texGaussB_n0, outTexCoords) - texture(texGaussB_n1, outTexCoords)) * (1.0 - alpha);\n" \
-    "    vec4 rgbTex = texture(texResult_n1, outTexCoords) + laplacA + laplacB;\n"                      \
-    "    writePlane(rgbToYuv601Full(rgbTex.xyz));\n"                                                    \
+#define AVS_GLSL_BLEND_INTO_PLANE(PLANE_WRITE)                 \
+    "#version 310 es \n"                                       \
+    "precision highp float;\n"                                 \
+    AVS_GLSL_BT601_FULL_RANGE                                  \
+    AVS_GLSL_BLEND_LEVEL_DECLARATIONS                          \
+    PLANE_WRITE                                                \
+    "void main()\n"                                            \
+    "{\n"                                                      \
+    AVS_GLSL_BLEND_LEVEL_LAPLACIANS                            \
+    "    vec4 rgbTex = texture(texResult_n1, outTexCoords) + laplacA + laplacB;\n" \
+    "    writePlane(rgbToYuv601Full(rgbTex.xyz));\n"          \
     "}\n"
 
-const char* const gPortableFragmentShader_blendYUV = AVS_GLSL_BLEND_INTO_PLANE(AVS_GLSL_LUMA_OUTPUT);
-const char* const gPortableFragmentShader_blendChroma = AVS_GLSL_BLEND_INTO_PLANE(AVS_GLSL_CHROMA_OUTPUT);
+const char* const gPortableFragmentShader_blendYUV = AVS_GLSL_BLEND_INTO_PLANE(AVS_GLSL_LUMA_WRITE);
+const char* const gPortableFragmentShader_blendChroma = AVS_GLSL_BLEND_INTO_PLANE(AVS_GLSL_CHROMA_WRITE);
 
 RemapShaderTexts remapShaderTexts(bool portable)
 {
