@@ -146,7 +146,7 @@ int runBench(const BenchOptions& options)
         runRow(rows[i], options.frames, options.opencv);
         progress.update(static_cast<int>(i + 1), static_cast<int>(rows.size()));
     }
-    printf("path: %s, %d frames per rig, medians in ms\n", rows.empty() ? "none" : rows[0].path.c_str(),
+    printf("%s, %d frames per rig, medians in ms\n", pathLine(rows.empty() ? nullptr : rows[0].path.c_str()).c_str(),
            options.frames);
     printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s", "cams", "source", "panorama", "frame", "fps", "import",
            "remap", "pyramid", "blend", "finish");

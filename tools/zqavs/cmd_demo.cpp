@@ -119,7 +119,7 @@ int runDemo(const DemoOptions& options)
     const zqavs_synth::Nv12Image expected = zqavs_synth::rgbToNv12(scene);
     const double psnr = zqavs_synth::psnr(zqavs_synth::lumaPlane(output), zqavs_synth::lumaPlane(expected.view()),
                                           zqavs_synth::coveredColumns(calib.layout));
-    printf("path: %s\n", ZQGFX_AVS_get_path());
+    printf("%s\n", pathLine(ZQGFX_AVS_get_path()).c_str());
     printf("cameras: %d x %dx%d -> panorama %dx%d, %zu blended seams\n", rig.cameras, rig.src_width, rig.src_height,
            rig.bld_width, rig.bld_height, calib.seams.size());
     printf("frame time: %.2f ms (median of %zu frames after the first)\n", medianOf(times), times.size());

@@ -106,7 +106,7 @@ int runStitch(const StitchOptions& options)
             fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
             return kExitFailure;
         }
-    printf("path: %s\n", ZQGFX_AVS_get_path());
+    printf("%s\n", pathLine(ZQGFX_AVS_get_path()).c_str());
     printf("%d frame%s of %dx%d, median %.2f ms per frame\n", options.frames, options.frames == 1 ? "" : "s",
            session.outputWidth(), session.outputHeight(), medianOf(times));
     for (const std::string& path : options.outputs) printf("wrote %s\n", path.c_str());

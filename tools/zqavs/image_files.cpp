@@ -23,6 +23,16 @@ bool endsWith(const std::string& text, const std::string& suffix)
     return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
 }
 
+std::string pathLine(const char* path)
+{
+    const std::string name = path ? path : "none";
+    const char* meaning = name == "target"     ? "YUV images imported from the dma-bufs, no CPU copy"
+                          : name == "planes"   ? "luma and chroma planes imported from the dma-bufs, no CPU copy"
+                          : name == "portable" ? "camera images uploaded and the panorama read back by the CPU"
+                                               : "not running";
+    return "path: " + name + " (" + meaning + ")";
+}
+
 bool readImage(const std::string& path, std::vector<unsigned char>& rgb, int* width, int* height)
 {
     int channels = 0;

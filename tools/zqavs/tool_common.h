@@ -110,6 +110,8 @@ bool writeSynthDirectory(const zqavs_synth::Calibration& calib, const std::strin
 bool writeNv12AsPng(const std::string& path, const zqavs_synth::Nv12View& image);
 
 bool endsWith(const std::string& text, const std::string& suffix);
+// "path: NAME (what it means)", the line the stitching subcommands print.
+std::string pathLine(const char* path);
 // One camera image of the given size as NV12 with the library's stride: PNG/JPEG, or raw NV12
 // (.nv12/.yuv, at that stride or tightly packed). False with *error naming the file.
 bool loadCameraImage(const std::string& path, int width, int height, zqavs_synth::Nv12Image* out, std::string* error);
