@@ -81,11 +81,17 @@ EglAttribList r8ImageAttribs(int fd, int width, int height, int plane_offset)
 
 // ---- output planes ------------------------------------------------------------------------
 
-void setPlaneViewport(const OutputPlane& plane, int x, int y, int w, int h)
+PlaneRect onPlane(const OutputPlane& plane, int x, int y, int w, int h)
 {
     const int d = plane.divisor;
     const int x0 = x / d, y0 = y / d;
-    glViewport(x0, y0, (x + w + d - 1) / d - x0, (y + h + d - 1) / d - y0);
+    return {x0, y0, (x + w + d - 1) / d - x0, (y + h + d - 1) / d - y0};
+}
+
+void setPlaneViewport(const OutputPlane& plane, int x, int y, int w, int h)
+{
+    const PlaneRect r = onPlane(plane, x, y, w, h);
+    glViewport(r.x, r.y, r.w, r.h);
 }
 
 // ---- EGL images --------------------------------------------------------------------------

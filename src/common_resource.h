@@ -70,7 +70,12 @@ inline OutputPlanes wholeYuvOutput(GLuint fbo)
 {
     return OutputPlanes{1, {{fbo, 1, -1}, {0, 1, -1}}};
 }
-// The viewport of output rectangle (x, y, w, h) on `plane`: divided, edges rounded outwards.
+// Output rectangle (x, y, w, h) on `plane`: divided, edges rounded outwards so that neighbouring
+// blocks leave no column between them. setPlaneViewport makes it the viewport.
+struct PlaneRect {
+    int x, y, w, h;
+};
+PlaneRect onPlane(const OutputPlane& plane, int x, int y, int w, int h);
 void setPlaneViewport(const OutputPlane& plane, int x, int y, int w, int h);
 
 // ---- EGL image import --------------------------------------------------------------------

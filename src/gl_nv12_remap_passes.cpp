@@ -39,13 +39,10 @@ struct BlockViewport {
     int h;
 };
 
-// The block's rectangle on an output plane: divided, edges rounded outwards so that
-// neighbouring blocks leave no column between them.
 BlockViewport onPlane(const BlockViewport& view, const OutputPlane& plane)
 {
-    const int d = plane.divisor;
-    const int x0 = view.x / d;
-    return {x0, (view.x + view.w + d - 1) / d - x0, (view.h + d - 1) / d};
+    const PlaneRect r = onPlane(plane, view.x, 0, view.w, view.h);
+    return {r.x, r.w, r.h};
 }
 
 // The layout lists and overlap framebuffers the passes index must be there.

@@ -98,6 +98,19 @@ TEST_F(CommonResource, TracedCallReportsItsErrorAndCarriesOn)
         << out;
 }
 
+TEST_F(CommonResource, ChromaRectanglesTakeEveryPairTheirColumnsTouch)
+{
+    const OutputPlane luma{0, 1, 0}, chroma{0, 2, 1};
+    const struct {
+        OutputPlane plane;
+        int x, w, h, rx, rw, rh;
+    } rows[] = {{luma, 3, 5, 7, 3, 5, 7}, {chroma, 4, 6, 8, 2, 3, 4}, {chroma, 3, 5, 7, 1, 3, 4}, {chroma, 3, 4, 8, 1, 3, 4}};
+    for (const auto& r : rows) {
+        const PlaneRect rect = onPlane(r.plane, r.x, 0, r.w, r.h);
+        EXPECT_EQ(std::vector<int>({rect.x, rect.y, rect.w, rect.h}), std::vector<int>({r.rx, 0, r.rw, r.rh})) << r.x;
+    }
+}
+
 TEST_F(CommonResource, DiagnosticsAndCapabilities)
 {
     fakegl::queueGlError(GL_INVALID_ENUM);

@@ -331,6 +331,8 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
         {"block count disagreeing with the lists", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
          failed, layoutAt + "1 declares 2 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
+        {"block count above the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 4; }); },
+         failed, layoutAt + "1 declares 4 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"negative block count", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[0] = {}, l.overlap_block[0].overlap_num = -1; }); },
          failed, layoutAt + "0 has nonoverlap_num=1 overlap_num=-1, FAILED!"},
         {"eleven blocks in a camera", [](T& t) { return t.initChanged([](L& l) { l = entry_test::ringLayout(4, 9, 2); }); },

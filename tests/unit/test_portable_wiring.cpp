@@ -159,7 +159,7 @@ TEST_P(PortableWiring, WarmFramesMakeNoObjectsAndMoveFramesTheirPathsWay)
     EXPECT_EQ(fakegl::countCalls("glTexImage2D") - uploadsBefore, 9u);
 }
 
-TEST_P(PortableWiring, AfbcAndShortDescriptorsFailTheFrameWithTheirReason)
+TEST_P(PortableWiring, AfbcShortDescriptorsAndFailedReadBacksFailTheFrameWithTheirReason)
 {
     for (uint32_t* afbc : {&context.inputIsAFBC, &context.outputIsAFBC}) {
         *afbc = 1;
@@ -180,6 +180,11 @@ TEST_P(PortableWiring, AfbcAndShortDescriptorsFailTheFrameWithTheirReason)
     EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, static_cast<GLuint>(fds[2])), 0);
     ASSERT_EQ(ftruncate(fds[2], static_cast<off_t>(zqgfx_gpu_avs::nv12ImageBytes(320, 240))), 0);
     EXPECT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+
+    if (zeroCopy()) return;
+    fakegl::failCall("glReadPixels", GL_INVALID_OPERATION);
+    EXPECT_EQ(frame(&out), ZQGFX_AVS_FAILED);
+    EXPECT_TRUE(contains(out, "read-back of output descriptor " + std::to_string(fds[4]) + " failed")) << out;
 }
 
 TEST_P(PortableWiring, FlushResizeAndDeinitReleaseEachPlaneObjectOnce)
@@ -200,10 +205,14 @@ TEST_P(PortableWiring, FlushResizeAndDeinitReleaseEachPlaneObjectOnce)
     for (int c = 0; c < 4; ++c) fds[c] = original[c];
     for (int fd : dups) close(fd);
 
-    context.outputBufferWidth = 640;  // the output slot is made anew at the new size
+    context.outputBufferWidth = 630;  // the output slot is made anew at the new size, rows of 640
     ASSERT_EQ(ZQGFX_AVS_resize(&context), ZQGFX_AVS_SUCCESS);
     ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
     EXPECT_EQ(fakegl::liveObjects("framebuffer"), framebuffers);
+    if (zeroCopy()) {  // chroma follows the rows of luma, not the pixels
+        EXPECT_EQ(planeImageOf(fakegl::callsTo("eglCreateImageKHR").back()),
+                  planeImage(zqgfx_gpu_avs::kFourccGR88, 315, 120, fds[4], 640 * 240, 640));
+    }
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 
     // De-init leaves only the alpha textures that its established order skips.
