@@ -93,7 +93,8 @@ cv::Mat renderBoard(const CameraSpec& camera, const std::vector<cv::Point2d>& ra
 
 CameraSpec camera(LensModel model, double fx, double fy, double cx, double cy, std::vector<double> D)
 {
-    return {model, kPhotoSize.width, kPhotoSize.height, cv::Matx33d(fx, 0, cx, 0, fy, cy, 0, 0, 1), std::move(D)};
+    return {model, kPhotoSize.width, kPhotoSize.height, cv::Matx33d(fx, 0, cx, 0, fy, cy, 0, 0, 1), std::move(D),
+            cv::Matx33d::eye(), ""};
 }
 
 std::vector<ChessboardPhoto> boardPhotos(const CameraSpec& camera, double spread, double distance, int s)
