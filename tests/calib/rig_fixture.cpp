@@ -6,14 +6,11 @@
 #include <cmath>
 
 #include "gpu/stitch_fixture.h"
+#include "scene_render.h"
 
 namespace rig_test {
 
-namespace {
-
 constexpr double kPi = 3.14159265358979323846;
-
-}  // namespace
 
 zqavs_calib::CameraSpec camera(zqavs_calib::LensModel model, double yaw_deg, double focal, std::vector<double> D)
 {
@@ -89,6 +86,8 @@ cv::Mat lumaOf(const zqavs_synth::RgbImage& image)
     return cv::Mat(image.height, image.width, CV_8UC1, const_cast<uint8_t*>(nv12.data.data()), nv12.stride).clone();
 }
 
+namespace {
+
 zqavs_synth::PlaneView planeOf(const cv::Mat& y)
 {
     return {y.data, y.cols, y.rows, static_cast<int>(y.step)};
@@ -124,21 +123,47 @@ cv::Mat exactRemap(const zqavs_calib::Rig& rig, const zqavs_calib::RigCalibratio
     return out;
 }
 
-cv::Mat stitch(const zqavs_calib::RigCalibration& calib, const std::string& dir,
-               const std::vector<zqavs_synth::Nv12Image>& inputs)
+// The panorama's Y as the library stitches it from a calibration written to a scratch directory.
+cv::Mat stitch(const zqavs_calib::RigCalibration& calib, const std::vector<zqavs_synth::Nv12Image>& inputs)
 {
+    stitch_test::TempDir dir;
     zqavs::StitchSetup setup;
-    setup.calibDir = dir;
+    setup.calibDir = dir.path;
     setup.rig = calib.calibration.rig;
     zqavs::StitchSession session;
     std::string error;
-    EXPECT_TRUE(session.init(setup, &error)) << error;
-    if (!error.empty()) return cv::Mat();
-    for (size_t c = 0; c < inputs.size(); ++c) session.setInput(static_cast<int>(c), inputs[c]);
     double ms = 0.0;
-    EXPECT_TRUE(session.frame(&ms, &error)) << error;
+    bool stitched = zqavs_synth::writeCalibration(calib.calibration, dir.path, &error) && session.init(setup, &error);
+    for (size_t c = 0; stitched && c < inputs.size(); ++c) session.setInput(static_cast<int>(c), inputs[c]);
+    if (!(stitched = stitched && session.frame(&ms, &error))) {
+        ADD_FAILURE() << error;
+        return cv::Mat();
+    }
     const zqavs_synth::Nv12View view = session.outputView();
     return cv::Mat(view.height, view.width, CV_8UC1, const_cast<uint8_t*>(view.data), view.stride).clone();
+}
+
+}  // namespace
+
+Views renderViews(const zqavs_calib::Rig& rig, const zqavs_synth::RgbImage& scene)
+{
+    Views views;
+    for (const zqavs_calib::CameraSpec& cam : rig.cameras) {
+        const zqavs_synth::RgbImage image = zqavs_calib::renderCameraImage(cam, scene);
+        views.nv12.push_back(zqavs_synth::rgbToNv12(image));
+        views.y.push_back(lumaOf(image));
+    }
+    return views;
+}
+
+Psnrs panoramaPsnrs(const zqavs_calib::Rig& truth, const zqavs_calib::RigCalibration& truthCalib,
+                    const zqavs_calib::RigCalibration& calib, const zqavs_synth::RgbImage& scene, const Views& views)
+{
+    const cv::Mat seen = lumaOf(zqavs_calib::renderPanorama(truth.panorama, scene));
+    const cv::Mat stitched = stitch(calib, views.nv12);
+    if (stitched.empty()) return {};
+    return {zqavs_synth::psnr(planeOf(stitched), planeOf(seen), {}),
+            zqavs_synth::psnr(planeOf(exactRemap(truth, truthCalib, views.y)), planeOf(seen), {})};
 }
 
 }  // namespace rig_test

@@ -27,15 +27,23 @@ zqavs_calib::Rig pinholeFan();
 zqavs_synth::RgbImage makeTexturedScene(int width, int height, uint64_t seed);
 
 cv::Mat lumaOf(const zqavs_synth::RgbImage& image);
-zqavs_synth::PlaneView planeOf(const cv::Mat& y);
 
-// Every panorama pixel sampled bilinearly from the camera that owns its column, at exactly
-// where the camera's model puts its ray.
-cv::Mat exactRemap(const zqavs_calib::Rig& rig, const zqavs_calib::RigCalibration& calib,
-                   const std::vector<cv::Mat>& cameraY);
-// The panorama's Y as the library stitches it from a calibration written to `dir`.
-cv::Mat stitch(const zqavs_calib::RigCalibration& calib, const std::string& dir,
-               const std::vector<zqavs_synth::Nv12Image>& inputs);
+// What a rig's cameras see of a scene.
+struct Views {
+    std::vector<zqavs_synth::Nv12Image> nv12;
+    std::vector<cv::Mat> y;
+};
+Views renderViews(const zqavs_calib::Rig& rig, const zqavs_synth::RgbImage& scene);
+
+// Y PSNR against the scene seen directly through `truth`'s panorama: of the library's panorama
+// stitched from `views` with `calib`, and of an exact per-pixel remap of the same views through
+// `truth`'s models (each panorama pixel sampled bilinearly from the camera that owns its column
+// in `truthCalib`, exactly where the model puts its ray).
+struct Psnrs {
+    double library = 0, exact = 0;
+};
+Psnrs panoramaPsnrs(const zqavs_calib::Rig& truth, const zqavs_calib::RigCalibration& truthCalib,
+                    const zqavs_calib::RigCalibration& calib, const zqavs_synth::RgbImage& scene, const Views& views);
 
 }  // namespace rig_test
 

@@ -30,13 +30,15 @@ const BoardPose kPoses[] = {
     {15, -20, 10, 1, 0.6},   {-15, 20, -10, -1, -0.6},  {20, 20, 0, 1, -0.6},     {-20, -20, 0, -1, 0.6},
 };
 
+// About x, then y, then z.
 cv::Matx33d rotation(double rx, double ry, double rz)
 {
-    cv::Matx33d x, y, z;
-    cv::Rodrigues(cv::Vec3d(rx * kDegree, 0, 0), x);
-    cv::Rodrigues(cv::Vec3d(0, ry * kDegree, 0), y);
-    cv::Rodrigues(cv::Vec3d(0, 0, rz * kDegree), z);
-    return z * y * x;
+    cv::Matx33d r = cv::Matx33d::eye(), turn;
+    for (const cv::Vec3d& axis : {cv::Vec3d(rx, 0, 0), cv::Vec3d(0, ry, 0), cv::Vec3d(0, 0, rz)}) {
+        cv::Rodrigues(axis * kDegree, turn);
+        r = turn * r;
+    }
+    return r;
 }
 
 // The rays (on the plane z = 1) through the centres of an s-times finer pixel grid.
@@ -91,13 +93,8 @@ cv::Mat renderBoard(const CameraSpec& camera, const std::vector<cv::Point2d>& ra
 
 CameraSpec camera(LensModel model, double fx, double fy, double cx, double cy, std::vector<double> D)
 {
-    CameraSpec made;
-    made.model = model;
-    made.image_width = kPhotoSize.width;
-    made.image_height = kPhotoSize.height;
-    made.K = cv::Matx33d(fx, 0, cx, 0, fy, cy, 0, 0, 1);
-    made.D = std::move(D);
-    return made;
+    return {model, kPhotoSize.width, kPhotoSize.height, cv::Matx33d(fx, 0, cx, 0, fy, cy, 0, 0, 1), std::move(D),
+            cv::Matx33d::eye(), ""};
 }
 
 std::vector<ChessboardPhoto> boardPhotos(const CameraSpec& camera, double spread, double distance, int s)

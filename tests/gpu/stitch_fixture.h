@@ -24,8 +24,7 @@ inline zqavs_synth::RigConfig smallRig()
     rig.src_height = 272;
     rig.bld_width = 1536;
     rig.bld_height = 272;
-    rig.step_x = 16;
-    rig.step_y = 16;
+    rig.step_x = rig.step_y = 16;
     rig.band_num = 3;
     rig.overlap_width = 96;
     return rig;
@@ -45,37 +44,20 @@ struct TempDir {
     }
 };
 
-// Where actual and expected images of a failing comparison are written.
-inline std::string failureImagePath(const std::string& name)
-{
-    return (std::filesystem::temp_directory_path() / ("zqavs_" + name)).string();
-}
-
-// The output plane of one stitched frame, copied out of the caller's buffer.
+// The output image of one stitched frame, copied out of the caller's buffer.
 struct Frame {
     int width = 0, height = 0, stride = 0;
     std::vector<uint8_t> bytes;
     zqavs_synth::Nv12View view() const { return {bytes.data(), width, height, stride}; }
     zqavs_synth::PlaneView luma() const { return zqavs_synth::lumaPlane(view()); }
+    uint8_t& at(int x, int row) { return bytes[static_cast<size_t>(row) * stride + x]; }
+    const uint8_t& at(int x, int row) const { return bytes[static_cast<size_t>(row) * stride + x]; }
 };
 
 inline Frame copyFrame(const zqavs_synth::Nv12View& view)
 {
-    Frame frame;
-    frame.width = view.width;
-    frame.height = view.height;
-    frame.stride = view.stride;
-    frame.bytes.assign(view.data, view.data + static_cast<size_t>(view.stride) * view.height * 3 / 2);
-    return frame;
-}
-
-inline void writeFramePgm(const Frame& frame, const std::string& path)
-{
-    FILE* file = fopen(path.c_str(), "wb");
-    if (!file) return;
-    fprintf(file, "P5\n%d %d\n255\n", frame.stride, frame.height * 3 / 2);
-    fwrite(frame.bytes.data(), 1, frame.bytes.size(), file);
-    fclose(file);
+    return {view.width, view.height, view.stride,
+            std::vector<uint8_t>(view.data, view.data + static_cast<size_t>(view.stride) * view.height * 3 / 2)};
 }
 
 // A generated calibration and the camera images rendered from its scene.
@@ -92,54 +74,27 @@ struct Rig {
         scene = zqavs_synth::makeScene(rig);
         for (int c = 0; c < rig.cameras; ++c) cameras.push_back(zqavs_synth::renderCamera(calib, c, scene));
     }
-
-    zqavs::StitchSetup setup(bool useSync = false) const
-    {
-        zqavs::StitchSetup s;
-        s.rig = calib.rig;
-        s.useSync = useSync;
-        return s;
-    }
 };
 
-// Stitches `frames` frames of a rig through the public interface in file mode (calibration
-// written into `dir`) or, with `buffers`, in buffer mode. Returns the last frame.
-inline Frame stitch(const Rig& rig, const std::string& dir, zqavs_synth::BufferModeCalibration* buffers = nullptr,
-                    bool useSync = false, int frames = 1)
-{
-    zqavs::StitchSetup setup = rig.setup(useSync);
-    setup.calibDir = dir;
-    setup.buffers = buffers;
-    zqavs::StitchSession session;
-    std::string error;
-    if (!session.init(setup, &error)) {
-        ADD_FAILURE() << error;
-        return {};
-    }
-    for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
-    for (int f = 0; f < frames; ++f) {
-        double ms = 0;
-        if (!session.frame(&ms, &error)) {
-            ADD_FAILURE() << error;
-            return {};
-        }
-    }
-    return copyFrame(session.outputView());
-}
-
-// A live session on a rig's calibration, written to a temporary directory, with the camera
-// images loaded.
+// A live session on a rig's calibration, written to a temporary directory (file mode) or handed
+// over in memory (buffer mode), with the camera images loaded.
 struct RigSession {
     TempDir dir;
+    zqavs_synth::BufferModeCalibration buffers;
     zqavs::StitchSession session;
 
     // Returns an empty string on success, else what failed.
-    std::string open(const Rig& rig, bool useSync = false)
+    std::string open(const Rig& rig, bool useSync = false, bool bufferMode = false)
     {
+        zqavs::StitchSetup setup;
+        setup.rig = rig.calib.rig;
+        setup.useSync = useSync;
         std::string error;
-        if (!zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) return error;
-        zqavs::StitchSetup setup = rig.setup(useSync);
-        setup.calibDir = dir.path;
+        if (bufferMode ? !buffers.build(rig.calib, false, &error)
+                       : !zqavs_synth::writeCalibration(rig.calib, dir.path, &error))
+            return error;
+        setup.calibDir = bufferMode ? "" : dir.path;
+        setup.buffers = bufferMode ? &buffers : nullptr;
         if (!session.init(setup, &error)) return error;
         for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
         return "";
@@ -149,20 +104,20 @@ struct RigSession {
     {
         double ms = 0;
         std::string error;
-        if (!session.frame(&ms, &error)) {
-            ADD_FAILURE() << error;
-            return {};
-        }
-        return copyFrame(session.outputView());
+        if (session.frame(&ms, &error)) return copyFrame(session.outputView());
+        ADD_FAILURE() << error;
+        return {};
     }
 };
 
-inline Frame stitchFromFiles(const Rig& rig, bool useSync = false)
+// One frame of a rig through a session of its own.
+inline Frame stitchOnce(const Rig& rig, bool useSync = false, bool bufferMode = false)
 {
-    TempDir dir;
-    std::string error;
-    if (!zqavs_synth::writeCalibration(rig.calib, dir.path, &error)) ADD_FAILURE() << error;
-    return stitch(rig, dir.path, nullptr, useSync);
+    RigSession live;
+    const std::string error = live.open(rig, useSync, bufferMode);
+    if (error.empty()) return live.next();
+    ADD_FAILURE() << error;
+    return {};
 }
 
 }  // namespace stitch_test

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# zqavsstitch from gst-launch-1.0: recorded camera files stitch to the bytes of `zqavs stitch`, a
-# broken calibration stops the pipeline with the problem named, and gst-inspect-1.0 finds the
-# plugin both in the build tree and in an install prefix.
+# zqavsstitch from gst-launch-1.0: recorded camera files stitch to the bytes of `zqavs stitch`, and
+# gst-inspect-1.0 finds the plugin both in the build tree and in an install prefix.
 set -uo pipefail
 ZQAVS=$1
 BUILD=$2
@@ -17,27 +16,16 @@ FRAMES=3
     fail "synth failed"
 "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1}.nv12 -o "$WORK/tool.nv12" >/dev/null || fail "zqavs stitch failed"
 
-# stitch CALIB OUTPUT: the cameras' recorded files, frozen for $FRAMES frames each, into one file.
-stitch() {
-    local line=(zqavsstitch name=s "calibration=$1" ! filesink "location=$2")
-    for c in 0 1; do
-        line+=(filesrc "location=$CAL/camera$c.nv12" ! rawvideoparse format=nv12 width=320 height=240
-               framerate=30/1 ! imagefreeze "num-buffers=$FRAMES" ! "s.sink_$c")
-    done
-    GST_PLUGIN_PATH="$BUILD/gst" gst-launch-1.0 -q "${line[@]}" 2>&1
-}
-
-out=$(stitch "$CAL" "$WORK/pipeline.nv12") || fail "the pipeline failed:"$'\n'"$out"
+# The cameras' recorded files, frozen for $FRAMES frames each, stitched into one file.
+line=(zqavsstitch name=s "calibration=$CAL" ! filesink "location=$WORK/pipeline.nv12")
+for c in 0 1; do
+    line+=(filesrc "location=$CAL/camera$c.nv12" ! rawvideoparse format=nv12 width=320 height=240
+           framerate=30/1 ! imagefreeze "num-buffers=$FRAMES" ! "s.sink_$c")
+done
+out=$(GST_PLUGIN_PATH="$BUILD/gst" gst-launch-1.0 -q "${line[@]}" 2>&1) || fail "the pipeline failed:"$'\n'"$out"
 for _ in $(seq $FRAMES); do cat "$WORK/tool.nv12"; done >"$WORK/expected.nv12"
 cmp -s "$WORK/expected.nv12" "$WORK/pipeline.nv12" ||
     fail "the pipeline's $FRAMES frames are not the tool's panorama $FRAMES times"
-
-cp -r "$CAL" "$WORK/broken"
-rm "$WORK/broken/zq_ps_gpu_meshx10.bin"
-out=$(timeout 60 bash -c "$(declare -f stitch); CAL=$CAL FRAMES=$FRAMES BUILD=$BUILD stitch $WORK/broken $WORK/x.nv12")
-rc=$?
-[[ $rc -ne 0 && $rc -ne 124 ]] || fail "a broken calibration exited $rc"
-grep -q "zq_ps_gpu_meshx10.bin" <<<"$out" || fail "the error does not name the missing mesh:"$'\n'"$out"
 
 # (Whole outputs are kept: grep -q would end gst-inspect-1.0 with SIGPIPE under pipefail.)
 inspected=$(GST_PLUGIN_PATH="$BUILD/gst" gst-inspect-1.0 zqavsstitch)

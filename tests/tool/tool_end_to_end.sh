@@ -20,9 +20,7 @@ expect() {
 }
 
 expect 0 "demo" -- "$ZQAVS" --help
-expect 0 "--cameras" -- "$ZQAVS" synth --help
 expect 2 "" -- "$ZQAVS"
-expect 2 "" -- "$ZQAVS" frobnicate
 expect 2 "source-size" -- "$ZQAVS" synth "$WORK/x" --source-size 12by7
 expect 2 "" -- "$ZQAVS" synth "$WORK/x" --cameras 11
 
@@ -40,9 +38,7 @@ expect 0 "0 errors, 0 warnings" -- "$ZQAVS" check "$CAL" --overlay "$WORK/layout
 expect 0 "camera 2 -> 0: not blended" -- "$ZQAVS" check "$CAL"
 [[ -s $WORK/layout.png ]] || fail "check --overlay wrote no picture"
 
-# calib intrinsics refuses photos without the board, a bad --board and unreadable images
-expect 1 "no 9x6 chessboard found in any photo" -- "$ZQAVS" calib intrinsics "$CAL"/camera{0,1,2}.png \
-    --board 9x6 --square 0.025 -o "$WORK/camera.yml"
+# calib intrinsics refuses a bad --board and unreadable images
 expect 2 "--board" -- "$ZQAVS" calib intrinsics "$CAL/camera0.png" --board 9by6 --square 0.025 -o "$WORK/camera.yml"
 expect 1 "cannot read" -- "$ZQAVS" calib intrinsics "$CAL/zq_ps_gpu_mesh_params.txt" --board 9x6 --square 0.025 \
     -o "$WORK/camera.yml"
@@ -61,7 +57,6 @@ for f in camera0.nv12 camera0.png panorama.png; do
 done
 sed 's/"pinhole"/"fishy"/' "$WORK/rig.json" >"$WORK/bad.json"
 expect 1 "cameras\[0\]\.model" -- "$ZQAVS" synth --rig "$WORK/bad.json" --scene "$CAL/scene.png" -o "$WORK/rigsyn"
-expect 2 "--scene" -- "$ZQAVS" synth --rig "$WORK/rig.json" -o "$WORK/rigsyn"
 expect 0 "mesh interpolation error" -- "$ZQAVS" calib "$WORK/rig.json" -o "$WORK/rigcal" --overlay "$WORK/rig.png"
 [[ -s $WORK/rigcal/rig.json && -s $WORK/rig.png ]] || fail "calib wrote no rig copy or overlay"
 expect 0 "0 errors" -- "$ZQAVS" check "$WORK/rigcal"
@@ -70,8 +65,8 @@ sed 's/"hfov_deg": 64/"hfov_deg": 120/' "$WORK/rig.json" >"$WORK/wide.json"
 expect 1 "columns .*hfov" -- "$ZQAVS" calib "$WORK/wide.json" -o "$WORK/widecal"
 [[ ! -e $WORK/widecal ]] || fail "calib left a directory behind after refusing"
 
-# calib --refine: a rig photographs random blocks, its file has camera 1 turned 3 degrees too far; images
-# of the wrong count or size are refused, naming them
+# calib --refine: a rig photographs random blocks, its file has camera 1 turned 3 degrees too far; an
+# image of the wrong size is refused, naming it
 python3 -c 'import random, sys; r = random.Random(7)
 sys.stdout.buffer.write(b"P6 512 256 255\n" + bytes(r.randrange(256) for _ in range(512 * 256 * 3)))' >"$WORK/blocks.ppm"
 cat >"$WORK/pair.json" <<'JSON'
@@ -87,7 +82,6 @@ sed 's/0.906308, 0, -0.422618, 0, 1, 0, 0.422618, 0, 0.906308/0.882948, 0, -0.46
 expect 0 "camera 1: .*corrected by (2\.99|3\.00)" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal" \
     --refine "$WORK/pairsyn/camera0.png" "$WORK/pairsyn/camera1.nv12"
 grep -q '0.9063' "$WORK/paircal/rig.json" 2>/dev/null || fail "calib --refine did not write the refined rig"
-expect 1 "1 images for 2 cameras" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal2" --refine "$WORK/pairsyn/camera0.png"
 expect 1 "camera0.png: 320x240, expected 240x180" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal2" \
     --refine "$WORK/pairsyn/camera0.png" "$CAL/camera0.png"
 [[ ! -e $WORK/paircal2 ]] || fail "calib --refine left a directory behind after refusing"
