@@ -25,28 +25,35 @@ void deleteNames(const char* fn, const char* kind, GLsizei n, const GLuint* name
     }
 }
 
-// Marks the outcome of the n-th compile or link (1-based) as failed when injected.
-void noteBuildResult(const char* fn, std::map<GLuint, bool>& results, GLuint object, int failAt) {
+// The n-th compile or link (1-based) fails when injected; its log is the injected one.
+void build(const char* fn, const char* kind, GLuint object, int failAt) {
     record(fn, object);
-    results[object] = static_cast<int>(state().callCounts[fn]) != failAt;
+    state().built[{kind, object}] = static_cast<int>(state().callCounts[fn]) != failAt;
 }
 
-// Log of a failed build; a successful one has none.
-std::string buildLog(const std::map<GLuint, bool>& results, GLuint object, const std::string& log) {
-    auto it = results.find(object);
-    return it != results.end() && !it->second ? log : "";
+// 1 built, 0 failed, -1 never built.
+int buildState(const char* kind, GLuint object) {
+    auto it = state().built.find({kind, object});
+    return it == state().built.end() ? -1 : it->second;
 }
 
-void writeBuildStatus(const std::map<GLuint, bool>& results, GLuint object, GLenum statusName,
-                      const std::string& log, GLenum pname, GLint* params) {
-    auto it = results.find(object);
-    if (pname == statusName)
-        *params = it != results.end() && it->second ? GL_TRUE : GL_FALSE;
+std::string buildLog(const char* kind, GLuint object) {
+    if (buildState(kind, object) != 0) return "";
+    return std::string(kind) == "shader" ? inj().compileLog : inj().linkLog;
+}
+
+void getBuildStatus(const char* fn, const char* kind, GLuint object, GLenum pname, GLint* params) {
+    record(fn, object, pname, params);
+    const std::string log = buildLog(kind, object);
+    if (pname == GL_COMPILE_STATUS || pname == GL_LINK_STATUS)
+        *params = buildState(kind, object) == 1 ? GL_TRUE : GL_FALSE;
     else
         *params = pname == GL_INFO_LOG_LENGTH && !log.empty() ? static_cast<GLint>(log.size() + 1) : 0;
 }
 
-void copyLog(const std::string& log, GLsizei bufSize, GLsizei* length, GLchar* out) {
+void getBuildLog(const char* fn, const char* kind, GLuint object, GLsizei bufSize, GLsizei* length, GLchar* out) {
+    record(fn, object, bufSize, length, out);
+    const std::string log = buildLog(kind, object);
     GLsizei n = 0;
     if (out != nullptr && bufSize > 0) {
         n = static_cast<GLsizei>(std::min(log.size(), static_cast<size_t>(bufSize - 1)));
@@ -107,29 +114,15 @@ void glShaderSource(GLuint shader, GLsizei count, const GLchar* const* string, c
     }
 }
 
-void glCompileShader(GLuint shader) { noteBuildResult("glCompileShader", state().compileOk, shader, inj().failCompileAt); }
-void glLinkProgram(GLuint program) { noteBuildResult("glLinkProgram", state().linkOk, program, inj().failLinkAt); }
-
-void glGetShaderiv(GLuint shader, GLenum pname, GLint* params) {
-    record("glGetShaderiv", shader, pname, params);
-    const std::string log = buildLog(state().compileOk, shader, inj().compileLog);
-    writeBuildStatus(state().compileOk, shader, GL_COMPILE_STATUS, log, pname, params);
-}
-
+void glCompileShader(GLuint shader) { build("glCompileShader", "shader", shader, inj().failCompileAt); }
+void glLinkProgram(GLuint program) { build("glLinkProgram", "program", program, inj().failLinkAt); }
+void glGetShaderiv(GLuint shader, GLenum pname, GLint* params) { getBuildStatus("glGetShaderiv", "shader", shader, pname, params); }
+void glGetProgramiv(GLuint program, GLenum pname, GLint* params) { getBuildStatus("glGetProgramiv", "program", program, pname, params); }
 void glGetShaderInfoLog(GLuint shader, GLsizei bufSize, GLsizei* length, GLchar* infoLog) {
-    record("glGetShaderInfoLog", shader, bufSize, length, infoLog);
-    copyLog(buildLog(state().compileOk, shader, inj().compileLog), bufSize, length, infoLog);
+    getBuildLog("glGetShaderInfoLog", "shader", shader, bufSize, length, infoLog);
 }
-
-void glGetProgramiv(GLuint program, GLenum pname, GLint* params) {
-    record("glGetProgramiv", program, pname, params);
-    const std::string log = buildLog(state().linkOk, program, inj().linkLog);
-    writeBuildStatus(state().linkOk, program, GL_LINK_STATUS, log, pname, params);
-}
-
 void glGetProgramInfoLog(GLuint program, GLsizei bufSize, GLsizei* length, GLchar* infoLog) {
-    record("glGetProgramInfoLog", program, bufSize, length, infoLog);
-    copyLog(buildLog(state().linkOk, program, inj().linkLog), bufSize, length, infoLog);
+    getBuildLog("glGetProgramInfoLog", "program", program, bufSize, length, infoLog);
 }
 
 void glBindAttribLocation(GLuint program, GLuint index, const GLchar* name) {

@@ -30,7 +30,7 @@ struct State {
     std::vector<ArmedError> armed;
     EGLint eglError = EGL_SUCCESS;  // pending until the next eglGetError
     std::map<std::pair<EGLenum, intptr_t>, uint64_t> displays;  // (platform, native) -> name; 0: eglGetDisplay
-    std::map<GLuint, bool> compileOk, linkOk;
+    std::map<std::pair<std::string, GLuint>, bool> built;  // (kind, name) of each compile or link -> succeeded
     std::map<std::pair<GLuint, std::string>, GLint> boundAttribs;
     std::map<std::string, GLint> uniformLocations;
 };

@@ -42,7 +42,6 @@ protected:
     void TearDown() override
     {
         for (auto* p : Access::pyramids(*engine)) p->assign(p->size(), nullptr);  // the test's own storage
-        BlendTest::TearDown();
     }
     static std::vector<Draw> draws()
     {
