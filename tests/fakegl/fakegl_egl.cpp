@@ -124,12 +124,10 @@ EGLBoolean eglChooseConfig(EGLDisplay dpy, const EGLint* attrib_list, EGLConfig*
 
 EGLBoolean eglGetConfigAttrib(EGLDisplay dpy, EGLConfig config, EGLint attribute, EGLint* value) {
     record("eglGetConfigAttrib", dpy, config, attribute, value);
-    if (config == nullptr || value == nullptr) return fail(config == nullptr ? EGL_BAD_CONFIG : EGL_BAD_PARAMETER);
-    switch (attribute) {
-    case EGL_RED_SIZE: case EGL_GREEN_SIZE: case EGL_BLUE_SIZE: case EGL_ALPHA_SIZE: *value = 8; break;
-    case EGL_SURFACE_TYPE: *value = EGL_PBUFFER_BIT | (inj().noWindowConfigs ? 0 : EGL_WINDOW_BIT); break;
-    default: *value = 0;
-    }
+    if (config == nullptr) return fail(EGL_BAD_CONFIG);
+    const bool channel = attribute == EGL_RED_SIZE || attribute == EGL_GREEN_SIZE || attribute == EGL_BLUE_SIZE ||
+                         attribute == EGL_ALPHA_SIZE;
+    *value = channel ? 8 : 0;
     return EGL_TRUE;
 }
 
@@ -146,7 +144,7 @@ EGLBoolean eglDestroySurface(EGLDisplay dpy, EGLSurface surface) {
 
 EGLBoolean eglQuerySurface(EGLDisplay dpy, EGLSurface surface, EGLint attribute, EGLint* value) {
     record("eglQuerySurface", dpy, surface, attribute, value);
-    if (!isLiveObject("surface", nameOf(surface)) || value == nullptr) return fail(EGL_BAD_SURFACE);
+    if (!isLiveObject("surface", nameOf(surface))) return fail(EGL_BAD_SURFACE);
     *value = attribute == EGL_WIDTH || attribute == EGL_HEIGHT ? 100 : 0;
     return EGL_TRUE;
 }
