@@ -1,6 +1,6 @@
 // A scriptable fake EGL + GLES driver for tests. It defines the EGL and GLES entry points the
 // library calls, records every call with its arguments, hands out object names and lets a test
-// inject failures. It renders nothing.
+// inject failures. It renders nothing, and expects one thread.
 #ifndef ZQGFX_AVS_FAKEGL_H
 #define ZQGFX_AVS_FAKEGL_H
 
@@ -17,20 +17,19 @@ namespace fakegl {
 
 struct Call {
     std::string fn;                // entry point name, e.g. "glDrawArrays"
-    std::vector<int64_t> args;     // scalar arguments in order (enums, names, sizes; pointers as integers)
+    std::vector<int64_t> args;     // scalar arguments in order (pointers as integers, floats truncated)
     std::vector<EGLint> attribs;   // EGL attribute list, up to and including EGL_NONE
     std::string text;              // string argument: shader source, attribute or uniform name
-    std::vector<double> floats;    // floating-point arguments in order (also truncated into args)
 };
 // glGen* / glDelete* calls carry n, the array pointer and then the names handed out or deleted.
-// eglGetProcAddress carries the looked-up name in text.
 
 // What the next calls should do. Defaults describe a conforming target driver.
 struct Injection {
     bool noDisplay = false;            // eglGetDisplay returns EGL_NO_DISPLAY
     bool initializeFails = false;      // eglInitialize returns EGL_FALSE
+    bool initializeFailsOnDefaultDisplay = false;  // only the eglGetDisplay display fails eglInitialize
     int numConfigs = 1;                // configs reported by eglChooseConfig
-    bool noSurface = false;            // eglCreatePbufferSurface returns EGL_NO_SURFACE
+    bool noWindowConfigs = false;      // configs lack EGL_WINDOW_BIT: none match a request for one
     bool noContext = false;            // eglCreateContext returns EGL_NO_CONTEXT
     bool makeCurrentFails = false;
     int nullImageFrom = 0;             // eglCreateImageKHR returns EGL_NO_IMAGE_KHR from this (1-based) call on; 0: never
@@ -41,22 +40,18 @@ struct Injection {
     std::string linkLog;
     bool noSync = false;               // eglCreateSyncKHR returns EGL_NO_SYNC_KHR
     EGLint clientWaitResult = EGL_CONDITION_SATISFIED_KHR;
-    EGLint clientWaitError = EGL_SUCCESS;   // error pending after eglClientWaitSyncKHR
     bool zeroBufferName = false;       // glGenBuffers hands out 0
     std::string eglExtensions = "EGL_KHR_image_base EGL_EXT_image_dma_buf_import "
                                 "EGL_EXT_image_dma_buf_import_modifiers EGL_KHR_fence_sync";
     std::string eglClientExtensions = "EGL_EXT_platform_base";
     bool noClientExtensions = false;   // EGL 1.4: the EGL_NO_DISPLAY query fails with EGL_BAD_DISPLAY
     std::string glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external GL_EXT_YUV_target";
-    std::string glVersion = "OpenGL ES 3.1 fakegl";
-    bool initializeFailsOnDefaultDisplay = false;  // only the eglGetDisplay display fails eglInitialize
-    bool noWindowConfigs = false;      // configs lack EGL_WINDOW_BIT: none match a request for one
 };
 
 void reset();                      // forget calls, objects and injections; names restart at 1
 Injection& inject();
 
-// Errors: queued values are returned by the next glGetError calls in order; an error armed
+// GL errors: queued values are returned by the next glGetError calls in order; an error armed
 // for a function is raised right after its n-th next call.
 void queueGlError(GLenum error);
 void failCall(const std::string& fn, GLenum error, int nth = 1);
@@ -68,9 +63,8 @@ size_t countCalls(const std::string& fn);
 long findCall(const std::string& fn, size_t from = 0);
 
 // Objects created and not yet deleted, by kind: "texture", "framebuffer", "buffer", "program",
-// "shader", "image", "sync", "surface", "context" (also "renderbuffer", "vertexarray", "query",
-// "sampler", "transformfeedback", "pipeline", "fence" for GL syncs, "display"). Deleting a name
-// twice or a name never created is counted in doubleDeletes(); name 0 and null handles are not.
+// "shader", "image", "sync", "surface", "context", "display". Deleting a name twice or a name
+// never created is counted in doubleDeletes(); name 0 and null handles are not.
 size_t liveObjects(const std::string& kind);
 size_t createdObjects(const std::string& kind);
 size_t doubleDeletes();

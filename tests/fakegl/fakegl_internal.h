@@ -5,16 +5,11 @@
 #include "fakegl.h"
 
 #include <cmath>
-#include <cstddef>
-#include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <set>
-#include <string>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace fakegl::detail {
 
@@ -24,102 +19,52 @@ struct ArmedError {
     int remaining;  // calls to fn still to come before the error is raised
 };
 
-// One recorder per process; every member is guarded by `mutex`.
 struct State {
-    std::mutex mutex;
     Injection inj;
     std::vector<Call> calls;
     std::map<std::string, size_t> callCounts;
-
-    std::map<std::string, GLuint> nextName;             // per kind, names start at 1
-    std::map<std::string, std::set<uint64_t>> live;     // per kind
-    std::map<std::string, size_t> created;              // per kind
+    std::map<std::string, std::set<uint64_t>> live;  // per kind
+    std::map<std::string, size_t> created;           // per kind; names run from 1
     size_t doubleDeletes = 0;
-
-    std::deque<GLenum> queuedGlErrors;   // queueGlError, returned first
-    std::deque<GLenum> raisedGlErrors;   // raised by failCall after their call
+    std::deque<GLenum> queuedGlErrors, raisedGlErrors;  // queued ones are returned first
     std::vector<ArmedError> armed;
-    EGLint eglError = EGL_SUCCESS;       // pending until the next eglGetError
-
-    std::map<std::pair<intptr_t, intptr_t>, uint64_t> displays;  // (platform, native) -> name
-    std::set<uint64_t> initializedDisplays;
-    uint64_t currentContext = 0;
-
-    std::map<GLuint, bool> compileOk, linkOk;
-    std::map<std::pair<GLuint, std::string>, GLint> boundAttribs;  // glBindAttribLocation
-    std::map<std::string, GLint> attribLocations, uniformLocations;
-    std::vector<std::string> glExtensionList;  // split from inj.glExtensions for glGetStringi
-    std::map<GLenum, std::vector<uint8_t>> mappedBuffers;  // by target, owned by the fake
-
-    // Bindings and pixel-store values a caller may query back with glGetIntegerv.
-    std::map<GLenum, GLint> integers;
-    GLint viewport[4] = {0, 0, 0, 0};
-    std::map<std::pair<GLint, GLenum>, GLuint> boundTextures;  // (active unit, target) -> texture
-    std::map<GLuint, GLint> textureFormats;                     // texture -> internal format
-    std::map<GLuint, GLuint> colorAttachments;                  // framebuffer -> texture
+    EGLint eglError = EGL_SUCCESS;  // pending until the next eglGetError
+    std::map<std::pair<EGLenum, intptr_t>, uint64_t> displays;  // (platform, native) -> name; 0: eglGetDisplay
+    std::map<std::pair<std::string, GLuint>, bool> built;  // (kind, name) of each compile or link -> succeeded
+    std::map<std::pair<GLuint, std::string>, GLint> boundAttribs;
+    std::map<std::string, GLint> uniformLocations;
 };
 
 State& state();
 inline Injection& inj() { return state().inj; }
-using Lock = std::lock_guard<std::mutex>;
 
-// Everything below expects the caller to hold state().mutex.
-Call& newCall(const char* fn);
+template <class T>
+int64_t scalar(T value) {
+    if constexpr (std::is_pointer_v<T>)
+        return static_cast<int64_t>(reinterpret_cast<intptr_t>(value));
+    else if constexpr (std::is_floating_point_v<T>)
+        return std::isfinite(value) && std::fabs(value) < 9.0e18 ? static_cast<int64_t>(value) : 0;
+    else
+        return static_cast<int64_t>(value);
+}
+
+Call& newCall(const char* fn, std::vector<int64_t> args);
+template <class... A>
+Call& record(const char* fn, A... args) { return newCall(fn, {scalar(args)...}); }
+
 uint64_t createObject(const std::string& kind);
 bool isLiveObject(const std::string& kind, uint64_t name);
 void destroyObject(const std::string& kind, uint64_t name);  // counts names that are not live
-void setEglError(EGLint error);
 std::vector<EGLint> copyAttribs(const EGLint* list);
 std::vector<EGLint> copyAttribs(const EGLAttrib* list);
 
-inline int64_t floatArg(double v) {
-    return std::isfinite(v) && std::fabs(v) < 9.0e18 ? static_cast<int64_t>(v) : 0;
-}
-
-template <class T>
-void pushArg(Call& call, T value) {
-    if constexpr (std::is_pointer_v<T>) {
-        call.args.push_back(static_cast<int64_t>(reinterpret_cast<intptr_t>(value)));
-    } else if constexpr (std::is_floating_point_v<T>) {
-        call.args.push_back(floatArg(value));
-        call.floats.push_back(value);
-    } else {
-        call.args.push_back(static_cast<int64_t>(value));
-    }
-}
-
-template <class... A>
-Call& recordLocked(const char* fn, A... args) {
-    Call& call = newCall(fn);
-    (pushArg(call, args), ...);
-    return call;
-}
-
-template <class... A>
-void record(const char* fn, A... args) {
-    Lock lock(state().mutex);
-    recordLocked(fn, args...);
-}
-
 template <class H>
-H handle(uint64_t name) {
-    return reinterpret_cast<H>(static_cast<uintptr_t>(name));
-}
+H handle(uint64_t name) { return reinterpret_cast<H>(static_cast<uintptr_t>(name)); }
 template <class H>
-uint64_t nameOf(H h) {
-    return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(h));
-}
+uint64_t nameOf(H h) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(h)); }
 
-using ProcAddress = __eglMustCastToProperFunctionPointerType;
-struct ProcEntry {
-    const char* name;
-    ProcAddress fn;
-};
-extern const ProcEntry kCoreProcs[];
-// GL extension entry points, handed out by eglGetProcAddress.
+// The GL extension entry point, handed out by eglGetProcAddress.
 void glEGLImageTargetTexture2DOES(GLenum target, GLeglImageOES image);
-void glEGLImageTargetRenderbufferStorageOES(GLenum target, GLeglImageOES image);
-extern const size_t kCoreProcCount;
 
 }  // namespace fakegl::detail
 

@@ -1,7 +1,6 @@
 #!/usr/bin/env python3
 """Writes fakegl_generated.cpp: a recording body for every EGL 1.5 and GLES 3.1 core entry point
-that the hand-written fakegl_egl.cpp / fakegl_gles.cpp do not define, plus the table that
-eglGetProcAddress uses to hand out core functions.
+that the hand-written fakegl_egl.cpp / fakegl_gles.cpp do not define.
 
 Usage: gen_fakegl_entries.py [include dir, default /usr/include] [output file]
 The build runs it, so the fake always matches the headers the library is compiled against.
@@ -56,11 +55,7 @@ def main():
         elif ret != "void":
             body += " return {};"
         out.append(f"{ret} {name}({params}) {{ {body} }}")
-    out += ["", '}  // extern "C"', "", "namespace fakegl::detail {", "",
-            "const ProcEntry kCoreProcs[] = {"]
-    out += [f'    {{"{name}", reinterpret_cast<ProcAddress>({name})}},' for _, name, _ in protos]
-    out += ["};", "const size_t kCoreProcCount = sizeof(kCoreProcs) / sizeof(kCoreProcs[0]);", "",
-            "}  // namespace fakegl::detail", ""]
+    out += ["", '}  // extern "C"', ""]
     target = sys.argv[2] if len(sys.argv) > 2 else os.path.join(HERE, "fakegl_generated.cpp")
     with open(target, "w") as f:
         f.write("\n".join(out))

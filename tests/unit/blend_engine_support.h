@@ -26,7 +26,6 @@ struct BlendEngineTestAccess {
         return {&e.gaussFboAttrA, &e.gaussFboAttrB, &e.outFboAttr, &e.alphaAttr};
     }
     static const std::vector<PaddedAlphaLevel>& padded(E& e) { return e.paddedAlphaLevels; }
-    static std::vector<GLuint> programs(E& e) { return {e.gProgram, e.gProgram_lowest, e.gProgram_blend, e.gProgram_blendYUV}; }
     // What init leaves behind (programs 11..14, attribute locations 0 and 1), without pyramids.
     static void adopt(E& e, multibandResource* r)
     {
@@ -111,10 +110,8 @@ inline std::vector<int> flagsOf(int cameras, std::vector<int> blended)
 using engine_test::hasErrorLine;
 using engine_test::stdoutOf;
 
-class BlendTest : public ::testing::Test {
-protected:
+struct BlendTest : ::testing::Test {
     void SetUp() override { fakegl::reset(); }
-    void TearDown() override { fakegl::reset(); }
 };
 
 }  // namespace blend_test

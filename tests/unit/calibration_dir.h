@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "avs_calib_core.h"
 #include "zqgfx_gpu_avs.h"
 
 namespace entry_test {
@@ -52,25 +53,10 @@ inline PSR_INITPARAMS_T ringLayout(int cameras, int nonoverlap, int overlap)
 }
 
 // The parameter file of `layout`: the global section, then one section per camera.
-inline std::string paramsText(const PSR_INITPARAMS_T& l)
+inline std::string paramsText(PSR_INITPARAMS_T l)
 {
-    std::string text;
-    auto put = [&text](const char* label, const std::vector<int>& values) {
-        for (int v : values) text += std::string(label) + " " + std::to_string(v) + "\n";
-    };
-    put("src_width", {l.src_width, l.src_height, l.bld_width, l.bld_height, l.step_x, l.step_y});
-    for (size_t c = 0; c < l.image_block_num.size(); ++c) {
-        const zqPSR_NONOVERLAP_BLOCK& n = l.nonoverlap_block[c];
-        const zqPSR_OVERLAP_BLOCK& o = l.overlap_block[c];
-        text += "camera_" + std::to_string(c) + ": " + std::to_string(l.image_block_num[c]) + "\n";
-        put("num", {n.nonoverlap_num, o.overlap_num});
-        for (int b = 0; b < n.nonoverlap_num; ++b)
-            put("nonoverlap", {n.dst_startx[b], n.dst_width[b], n.mesh_width[b], n.mesh_height[b]});
-        for (int b = 0; b < o.overlap_num; ++b)
-            put("overlap", {o.band_num[b], o.dst_startx[b], o.dst_width[b], o.mesh_width[b], o.mesh_height[b],
-                            o.alpha_width[b], o.alpha_height[b]});
-    }
-    return text;
+    l.camera_num = static_cast<int>(l.image_block_num.size());
+    return zqavs_calib_core::paramsFileText(l);
 }
 
 // Mesh node count of block `position` of camera `camera`.

@@ -1,7 +1,5 @@
-// The calibration core: what its parameter-file reader reports line by line, and its writer's
-// all-or-nothing promise.
-#include <sys/stat.h>
-
+// The calibration core: its parameter-file reader (the library's own) with what it reports line
+// by line, and its writer's all-or-nothing promise.
 #include <cstring>
 #include <functional>
 #include <map>
@@ -15,41 +13,94 @@ namespace core = zqavs_calib_core;
 namespace {
 
 const std::string kGlobal = "src_width 640\nsrc_height 480\nbld_width 2048\nbld_height 480\nstep_x 16\nstep_y 8\n";
-const std::string kCamera0 = "camera_0: 1\nnonoverlap_num 1\noverlap_num 0\nx 10\nx 20\nx 3\nx 4\n";
+// Camera 0 with one non-overlap and one overlap block.
+const std::string kCamera0 = "camera_0: 2\nn 1\no 1\nx 10\nx 20\nx 3\nx 4\nx 5\nx 30\nx 40\nx 6\nx 7\nx 8\nx 9\n";
 
-// "LINE E|W message" for every diagnostic of `text`.
-std::vector<std::string> diagnose(const std::string& text)
+// Reads `text` into `layout`; returns "LINE E|W message" for every diagnostic.
+std::vector<std::string> read(const std::string& text, PSR_INITPARAMS_T* layout)
 {
     std::vector<std::string> found;
     std::istringstream in(text);
-    PSR_INITPARAMS_T layout;
-    core::readParams(in, &layout, [&](const core::ParamsDiagnostic& d) {
+    core::readParams(in, layout, [&](const core::ParamsDiagnostic& d) {
         found.push_back(std::to_string(d.line) + (d.severity == d.Error ? " E " : " W ") + d.message);
     });
     return found;
 }
 
+std::vector<int> globals(const PSR_INITPARAMS_T& l)
+{
+    return {l.src_width, l.src_height, l.bld_width, l.bld_height, l.step_x, l.step_y};
+}
+
+TEST(CalibCore, ReaderTakesSectionsByPositionAndTheSecondTokenAsTheValue)
+{
+    PSR_INITPARAMS_T l;
+    ASSERT_TRUE(read(kGlobal + kCamera0 + "camera_1: 0\nn 0\no 0\n", &l).empty());
+    EXPECT_EQ(globals(l), (std::vector<int>{640, 480, 2048, 480, 16, 8}));
+    EXPECT_EQ(l.image_block_num, (std::vector<int>{2, 0}));
+    const zqPSR_NONOVERLAP_BLOCK& n = l.nonoverlap_block.at(0);
+    EXPECT_EQ((std::vector<int>{n.nonoverlap_num, n.dst_startx[0], n.dst_width[0], n.mesh_width[0], n.mesh_height[0]}),
+              (std::vector<int>{1, 10, 20, 3, 4}));
+    const zqPSR_OVERLAP_BLOCK& o = l.overlap_block.at(0);
+    EXPECT_EQ((std::vector<int>{o.overlap_num, o.band_num[0], o.dst_startx[0], o.dst_width[0], o.mesh_width[0],
+                                o.mesh_height[0], o.alpha_width[0], o.alpha_height[0]}),
+              (std::vector<int>{1, 5, 30, 40, 6, 7, 8, 9}));
+    EXPECT_TRUE(l.nonoverlap_block.at(1).dst_startx.empty());  // a camera without blocks has empty records
+    EXPECT_EQ(l.camera_num, 0);                                // not the file's business
+
+    // camera_1 before camera_0 and an empty line each start a global section; the last one wins.
+    l = PSR_INITPARAMS_T();
+    read(kGlobal + "camera_1: 2\na 1\na 2\na 3\na 4\na 5\n\na 11\na 12\na 13\na 14\na 15\n", &l);
+    EXPECT_TRUE(l.image_block_num.empty());
+    EXPECT_EQ(globals(l), (std::vector<int>{0, 11, 12, 13, 14, 15}));
+    // The value is the second token at single blanks: two blanks give 0. A last section-starting
+    // line without a line break is not taken.
+    read("w  640\nh 480 99\nbw\nbh x12\nsx -16\nsy 8px\nsrc_width 1", &l);
+    EXPECT_EQ(globals(l), (std::vector<int>{0, 480, 0, 0, -16, 8}));
+
+    // Appends to what the layout holds; wild counts are kept (the loader refuses them), but no
+    // more blocks are read than a camera holds.
+    l.image_block_num = {42};
+    read(kGlobal + "camera_0: 2\nn 2000000000\no -5\n", &l);
+    EXPECT_EQ(l.image_block_num, (std::vector<int>{42, 2}));
+    EXPECT_EQ(l.nonoverlap_block.at(0).nonoverlap_num, 2000000000);
+    EXPECT_EQ(l.nonoverlap_block[0].dst_startx.size(), static_cast<size_t>(core::kMaxBlocksPerCamera));
+    EXPECT_EQ(l.overlap_block[0].overlap_num, -5);
+}
+
 TEST(CalibCore, ReaderReportsEveryLineThatDoesNotMeanWhatItSeems)
 {
-    // Each expected entry is the start of one diagnostic, in order.
-    const std::vector<std::pair<std::string, std::vector<std::string>>> rows = {
-        {kGlobal + kCamera0, {}},
-        {kGlobal + "camera_0: 1\n# 1\no 0\nx 10\nx 20\nx 3\nx 4\n",
-         {"8 E comment line inside camera_0: is read as the value of 'nonoverlap_num'"}},
+    // Each expected entry is the start of one diagnostic, in order; then the last overlap block's
+    // alpha height read, or -1 for none.
+    struct Row {
+        std::string text;
+        std::vector<std::string> diagnostics;
+        int alphaHeight;
+    };
+    const Row rows[] = {
+        {kGlobal + kCamera0, {}, 9},
+        // A last data line without a line break is taken; a last section-starting one is not.
+        {kGlobal + kCamera0.substr(0, kCamera0.size() - 1), {}, 9},
+        {kGlobal + kCamera0 + "camera_1: 0", {"21 W the last line has no line break and is not read"}, 9},
+        // '#' is a comment only where a section starts; inside a section it is data.
+        {"# layout\n" + kGlobal + "#camera_0: 9\ncamera_0: 1\n# 1\no 0\nx 10\nx 20\nx 3\nx 4\n",
+         {"10 E comment line inside camera_0: is read as the value of 'nonoverlap_num'"}, -1},
         {"src_width  640\n" + kGlobal.substr(kGlobal.find('\n') + 1) + kCamera0,
-         {"1 W 'src_width' has no number after a single blank"}},
+         {"1 W 'src_width' has no number after a single blank"}, 9},
         {kGlobal + "camera_1: 0\na 1\na 2\na 3\na 4\na 5\n",
-         {"7 E 'camera_1:' where 'camera_0:' was expected", "7 W a second global section"}},
+         {"7 E 'camera_1:' where 'camera_0:' was expected", "7 W a second global section"}, -1},
         {kGlobal + "camera_0: 1\nn 1\no 0\nx 10\n",
          {"10 E the file ends inside camera_0:", "10 E the file ends inside camera_0:",
-          "10 E the file ends inside camera_0:"}},
-        {kGlobal + kCamera0 + "camera_1: 0", {"14 W the last line has no line break"}},
-        {kGlobal + "camera_0: 0\nn 0\no -1\n", {"7 E camera_0: block counts 0 + -1 are not plausible"}},
+          "10 E the file ends inside camera_0:"}, -1},
+        {kGlobal + "camera_0: 0\nn 0\no -1\n", {"7 E camera_0: block counts 0 + -1 are not plausible"}, -1},
     };
-    for (const auto& row : rows) {
-        const std::vector<std::string> found = diagnose(row.first);
-        ASSERT_EQ(found.size(), row.second.size()) << row.first << testing::PrintToString(found);
-        for (size_t i = 0; i < found.size(); ++i) EXPECT_EQ(found[i].rfind(row.second[i], 0), 0u) << found[i];
+    for (const Row& row : rows) {
+        PSR_INITPARAMS_T l;
+        const std::vector<std::string> found = read(row.text, &l);
+        ASSERT_EQ(found.size(), row.diagnostics.size()) << row.text << testing::PrintToString(found);
+        for (size_t i = 0; i < found.size(); ++i) EXPECT_EQ(found[i].rfind(row.diagnostics[i], 0), 0u) << found[i];
+        const bool overlap = !l.overlap_block.empty() && !l.overlap_block.back().alpha_height.empty();
+        EXPECT_EQ(overlap ? l.overlap_block.back().alpha_height.back() : -1, row.alphaHeight) << row.text;
     }
 }
 
