@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <regex>
 #include <string>
 
 #include "fakegl/fakegl.h"
@@ -32,6 +33,26 @@ using EnginePtr = std::unique_ptr<zqgfx_gpu_avs::ZQGL_Remap, EngineDeleter>;
 inline EnginePtr makeEngine()
 {
     return EnginePtr(new (calloc(1, sizeof(zqgfx_gpu_avs::ZQGL_Remap))) zqgfx_gpu_avs::ZQGL_Remap);
+}
+
+// The calls from `from` on whose names `filter` finds, runs of one name written "name*n", to
+// compare call sequences with a compact expected string.
+inline std::string callSequence(const std::string& filter, size_t from = 0)
+{
+    const std::regex wanted(filter);
+    std::string out, last;
+    int run = 0;
+    auto close = [&] {
+        if (run > 0) out += (out.empty() ? "" : " ") + last + (run > 1 ? "*" + std::to_string(run) : "");
+    };
+    for (size_t i = from; i < fakegl::calls().size(); ++i) {
+        const std::string& fn = fakegl::calls()[i].fn;
+        if (!std::regex_search(fn, wanted)) continue;
+        if (fn != last) close(), last = fn, run = 0;
+        ++run;
+    }
+    close();
+    return out;
 }
 
 using engine_test::hasErrorLine;

@@ -9,18 +9,13 @@
 
 #include "calibration_dir.h"
 #include "instance_support.h"
+#include "unit/engine_log_support.h"
 
 using entry_test::contains;
+using engine_test::hasErrorLine;
 using entry_test::stdoutOf;
 
 namespace {
-
-// `text` in the error form of `function`, followed by the separately written newline.
-bool hasErrorLine(const std::string& out, const std::string& function, const std::string& text)
-{
-    return contains(out, ": " + text + "\n") &&
-           std::regex_search(out, std::regex("libzqgfx_avs: " + function + ",line=[0-9]+: "));
-}
 
 bool hasTraceLines(const std::string& out)
 {
@@ -63,7 +58,6 @@ public:
     // File mode on the four-camera calibration as `change` leaves it (the buffers fit the original).
     ZQGFX_AVS_STATUS initChanged(const std::function<void(PSR_INITPARAMS_T&)>& change)
     {
-        writeFourCameraCalibration();
         change(layout);
         dir.writeCalibration(layout);
         return ZQGFX_AVS_init(&context);
@@ -71,7 +65,6 @@ public:
     // Buffer mode on the same calibration, the records as `change` leaves them.
     ZQGFX_AVS_STATUS initBuffers(const std::function<void(EntryPoints&)>& change)
     {
-        writeFourCameraCalibration();
         callerMeshes = std::make_unique<entry_test::CallerMeshes>(layout);
         alphaRecord = PSR_DRM_BUF_MSG_S{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
         std::fill(std::begin(alphaRecords), std::end(alphaRecords), &alphaRecord);
@@ -83,10 +76,9 @@ public:
     // A running instance, then `call`.
     ZQGFX_AVS_STATUS running(const std::function<ZQGFX_AVS_STATUS(EntryPoints&)>& call)
     {
-        writeFourCameraCalibration();
         return ZQGFX_AVS_init(&context) == ZQGFX_AVS_SUCCESS ? call(*this) : ZQGFX_AVS_FAILED;
     }
-    ZQGFX_AVS_STATUS initAndFrame() { return ZQGFX_AVS_init(&context) ? ZQGFX_AVS_FAILED : ZQGFX_AVS_AllProcess(&context); }
+    ZQGFX_AVS_STATUS initAndFrame() { return running([](EntryPoints& t) { return ZQGFX_AVS_AllProcess(&t.context); }); }
     void replace(const std::string& name, const std::string& bytes)
     {
         std::filesystem::remove(dir.path() + name);
@@ -94,6 +86,7 @@ public:
         else dir.write(name, bytes.data(), bytes.size());
     }
 
+    ZQGFX_AVS_STATUS initNow() { return ZQGFX_AVS_init(&context); }
     ZQGFX_AVS_STATUS init()
     {
         ZQGFX_AVS_STATUS status = ZQGFX_AVS_FAILED;
@@ -214,17 +207,6 @@ TEST_F(EntryPoints, FileModeInstanceRunsFramesInOrderAndEndsAsTheCallerSynchroni
     forgetInstance();
 }
 
-TEST_F(EntryPoints, UpdateMeshNamesTheBlockByCameraTimesTen)
-{
-    writeFourCameraCalibration();
-    setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
-    ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
-    std::vector<float> mesh(3 * 16, 1.0f);
-    PSR_REMAP_MESH record{4, 16, 16, 3, 16, mesh.data(), -1, mesh.data(), -1};
-    std::string out = stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_update_mesh(nullptr, &record), ZQGFX_AVS_SUCCESS); });
-    EXPECT_TRUE(contains(out, "Update mesh: index=4 inner_index=11 step_x=16 step_y=16 mesh_w=3 mesh_h=16 ")) << out;
-}
-
 TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
 {
     const std::pair<std::function<void(EntryPoints&)>, const char*> rows[] = {
@@ -275,15 +257,9 @@ TEST_F(EntryPoints, RepeatedInstancesLeaveNoDriverObjectBehind)
 TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
 {
     writeFourCameraCalibration();
-    entry_test::CallerMeshes caller(layout);
-    const std::vector<std::vector<float>>& meshes = caller.meshes;
-    PSR_DRM_BUF_MSG_S alphaBuffer{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
-    void* alphaBuffers[3] = {&alphaBuffer, &alphaBuffer, &alphaBuffer};
-    context.useMeshBufAddress = 1, context.AVS_initParams = &layout, context.meshFilePath = nullptr;
-    context.avsRemapMeshArray = caller.pointers.data(), context.meshAlphaDrmBufMsgArray = alphaBuffers;
-
-    ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
-    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data());
+    printed = stdoutOf([&] { EXPECT_EQ(initBuffers([](EntryPoints&) {}), ZQGFX_AVS_SUCCESS); });
+    const std::vector<std::vector<float>>& meshes = callerMeshes->meshes;
+    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data()) << printed;
     stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS); });
     forgetInstance();
     // Still the caller's (freeing them here would also trip the allocator when the vectors go).
@@ -309,26 +285,26 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
     const Row rows[] = {
         // ---- the context
         {"null context", [](T&) { return ZQGFX_AVS_init(nullptr); }, failed, "input context is NULL, return FAILED!"},
-        {"no calibration directory", [](T& t) { t.writeFourCameraCalibration(); t.context.meshFilePath = nullptr;
-             return ZQGFX_AVS_init(&t.context); }, failed, "meshFilePath is NULL, FAILED!"},
-        {"input width not a multiple of 16", [](T& t) { t.writeFourCameraCalibration(); t.context.inputBufferWidth = 328;
-             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x240"},
-        {"output height not the panorama's", [](T& t) { t.writeFourCameraCalibration(); t.context.outputBufferHeight = 480;
-             return ZQGFX_AVS_init(&t.context); }, failed, "outputBufferWidth is not aligned with 16, recommend size: 1280x240"},
-        {"more views than cameras", [](T& t) { t.writeFourCameraCalibration(); t.context.numView = 5;
-             return ZQGFX_AVS_init(&t.context); }, failed, params + " describes 4 cameras but camera_num is 5, FAILED!"},
-        {"negative view count", [](T& t) { t.writeFourCameraCalibration(); t.context.numView = 0x80000000u;
-             return ZQGFX_AVS_init(&t.context); }, failed, "camera_num=-2147483648 is negative, FAILED!"},
+        {"no calibration directory", [](T& t) { t.context.meshFilePath = nullptr;
+             return t.initNow(); }, failed, "meshFilePath is NULL, FAILED!"},
+        {"input width not a multiple of 16", [](T& t) { t.context.inputBufferWidth = 328;
+             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x240"},
+        {"output height not the panorama's", [](T& t) { t.context.outputBufferHeight = 480;
+             return t.initNow(); }, failed, "outputBufferWidth is not aligned with 16, recommend size: 1280x240"},
+        {"more views than cameras", [](T& t) { t.context.numView = 5;
+             return t.initNow(); }, failed, params + " describes 4 cameras but camera_num is 5, FAILED!"},
+        {"negative view count", [](T& t) { t.context.numView = 0x80000000u;
+             return t.initNow(); }, failed, "camera_num=-2147483648 is negative, FAILED!"},
         // ---- the calibration files
-        {"no parameter file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_mesh_params.txt");
-             return ZQGFX_AVS_init(&t.context); }, failed, "Read failed:"},
-        {"directory for the parameter file", [&](T& t) { t.writeFourCameraCalibration(); t.replace(params, "DIR");
-             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 0x0"},
-        {"non-numeric value", [&](T& t) { t.writeFourCameraCalibration();  // reads as 0
+        {"no parameter file", [](T& t) { t.dir.remove("zq_ps_gpu_mesh_params.txt");
+             return t.initNow(); }, failed, "Read failed:"},
+        {"directory for the parameter file", [&](T& t) { t.replace(params, "DIR");
+             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 0x0"},
+        {"non-numeric value", [&](T& t) {  // reads as 0
              std::string text = entry_test::paramsText(t.layout);
              text.replace(text.find("240"), 3, "high");
              t.replace(params, text);
-             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
+             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
         {"block count disagreeing with the lists", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
          failed, layoutAt + "1 declares 2 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"negative block count", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[0] = {}, l.overlap_block[0].overlap_num = -1; }); },
@@ -337,18 +313,18 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, layoutAt + "0 has 11 blocks, at most 10 are supported, FAILED!"},
         {"negative mesh size", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].mesh_height[0] = -3; }); },
          failed, layoutAt + "1 block 1 has a negative size, FAILED!"},
-        {"missing mesh file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_meshy11.bin");
-             return ZQGFX_AVS_init(&t.context); }, failed, "open failed: "},
-        {"short mesh file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_meshx02.bin", "abc");
-             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_meshx02.bin holds 3 bytes, 192 expected, FAILED!"},
-        {"directory for a mesh file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_meshx00.bin", "DIR");
-             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_meshx00.bin holds 0 bytes, 1088 expected, FAILED!"},
-        {"missing alpha file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_alpha12.bin");
-             return ZQGFX_AVS_init(&t.context); }, failed, "avs-debug fopen failed layername:"},
-        {"short alpha file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_alpha01.bin", "abcd");
-             return ZQGFX_AVS_init(&t.context); }, failed, "alpha file too short"},
-        {"directory for an alpha file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_alpha23.bin", "DIR");
-             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_alpha23.bin elements=0 expected=9600"},
+        {"missing mesh file", [](T& t) { t.dir.remove("zq_ps_gpu_meshy11.bin");
+             return t.initNow(); }, failed, "open failed: "},
+        {"short mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx02.bin", "abc");
+             return t.initNow(); }, failed, "zq_ps_gpu_meshx02.bin holds 3 bytes, 192 expected, FAILED!"},
+        {"directory for a mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx00.bin", "DIR");
+             return t.initNow(); }, failed, "zq_ps_gpu_meshx00.bin holds 0 bytes, 1088 expected, FAILED!"},
+        {"missing alpha file", [](T& t) { t.dir.remove("zq_ps_gpu_alpha12.bin");
+             return t.initNow(); }, failed, "avs-debug fopen failed layername:"},
+        {"short alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha01.bin", "abcd");
+             return t.initNow(); }, failed, "alpha file too short"},
+        {"directory for an alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha23.bin", "DIR");
+             return t.initNow(); }, failed, "zq_ps_gpu_alpha23.bin elements=0 expected=9600"},
         {"alpha map wider than its block", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].alpha_width[0] = 64; }); },
          failed, "zq_ps_gpu_alpha01.bin elements=9600 expected=19200"},
         {"band count too deep for the seam", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].band_num[0] = 16; }); },
@@ -357,11 +333,11 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              l.bld_width = 20000; t.context.outputBufferWidth = 20000; });
              return ZQGFX_AVS_AllProcess(&t.context); }, failed, "bld_width=20000 or bld_height=240 is exceed the gpu max texture size limit!"},
         // ---- what the GPU only draws: meshes and blocks placed anywhere
-        {"not-a-number meshes", [](T& t) { t.writeFourCameraCalibration();
+        {"not-a-number meshes", [](T& t) {
              const std::vector<float> nan(17 * 16, std::nanf(""));
              t.dir.write("zq_ps_gpu_meshx10.bin", nan.data(), nan.size() * sizeof(float));
              return t.initAndFrame(); }, ok, ""},
-        {"meshes far outside the image", [](T& t) { t.writeFourCameraCalibration();
+        {"meshes far outside the image", [](T& t) {
              const std::vector<float> far(3 * 16, -1e30f);
              t.dir.write("zq_ps_gpu_meshy21.bin", far.data(), far.size() * sizeof(float));
              return t.initAndFrame(); }, ok, ""},
@@ -405,6 +381,11 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         {"mesh update of an unknown block", [](T& t) { return t.running([](T& u) {
              PSR_REMAP_MESH record{12, 16, 16, 3, 16, u.alpha.data(), -1, u.alpha.data(), -1};
              return ZQGFX_AVS_update_mesh(&u.context, &record); }); }, failed, "ZQGFX_AVS_update_mesh FAILED!"},
+        {"mesh update names the block by camera times ten", [](T& t) { setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
+             return t.running([](T& u) { unsetenv("ZQ_GPU_AVS_DEBUG_LOG");
+             PSR_REMAP_MESH record{4, 16, 16, 3, 16, u.alpha.data(), -1, u.alpha.data(), -1};
+             return ZQGFX_AVS_update_mesh(nullptr, &record); }); }, ok,
+         "Update mesh: index=4 inner_index=11 step_x=16 step_y=16 mesh_w=3 mesh_h=16 "},
         {"mesh update without a mesh", [](T& t) { return t.running([](T& u) { return ZQGFX_AVS_update_mesh(&u.context, nullptr); }); },
          failed, "no mesh or no initialised instance on this thread, FAILED!"},
         {"wait on no fence", [](T& t) { return t.running([](T&) { return ZQGFX_AVS_wait_sync(nullptr); }); }, failed,
@@ -419,25 +400,26 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              entry_test::forgetInstance();
              return ZQGFX_AVS_deinit(&t.context); }, ok, ""},
     };
+    auto fresh = [this] {
+        fakegl::reset();
+        std::filesystem::remove_all(dir.path());
+        std::filesystem::create_directory(dir.path());
+        writeFourCameraCalibration();
+        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+    };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        fakegl::reset();
-        context = ZQGFX_AVS_CONTEXT_T{};
-        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+        fresh();
         ZQGFX_AVS_STATUS status = ZQGFX_AVS_SUCCESS;
         const std::string out = stdoutOf([&] { status = row.call(*this); });
         EXPECT_EQ(status, row.expected) << out;
         EXPECT_TRUE(row.expected == ok && row.line.empty() ? !contains(out, "FAILED") : contains(out, row.line)) << out;
         stdoutOf([&] { entry_test::endInstance(&context); });
-        std::filesystem::remove_all(dir.path());
-        std::filesystem::create_directory(dir.path());
 
-        fakegl::reset();
-        context = ZQGFX_AVS_CONTEXT_T{};
-        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+        fresh();
         ZQGFX_AVS_STATUS recovered = failed;
         const std::string again = stdoutOf([&] {
-            recovered = running([](T& t) { return ZQGFX_AVS_AllProcess(&t.context); });
+            recovered = initAndFrame();
             entry_test::endInstance(&context);
         });
         EXPECT_EQ(recovered, ok) << again;
