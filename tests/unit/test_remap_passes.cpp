@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "unit/remap_layout_support.h"
+#include "unit/remap_engine_support.h"
 
 namespace {
 

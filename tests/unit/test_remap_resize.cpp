@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "gles_multiband_blend.h"
-#include "unit/remap_layout_support.h"
+#include "unit/remap_engine_support.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <tuple>
 #include <vector>
 
-#include "unit/remap_layout_support.h"
+#include "unit/remap_engine_support.h"
 
 namespace {
 
