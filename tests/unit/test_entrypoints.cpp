@@ -40,7 +40,6 @@ public:
     }
 
     static void forgetInstance() { entry_test::forgetInstance(); }
-    static void releaseObjectsOfAFailedInit() { entry_test::releaseObjectsOfAFailedInit(); }
 
     // Four cameras in a ring, two-level pyramids; camera 3's right seam does not meet camera 0's left.
     void writeFourCameraCalibration()
@@ -140,12 +139,9 @@ TEST_F(EntryPoints, TraceLinesNeedLevelThreeAtInit)
         SCOPED_TRACE(value);
         setenv("ZQ_GPU_AVS_DEBUG_LOG", value, 1);
         EXPECT_EQ(init(), ZQGFX_AVS_FAILED);
-        EXPECT_TRUE(hasErrorLine(printed, "ZQGFX_AVS_init", "inputBufferFormat:0x3231564e,useMeshBufAddress=0,numView=2\n"));
-        EXPECT_TRUE(contains(printed, "Read failed:" + dir.path() + "zq_ps_gpu_mesh_params.txt\n"));
         EXPECT_TRUE(hasErrorLine(printed, "ZQGFX_AVS_init", "init_coords_and_params FAILED!")) << printed;
         EXPECT_EQ(hasTraceLines(printed) + contains(printed, "init_params_internal="), 2 * (atoi(value) > 2)) << printed;
-        releaseObjectsOfAFailedInit();
-        forgetInstance();
+        entry_test::endInstance(&context);
     }
     // The level is read at init only: a later change waits for the next init.
     setenv("ZQ_GPU_AVS_DEBUG_LOG", "0", 1);

