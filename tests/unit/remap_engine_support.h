@@ -1,5 +1,5 @@
-// Remap engine tests against the fake driver: an engine built as its owner builds it
-// (zero-filled memory, placement new).
+// Remap engine tests against the fake driver: an engine built as its owner builds it (zero-filled
+// memory, placement new), small stitching layouts built block by block and meshes for them.
 #ifndef ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
 #define ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
 
@@ -8,7 +8,9 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <regex>
 #include <string>
+#include <vector>
 
 #include "fakegl/fakegl.h"
 #include "unit/engine_log_support.h"
@@ -34,6 +36,26 @@ inline EnginePtr makeEngine()
     return EnginePtr(new (calloc(1, sizeof(zqgfx_gpu_avs::ZQGL_Remap))) zqgfx_gpu_avs::ZQGL_Remap);
 }
 
+// The calls from `from` on whose names `filter` finds, runs of one name written "name*n", to
+// compare call sequences with a compact expected string.
+inline std::string callSequence(const std::string& filter, size_t from = 0)
+{
+    const std::regex wanted(filter);
+    std::string out, last;
+    int run = 0;
+    auto close = [&] {
+        if (run > 0) out += (out.empty() ? "" : " ") + last + (run > 1 ? "*" + std::to_string(run) : "");
+    };
+    for (size_t i = from; i < fakegl::calls().size(); ++i) {
+        const std::string& fn = fakegl::calls()[i].fn;
+        if (!std::regex_search(fn, wanted)) continue;
+        if (fn != last) close(), last = fn, run = 0;
+        ++run;
+    }
+    close();
+    return out;
+}
+
 using engine_test::hasErrorLine;
 using engine_test::stdoutOf;
 
@@ -51,6 +73,75 @@ protected:
 
     EnginePtr engine = makeEngine();
     zqgfx_gpu_avs::multibandResource resource{};
+};
+
+// One block of a test layout: destination start and width, mesh nodes across and down.
+struct TestBlock {
+    int startx, width, mesh_w, mesh_h;
+};
+
+inline PSR_INITPARAMS_T makeLayout(int bld_w, int bld_h)
+{
+    PSR_INITPARAMS_T layout;
+    layout.src_width = 640, layout.src_height = 480, layout.bld_width = bld_w, layout.bld_height = bld_h;
+    layout.step_x = layout.step_y = 16;
+    return layout;
+}
+
+template <class Blocks>
+void fillBlocks(Blocks& list, int& count, const std::vector<TestBlock>& blocks)
+{
+    count = static_cast<int>(blocks.size());
+    for (const TestBlock& b : blocks)
+        list.dst_startx.push_back(b.startx), list.dst_width.push_back(b.width), list.mesh_width.push_back(b.mesh_w),
+            list.mesh_height.push_back(b.mesh_h);
+}
+
+inline void addCamera(PSR_INITPARAMS_T& layout, const std::vector<TestBlock>& plain,
+                      const std::vector<TestBlock>& overlap)
+{
+    layout.nonoverlap_block.emplace_back();
+    fillBlocks(layout.nonoverlap_block.back(), layout.nonoverlap_block.back().nonoverlap_num, plain);
+    layout.overlap_block.emplace_back();
+    fillBlocks(layout.overlap_block.back(), layout.overlap_block.back().overlap_num, overlap);
+    layout.camera_num = static_cast<int>(layout.nonoverlap_block.size());
+}
+
+// A mesh table for every block of a layout (per camera, non-overlap blocks first). The set-up
+// only reads the nodes, so all blocks share one zero mesh large enough for any test block.
+struct TestMeshes {
+    explicit TestMeshes(const PSR_INITPARAMS_T& layout) : nodes(64 * 64, 0.0f)
+    {
+        for (int cam = 0; cam < layout.camera_num; ++cam) {
+            const size_t blocks = static_cast<size_t>(layout.nonoverlap_block[cam].nonoverlap_num +
+                                                      layout.overlap_block[cam].overlap_num);
+            meshx.emplace_back(blocks, nodes.data());
+            meshy.emplace_back(blocks, nodes.data());
+        }
+    }
+
+    std::vector<float> nodes;
+    std::vector<std::vector<float*>> meshx, meshy;
+};
+
+// Fake driver reset and a fresh engine; the cached CPU arrays are released at the end.
+class RemapLayoutTest : public testing::Test {
+protected:
+    void SetUp() override { fakegl::reset(); }
+    void TearDown() override { engine->deleteCachedVbo(); }
+
+    // glesRemapInit of `layout` with meshes for every block; its standard output is dropped.
+    int setUpEngine(PSR_INITPARAMS_T& layout)
+    {
+        meshes = std::make_unique<TestMeshes>(layout);
+        int result = -1;
+        stdoutOf([&] { result = engine->glesRemapInit(&layout, &resource, meshes->meshx, meshes->meshy); });
+        return result;
+    }
+
+    EnginePtr engine = makeEngine();
+    zqgfx_gpu_avs::multibandResource resource{};
+    std::unique_ptr<TestMeshes> meshes;
 };
 
 }  // namespace remap_test

@@ -9,18 +9,14 @@
 
 #include "calibration_dir.h"
 #include "instance_support.h"
+#include "unit/remap_engine_support.h"
+#include "unit/engine_log_support.h"
 
 using entry_test::contains;
+using engine_test::hasErrorLine;
 using entry_test::stdoutOf;
 
 namespace {
-
-// `text` in the error form of `function`, followed by the separately written newline.
-bool hasErrorLine(const std::string& out, const std::string& function, const std::string& text)
-{
-    return contains(out, ": " + text + "\n") &&
-           std::regex_search(out, std::regex("libzqgfx_avs: " + function + ",line=[0-9]+: "));
-}
 
 bool hasTraceLines(const std::string& out)
 {
@@ -44,7 +40,6 @@ public:
     }
 
     static void forgetInstance() { entry_test::forgetInstance(); }
-    static void releaseObjectsOfAFailedInit() { entry_test::releaseObjectsOfAFailedInit(); }
 
     // Four cameras in a ring, two-level pyramids; camera 3's right seam does not meet camera 0's left.
     void writeFourCameraCalibration()
@@ -63,7 +58,6 @@ public:
     // File mode on the four-camera calibration as `change` leaves it (the buffers fit the original).
     ZQGFX_AVS_STATUS initChanged(const std::function<void(PSR_INITPARAMS_T&)>& change)
     {
-        writeFourCameraCalibration();
         change(layout);
         dir.writeCalibration(layout);
         return ZQGFX_AVS_init(&context);
@@ -71,7 +65,6 @@ public:
     // Buffer mode on the same calibration, the records as `change` leaves them.
     ZQGFX_AVS_STATUS initBuffers(const std::function<void(EntryPoints&)>& change)
     {
-        writeFourCameraCalibration();
         callerMeshes = std::make_unique<entry_test::CallerMeshes>(layout);
         alphaRecord = PSR_DRM_BUF_MSG_S{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
         std::fill(std::begin(alphaRecords), std::end(alphaRecords), &alphaRecord);
@@ -83,10 +76,9 @@ public:
     // A running instance, then `call`.
     ZQGFX_AVS_STATUS running(const std::function<ZQGFX_AVS_STATUS(EntryPoints&)>& call)
     {
-        writeFourCameraCalibration();
         return ZQGFX_AVS_init(&context) == ZQGFX_AVS_SUCCESS ? call(*this) : ZQGFX_AVS_FAILED;
     }
-    ZQGFX_AVS_STATUS initAndFrame() { return ZQGFX_AVS_init(&context) ? ZQGFX_AVS_FAILED : ZQGFX_AVS_AllProcess(&context); }
+    ZQGFX_AVS_STATUS initAndFrame() { return running([](EntryPoints& t) { return ZQGFX_AVS_AllProcess(&t.context); }); }
     void replace(const std::string& name, const std::string& bytes)
     {
         std::filesystem::remove(dir.path() + name);
@@ -94,6 +86,7 @@ public:
         else dir.write(name, bytes.data(), bytes.size());
     }
 
+    ZQGFX_AVS_STATUS initNow() { return ZQGFX_AVS_init(&context); }
     ZQGFX_AVS_STATUS init()
     {
         ZQGFX_AVS_STATUS status = ZQGFX_AVS_FAILED;
@@ -146,12 +139,9 @@ TEST_F(EntryPoints, TraceLinesNeedLevelThreeAtInit)
         SCOPED_TRACE(value);
         setenv("ZQ_GPU_AVS_DEBUG_LOG", value, 1);
         EXPECT_EQ(init(), ZQGFX_AVS_FAILED);
-        EXPECT_TRUE(hasErrorLine(printed, "ZQGFX_AVS_init", "inputBufferFormat:0x3231564e,useMeshBufAddress=0,numView=2\n"));
-        EXPECT_TRUE(contains(printed, "Read failed:" + dir.path() + "zq_ps_gpu_mesh_params.txt\n"));
         EXPECT_TRUE(hasErrorLine(printed, "ZQGFX_AVS_init", "init_coords_and_params FAILED!")) << printed;
         EXPECT_EQ(hasTraceLines(printed) + contains(printed, "init_params_internal="), 2 * (atoi(value) > 2)) << printed;
-        releaseObjectsOfAFailedInit();
-        forgetInstance();
+        entry_test::endInstance(&context);
     }
     // The level is read at init only: a later change waits for the next init.
     setenv("ZQ_GPU_AVS_DEBUG_LOG", "0", 1);
@@ -165,7 +155,8 @@ TEST_F(EntryPoints, TraceLinesNeedLevelThreeAtInit)
     EXPECT_FALSE(hasTraceLines(stdoutOf([&] { EXPECT_EQ(get_mesh_and_init_params(&buffers, &copy, &used), 0); })));
 }
 
-TEST_F(EntryPoints, FileModeInstanceRunsFramesInOrderAndEndsAsTheCallerSynchronises)
+// Ten file-mode instances one after another, fenced and not; the first is looked at closely.
+TEST_F(EntryPoints, InstancesRunFramesInOrderEndAsTheCallerSynchronisesAndLeaveNothingBehind)
 {
     writeFourCameraCalibration();
     ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
@@ -179,18 +170,15 @@ TEST_F(EntryPoints, FileModeInstanceRunsFramesInOrderAndEndsAsTheCallerSynchroni
         context.useSync = useSync;
         const size_t start = fakegl::calls().size();
         EXPECT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_SUCCESS);
-        const std::vector<fakegl::Call>& calls = fakegl::calls();
+        EXPECT_EQ(remap_test::callSequence("^glFinish$|^glFlush$", start), useSync ? "glFlush" : "glFinish");
+        EXPECT_EQ(fakegl::calls().back().fn, useSync ? "glFlush" : "glFinish");
         // Programs in order of first use: non-overlap, overlap, then the blend engine's.
         std::vector<int64_t> programs;
-        for (size_t i = start; i < calls.size(); ++i)
-            if (calls[i].fn == "glUseProgram" && calls[i].args[0] != 0 &&
-                std::find(programs.begin(), programs.end(), calls[i].args[0]) == programs.end())
-                programs.push_back(calls[i].args[0]);
+        for (const fakegl::Call& call : fakegl::callsTo("glUseProgram"))
+            if (call.args[0] != 0 && std::find(programs.begin(), programs.end(), call.args[0]) == programs.end())
+                programs.push_back(call.args[0]);
         ASSERT_GE(programs.size(), 3u);
-        EXPECT_EQ(programs[0], remap->gProgram);
-        EXPECT_EQ(programs[1], remap->gProgramRGB);
-        EXPECT_EQ(calls.back().fn, useSync ? "glFlush" : "glFinish");
-        EXPECT_EQ(std::count_if(calls.begin() + start, calls.end(), [](auto& c) { return c.fn == "glFinish"; }), useSync ? 0 : 1);
+        EXPECT_TRUE(programs[0] == remap->gProgram && programs[1] == remap->gProgramRGB);
     }
     EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 5u);  // four cameras and the output, imported once
 
@@ -198,31 +186,35 @@ TEST_F(EntryPoints, FileModeInstanceRunsFramesInOrderAndEndsAsTheCallerSynchroni
     const size_t finishes = fakegl::countCalls("glFinish");
     EXPECT_EQ(ZQGFX_AVS_profile_frame(&context, &times), ZQGFX_AVS_SUCCESS);
     EXPECT_EQ(fakegl::countCalls("glFinish") - finishes, 5u);
-    EXPECT_EQ(ZQGFX_AVS_wait_sync(ZQGFX_AVS_create_sync()), ZQGFX_AVS_SUCCESS);
 
     fds[2] = 0;  // a failing step ends the frame without the flush or finish
     const size_t start = fakegl::calls().size();
     stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_FAILED); });
-    EXPECT_EQ(fakegl::findCall("glFinish", start) + fakegl::findCall("glFlush", start), -2);
-
+    EXPECT_EQ(remap_test::callSequence("^glFinish$|^glFlush$", start), "");
+    fds[2] = 13;
     stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS); });
     EXPECT_STREQ(ZQGFX_AVS_get_path(), "none");
-    EXPECT_EQ(fakegl::liveObjects("context"), 0u);
     const size_t calls = fakegl::calls().size();
     EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS);  // a second deinit does nothing
     EXPECT_EQ(fakegl::calls().size(), calls);
     forgetInstance();
-}
 
-TEST_F(EntryPoints, UpdateMeshNamesTheBlockByCameraTimesTen)
-{
-    writeFourCameraCalibration();
-    setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
-    ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
-    std::vector<float> mesh(3 * 16, 1.0f);
-    PSR_REMAP_MESH record{4, 16, 16, 3, 16, mesh.data(), -1, mesh.data(), -1};
-    std::string out = stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_update_mesh(nullptr, &record), ZQGFX_AVS_SUCCESS); });
-    EXPECT_TRUE(contains(out, "Update mesh: index=4 inner_index=11 step_x=16 step_y=16 mesh_w=3 mesh_h=16 ")) << out;
+    for (int cycle = 1; cycle < 10; ++cycle) {
+        context.useSync = cycle % 2;
+        ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << "cycle " << cycle << printed;
+        for (int frame = 0; frame < 3; ++frame) {
+            ASSERT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_SUCCESS);
+            ASSERT_TRUE(!context.useSync || ZQGFX_AVS_wait_sync(ZQGFX_AVS_create_sync()) == ZQGFX_AVS_SUCCESS);
+        }
+        stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
+        forgetInstance();
+    }
+    for (const char* kind : {"texture", "framebuffer", "buffer", "renderbuffer", "vertexarray", "program", "shader",
+                             "query", "sampler", "fence", "image", "sync", "surface", "context"})
+        EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind << " of " << fakegl::createdObjects(kind);
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+    // One instance at a time: each leaves the display terminated.
+    EXPECT_EQ(fakegl::countCalls("eglTerminate"), 10u);
 }
 
 TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
@@ -248,42 +240,12 @@ TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
     }
 }
 
-TEST_F(EntryPoints, RepeatedInstancesLeaveNoDriverObjectBehind)
-{
-    writeFourCameraCalibration();
-    const int cycles = 10;
-    for (int cycle = 0; cycle < cycles; ++cycle) {
-        context.useSync = cycle % 2;
-        ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << "cycle " << cycle << printed;
-        for (int frame = 0; frame < 3; ++frame) {
-            ASSERT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_SUCCESS);
-            if (context.useSync) {
-                ASSERT_EQ(ZQGFX_AVS_wait_sync(ZQGFX_AVS_create_sync()), ZQGFX_AVS_SUCCESS);
-            }
-        }
-        stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
-        forgetInstance();
-    }
-    for (const char* kind : {"texture", "framebuffer", "buffer", "renderbuffer", "vertexarray", "program", "shader",
-                             "query", "sampler", "fence", "image", "sync", "surface", "context"})
-        EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind << " of " << fakegl::createdObjects(kind);
-    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
-    // One instance at a time: each leaves the display terminated.
-    EXPECT_EQ(fakegl::countCalls("eglTerminate"), static_cast<size_t>(cycles));
-}
-
 TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
 {
     writeFourCameraCalibration();
-    entry_test::CallerMeshes caller(layout);
-    const std::vector<std::vector<float>>& meshes = caller.meshes;
-    PSR_DRM_BUF_MSG_S alphaBuffer{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
-    void* alphaBuffers[3] = {&alphaBuffer, &alphaBuffer, &alphaBuffer};
-    context.useMeshBufAddress = 1, context.AVS_initParams = &layout, context.meshFilePath = nullptr;
-    context.avsRemapMeshArray = caller.pointers.data(), context.meshAlphaDrmBufMsgArray = alphaBuffers;
-
-    ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
-    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data());
+    printed = stdoutOf([&] { EXPECT_EQ(initBuffers([](EntryPoints&) {}), ZQGFX_AVS_SUCCESS); });
+    const std::vector<std::vector<float>>& meshes = callerMeshes->meshes;
+    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data()) << printed;
     stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS); });
     forgetInstance();
     // Still the caller's (freeing them here would also trip the allocator when the vectors go).
@@ -307,28 +269,27 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         std::string line;  // in the output; on success: no FAILED line at all
     };
     const Row rows[] = {
-        // ---- the context
-        {"null context", [](T&) { return ZQGFX_AVS_init(nullptr); }, failed, "input context is NULL, return FAILED!"},
-        {"no calibration directory", [](T& t) { t.writeFourCameraCalibration(); t.context.meshFilePath = nullptr;
-             return ZQGFX_AVS_init(&t.context); }, failed, "meshFilePath is NULL, FAILED!"},
-        {"input width not a multiple of 16", [](T& t) { t.writeFourCameraCalibration(); t.context.inputBufferWidth = 328;
-             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x240"},
-        {"output height not the panorama's", [](T& t) { t.writeFourCameraCalibration(); t.context.outputBufferHeight = 480;
-             return ZQGFX_AVS_init(&t.context); }, failed, "outputBufferWidth is not aligned with 16, recommend size: 1280x240"},
-        {"more views than cameras", [](T& t) { t.writeFourCameraCalibration(); t.context.numView = 5;
-             return ZQGFX_AVS_init(&t.context); }, failed, params + " describes 4 cameras but camera_num is 5, FAILED!"},
-        {"negative view count", [](T& t) { t.writeFourCameraCalibration(); t.context.numView = 0x80000000u;
-             return ZQGFX_AVS_init(&t.context); }, failed, "camera_num=-2147483648 is negative, FAILED!"},
+        // ---- the context (a null one: see NothingRunsWithoutAnInstanceOrAContext)
+        {"no calibration directory", [](T& t) { t.context.meshFilePath = nullptr;
+             return t.initNow(); }, failed, "meshFilePath is NULL, FAILED!"},
+        {"input width not a multiple of 16", [](T& t) { t.context.inputBufferWidth = 328;
+             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x240"},
+        {"output height not the panorama's", [](T& t) { t.context.outputBufferHeight = 480;
+             return t.initNow(); }, failed, "outputBufferWidth is not aligned with 16, recommend size: 1280x240"},
+        {"more views than cameras", [](T& t) { t.context.numView = 5;
+             return t.initNow(); }, failed, params + " describes 4 cameras but camera_num is 5, FAILED!"},
+        {"negative view count", [](T& t) { t.context.numView = 0x80000000u;
+             return t.initNow(); }, failed, "camera_num=-2147483648 is negative, FAILED!"},
         // ---- the calibration files
-        {"no parameter file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_mesh_params.txt");
-             return ZQGFX_AVS_init(&t.context); }, failed, "Read failed:"},
-        {"directory for the parameter file", [&](T& t) { t.writeFourCameraCalibration(); t.replace(params, "DIR");
-             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 0x0"},
-        {"non-numeric value", [&](T& t) { t.writeFourCameraCalibration();  // reads as 0
+        {"no parameter file", [](T& t) { t.dir.remove("zq_ps_gpu_mesh_params.txt");
+             return t.initNow(); }, failed, "Read failed:"},
+        {"directory for the parameter file", [&](T& t) { t.replace(params, "DIR");
+             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 0x0"},
+        {"non-numeric value", [&](T& t) {  // reads as 0
              std::string text = entry_test::paramsText(t.layout);
              text.replace(text.find("240"), 3, "high");
              t.replace(params, text);
-             return ZQGFX_AVS_init(&t.context); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
+             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
         {"block count disagreeing with the lists", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
          failed, layoutAt + "1 declares 2 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"block count above the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 4; }); },
@@ -339,18 +300,18 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, layoutAt + "0 has 11 blocks, at most 10 are supported, FAILED!"},
         {"negative mesh size", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].mesh_height[0] = -3; }); },
          failed, layoutAt + "1 block 1 has a negative size, FAILED!"},
-        {"missing mesh file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_meshy11.bin");
-             return ZQGFX_AVS_init(&t.context); }, failed, "open failed: "},
-        {"short mesh file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_meshx02.bin", "abc");
-             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_meshx02.bin holds 3 bytes, 192 expected, FAILED!"},
-        {"directory for a mesh file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_meshx00.bin", "DIR");
-             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_meshx00.bin holds 0 bytes, 1088 expected, FAILED!"},
-        {"missing alpha file", [](T& t) { t.writeFourCameraCalibration(); t.dir.remove("zq_ps_gpu_alpha12.bin");
-             return ZQGFX_AVS_init(&t.context); }, failed, "avs-debug fopen failed layername:"},
-        {"short alpha file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_alpha01.bin", "abcd");
-             return ZQGFX_AVS_init(&t.context); }, failed, "alpha file too short"},
-        {"directory for an alpha file", [](T& t) { t.writeFourCameraCalibration(); t.replace("zq_ps_gpu_alpha23.bin", "DIR");
-             return ZQGFX_AVS_init(&t.context); }, failed, "zq_ps_gpu_alpha23.bin elements=0 expected=9600"},
+        {"missing mesh file", [](T& t) { t.dir.remove("zq_ps_gpu_meshy11.bin");
+             return t.initNow(); }, failed, "open failed: "},
+        {"short mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx02.bin", "abc");
+             return t.initNow(); }, failed, "zq_ps_gpu_meshx02.bin holds 3 bytes, 192 expected, FAILED!"},
+        {"directory for a mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx00.bin", "DIR");
+             return t.initNow(); }, failed, "zq_ps_gpu_meshx00.bin holds 0 bytes, 1088 expected, FAILED!"},
+        {"missing alpha file", [](T& t) { t.dir.remove("zq_ps_gpu_alpha12.bin");
+             return t.initNow(); }, failed, "avs-debug fopen failed layername:"},
+        {"short alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha01.bin", "abcd");
+             return t.initNow(); }, failed, "alpha file too short"},
+        {"directory for an alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha23.bin", "DIR");
+             return t.initNow(); }, failed, "zq_ps_gpu_alpha23.bin elements=0 expected=9600"},
         {"alpha map wider than its block", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].alpha_width[0] = 64; }); },
          failed, "zq_ps_gpu_alpha01.bin elements=9600 expected=19200"},
         {"band count too deep for the seam", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].band_num[0] = 16; }); },
@@ -359,11 +320,11 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              l.bld_width = 20000; t.context.outputBufferWidth = 20000; });
              return ZQGFX_AVS_AllProcess(&t.context); }, failed, "bld_width=20000 or bld_height=240 is exceed the gpu max texture size limit!"},
         // ---- what the GPU only draws: meshes and blocks placed anywhere
-        {"not-a-number meshes", [](T& t) { t.writeFourCameraCalibration();
+        {"not-a-number meshes", [](T& t) {
              const std::vector<float> nan(17 * 16, std::nanf(""));
              t.dir.write("zq_ps_gpu_meshx10.bin", nan.data(), nan.size() * sizeof(float));
              return t.initAndFrame(); }, ok, ""},
-        {"meshes far outside the image", [](T& t) { t.writeFourCameraCalibration();
+        {"meshes far outside the image", [](T& t) {
              const std::vector<float> far(3 * 16, -1e30f);
              t.dir.write("zq_ps_gpu_meshy21.bin", far.data(), far.size() * sizeof(float));
              return t.initAndFrame(); }, ok, ""},
@@ -389,8 +350,6 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         {"alpha record without an address", [](T& t) { return t.initBuffers([](T& u) { u.alphaRecord.vir_addr = nullptr; }); },
          failed, "meshAlphaBufArray[0]=NULL!"},
         // ---- calls out of order or with nothing to work on
-        {"frame before init", [](T& t) { return ZQGFX_AVS_AllProcess(&t.context); }, failed,
-         "no initialised instance on this thread, FAILED!"},
         {"frame after deinit", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
              entry_test::forgetInstance();
              return ZQGFX_AVS_AllProcess(&t.context); }, failed, "no initialised instance on this thread, FAILED!"},
@@ -407,6 +366,11 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         {"mesh update of an unknown block", [](T& t) { return t.running([](T& u) {
              PSR_REMAP_MESH record{12, 16, 16, 3, 16, u.alpha.data(), -1, u.alpha.data(), -1};
              return ZQGFX_AVS_update_mesh(&u.context, &record); }); }, failed, "ZQGFX_AVS_update_mesh FAILED!"},
+        {"mesh update names the block by camera times ten", [](T& t) { setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
+             return t.running([](T& u) { unsetenv("ZQ_GPU_AVS_DEBUG_LOG");
+             PSR_REMAP_MESH record{4, 16, 16, 3, 16, u.alpha.data(), -1, u.alpha.data(), -1};
+             return ZQGFX_AVS_update_mesh(nullptr, &record); }); }, ok,
+         "Update mesh: index=4 inner_index=11 step_x=16 step_y=16 mesh_w=3 mesh_h=16 "},
         {"mesh update without a mesh", [](T& t) { return t.running([](T& u) { return ZQGFX_AVS_update_mesh(&u.context, nullptr); }); },
          failed, "no mesh or no initialised instance on this thread, FAILED!"},
         {"wait on no fence", [](T& t) { return t.running([](T&) { return ZQGFX_AVS_wait_sync(nullptr); }); }, failed,
@@ -421,25 +385,26 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              entry_test::forgetInstance();
              return ZQGFX_AVS_deinit(&t.context); }, ok, ""},
     };
+    auto fresh = [this] {
+        fakegl::reset();
+        std::filesystem::remove_all(dir.path());
+        std::filesystem::create_directory(dir.path());
+        writeFourCameraCalibration();
+        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+    };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
-        fakegl::reset();
-        context = ZQGFX_AVS_CONTEXT_T{};
-        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+        fresh();
         ZQGFX_AVS_STATUS status = ZQGFX_AVS_SUCCESS;
         const std::string out = stdoutOf([&] { status = row.call(*this); });
         EXPECT_EQ(status, row.expected) << out;
         EXPECT_TRUE(row.expected == ok && row.line.empty() ? !contains(out, "FAILED") : contains(out, row.line)) << out;
         stdoutOf([&] { entry_test::endInstance(&context); });
-        std::filesystem::remove_all(dir.path());
-        std::filesystem::create_directory(dir.path());
 
-        fakegl::reset();
-        context = ZQGFX_AVS_CONTEXT_T{};
-        for (int i = 0; i < 5; ++i) fds[i] = 11 + i;
+        fresh();
         ZQGFX_AVS_STATUS recovered = failed;
         const std::string again = stdoutOf([&] {
-            recovered = running([](T& t) { return ZQGFX_AVS_AllProcess(&t.context); });
+            recovered = initAndFrame();
             entry_test::endInstance(&context);
         });
         EXPECT_EQ(recovered, ok) << again;
