@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Applies each fault of faults.txt to the source tree in turn, rebuilds in build-mutants, runs the
 # suite (stopping at the first failure) and restores the file. Reports which faults no test caught.
-# Usage: tests/mutants/run_mutants.sh [FAULT_NUMBER...]
+# Usage: tests/mutants/run_mutants.sh [FAULT_NUMBER...]   (MUTANT_BUILD=DIR reuses an existing build dir)
 set -u
 root=$(cd "$(dirname "$0")/../.." && pwd)
-build=$root/build-mutants
+build=${MUTANT_BUILD:-$root/build-mutants}
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null || exit 1
 cmake --build "$build" -j"${JOBS:-2}" >/dev/null || { echo "the unmodified tree does not build"; exit 1; }
 
@@ -31,7 +31,7 @@ open(p, "w").write(s.replace(f, r, 1))' "$path" "$find" "$replace"; then
     fi
     if ! cmake --build "$build" -j"${JOBS:-2}" >/dev/null 2>&1; then
         result=caught; why="(does not build)"
-    elif ctest --test-dir "$build" -j"${JOBS:-2}" --stop-on-failure --timeout 300 -L 'unit|gpu|tool|calib' \
+    elif ctest --test-dir "$build" -j"${JOBS:-2}" --stop-on-failure --timeout 300 -L 'unit|gpu|tool|calib|gst' \
             >/dev/null 2>&1; then
         result=MISSED; why=""
     else
