@@ -24,7 +24,6 @@ inline zqavs_synth::RigConfig smallRig()
     rig.src_height = 272;
     rig.bld_width = 1536;
     rig.bld_height = 272;
-    rig.step_x = rig.step_y = 16;
     rig.band_num = 3;
     rig.overlap_width = 96;
     return rig;
@@ -50,6 +49,8 @@ struct Frame {
     std::vector<uint8_t> bytes;
     zqavs_synth::Nv12View view() const { return {bytes.data(), width, height, stride}; }
     zqavs_synth::PlaneView luma() const { return zqavs_synth::lumaPlane(view()); }
+    // The interleaved CbCr plane, one byte a column.
+    zqavs_synth::PlaneView chroma() const { return {view().chroma(), width & ~1, height / 2, stride}; }
     uint8_t& at(int x, int row) { return bytes[static_cast<size_t>(row) * stride + x]; }
     const uint8_t& at(int x, int row) const { return bytes[static_cast<size_t>(row) * stride + x]; }
 };
@@ -86,15 +87,11 @@ struct RigSession {
     // Returns an empty string on success, else what failed.
     std::string open(const Rig& rig, bool useSync = false, bool bufferMode = false)
     {
-        zqavs::StitchSetup setup;
-        setup.rig = rig.calib.rig;
-        setup.useSync = useSync;
         std::string error;
         if (bufferMode ? !buffers.build(rig.calib, false, &error)
                        : !zqavs_synth::writeCalibration(rig.calib, dir.path, &error))
             return error;
-        setup.calibDir = bufferMode ? "" : dir.path;
-        setup.buffers = bufferMode ? &buffers : nullptr;
+        zqavs::StitchSetup setup{bufferMode ? "" : dir.path, bufferMode ? &buffers : nullptr, rig.calib.rig, useSync};
         if (!session.init(setup, &error)) return error;
         for (int c = 0; c < rig.config.cameras; ++c) session.setInput(c, rig.cameras[c]);
         return "";
