@@ -34,7 +34,7 @@ bool wantsWindow(const EGLint* attribs) {
 // Destroys a live EGL object; a null handle or a dead one is an error, and a dead one counts
 // as a double delete.
 EGLBoolean destroyEglObject(const char* kind, uint64_t name, EGLint badHandleError) {
-    const bool live = isLiveObject(kind, name);
+    const bool live = fakegl::isLive(kind, name);
     destroyObject(kind, name);
     return live ? EGL_TRUE : fail(badHandleError);
 }
@@ -62,7 +62,7 @@ EGLSyncKHR eglCreateSyncKHR(EGLDisplay dpy, EGLenum type, const EGLint* attrib_l
 
 EGLint eglClientWaitSyncKHR(EGLDisplay dpy, EGLSyncKHR sync, EGLint flags, EGLTimeKHR timeout) {
     record("eglClientWaitSyncKHR", dpy, sync, flags, timeout);
-    return isLiveObject("sync", nameOf(sync)) ? inj().clientWaitResult : fail(EGL_BAD_PARAMETER);
+    return fakegl::isLive("sync", nameOf(sync)) ? inj().clientWaitResult : fail(EGL_BAD_PARAMETER);
 }
 
 EGLBoolean eglDestroySyncKHR(EGLDisplay dpy, EGLSyncKHR sync) {
@@ -103,7 +103,7 @@ EGLDisplay eglGetPlatformDisplay(EGLenum platform, void* native_display, const E
 
 EGLBoolean eglInitialize(EGLDisplay dpy, EGLint* major, EGLint* minor) {
     record("eglInitialize", dpy, major, minor);
-    if (!isLiveObject("display", nameOf(dpy))) return fail(EGL_BAD_DISPLAY);
+    if (!fakegl::isLive("display", nameOf(dpy))) return fail(EGL_BAD_DISPLAY);
     if (inj().initializeFails || (inj().initializeFailsOnDefaultDisplay && isDefaultPlatformDisplay(dpy)))
         return fail(EGL_NOT_INITIALIZED);
     if (major) *major = 1;
@@ -144,7 +144,7 @@ EGLBoolean eglDestroySurface(EGLDisplay dpy, EGLSurface surface) {
 
 EGLBoolean eglQuerySurface(EGLDisplay dpy, EGLSurface surface, EGLint attribute, EGLint* value) {
     record("eglQuerySurface", dpy, surface, attribute, value);
-    if (!isLiveObject("surface", nameOf(surface))) return fail(EGL_BAD_SURFACE);
+    if (!fakegl::isLive("surface", nameOf(surface))) return fail(EGL_BAD_SURFACE);
     *value = attribute == EGL_WIDTH || attribute == EGL_HEIGHT ? 100 : 0;
     return EGL_TRUE;
 }
@@ -164,7 +164,7 @@ EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLC
     record("eglMakeCurrent", dpy, draw, read, ctx);
     if (ctx == EGL_NO_CONTEXT) return EGL_TRUE;
     if (inj().makeCurrentFails) return fail(EGL_BAD_ACCESS);
-    return isLiveObject("context", nameOf(ctx)) ? EGL_TRUE : fail(EGL_BAD_CONTEXT);
+    return fakegl::isLive("context", nameOf(ctx)) ? EGL_TRUE : fail(EGL_BAD_CONTEXT);
 }
 
 const char* eglQueryString(EGLDisplay dpy, EGLint name) {

@@ -31,14 +31,10 @@ void build(const char* fn, const char* kind, GLuint object, int failAt) {
     state().built[{kind, object}] = static_cast<int>(state().callCounts[fn]) != failAt;
 }
 
-// 1 built, 0 failed, -1 never built.
-int buildState(const char* kind, GLuint object) {
-    auto it = state().built.find({kind, object});
-    return it == state().built.end() ? -1 : it->second;
-}
-
+// The log of a failed compile or link; none for one that succeeded or never ran.
 std::string buildLog(const char* kind, GLuint object) {
-    if (buildState(kind, object) != 0) return "";
+    auto it = state().built.find({kind, object});
+    if (it == state().built.end() || it->second) return "";
     return std::string(kind) == "shader" ? inj().compileLog : inj().linkLog;
 }
 
@@ -46,7 +42,7 @@ void getBuildStatus(const char* fn, const char* kind, GLuint object, GLenum pnam
     record(fn, object, pname, params);
     const std::string log = buildLog(kind, object);
     if (pname == GL_COMPILE_STATUS || pname == GL_LINK_STATUS)
-        *params = buildState(kind, object) == 1 ? GL_TRUE : GL_FALSE;
+        *params = state().built[{kind, object}] ? GL_TRUE : GL_FALSE;  // never built: false
     else
         *params = pname == GL_INFO_LOG_LENGTH && !log.empty() ? static_cast<GLint>(log.size() + 1) : 0;
 }
@@ -67,20 +63,18 @@ void getBuildLog(const char* fn, const char* kind, GLuint object, GLsizei bufSiz
 
 void fakegl::detail::glEGLImageTargetTexture2DOES(GLenum target, GLeglImageOES image) {
     record("glEGLImageTargetTexture2DOES", target, image);
-    if (!isLiveObject("image", nameOf(image))) state().raisedGlErrors.push_back(GL_INVALID_VALUE);
+    if (!fakegl::isLive("image", nameOf(image))) state().raisedGlErrors.push_back(GL_INVALID_VALUE);
 }
 
 extern "C" {
 
 GLenum glGetError(void) {
     record("glGetError");
-    for (std::deque<GLenum>* q : {&state().queuedGlErrors, &state().raisedGlErrors}) {
-        if (q->empty()) continue;
-        GLenum e = q->front();
-        q->pop_front();
-        return e;
-    }
-    return GL_NO_ERROR;
+    std::deque<GLenum>& raised = state().raisedGlErrors;
+    if (raised.empty()) return GL_NO_ERROR;
+    const GLenum error = raised.front();
+    raised.pop_front();
+    return error;
 }
 
 void glGenTextures(GLsizei n, GLuint* textures) { genNames("glGenTextures", "texture", n, textures); }
