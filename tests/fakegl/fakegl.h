@@ -19,9 +19,8 @@ struct Call {
     std::string fn;                // entry point name, e.g. "glDrawArrays"
     std::vector<int64_t> args;     // scalar arguments in order (pointers as integers, floats truncated)
     std::vector<EGLint> attribs;   // EGL attribute list, up to and including EGL_NONE
-    std::string text;              // string argument: shader source, attribute or uniform name
+    std::string text;              // string argument: attribute, uniform or entry point name
 };
-// glGen* / glDelete* calls carry n, the array pointer and then the names handed out or deleted.
 
 // What the next calls should do. Defaults describe a conforming target driver.
 struct Injection {

@@ -9,20 +9,15 @@ using namespace fakegl::detail;
 namespace {
 
 void genNames(const char* fn, const char* kind, GLsizei n, GLuint* names, bool handOutZero = false) {
-    fakegl::Call& call = record(fn, n, names);
-    for (GLsizei i = 0; i < n && names != nullptr; ++i) {
+    record(fn, n, names);
+    for (GLsizei i = 0; i < n && names != nullptr; ++i)
         names[i] = handOutZero ? 0 : static_cast<GLuint>(createObject(kind));
-        call.args.push_back(names[i]);
-    }
 }
 
 // Name 0 is silently ignored, as GL does.
 void deleteNames(const char* fn, const char* kind, GLsizei n, const GLuint* names) {
-    fakegl::Call& call = record(fn, n, names);
-    for (GLsizei i = 0; i < n && names != nullptr; ++i) {
-        call.args.push_back(names[i]);
-        destroyObject(kind, names[i]);
-    }
+    record(fn, n, names);
+    for (GLsizei i = 0; i < n && names != nullptr; ++i) destroyObject(kind, names[i]);
 }
 
 // The n-th compile or link (1-based) fails when injected; its log is the injected one.
@@ -96,17 +91,6 @@ GLuint glCreateProgram(void) {
 
 void glDeleteShader(GLuint shader) { record("glDeleteShader", shader), destroyObject("shader", shader); }
 void glDeleteProgram(GLuint program) { record("glDeleteProgram", program), destroyObject("program", program); }
-
-void glShaderSource(GLuint shader, GLsizei count, const GLchar* const* string, const GLint* length) {
-    fakegl::Call& call = record("glShaderSource", shader, count, string, length);
-    for (GLsizei i = 0; i < count && string != nullptr; ++i) {
-        if (string[i] == nullptr) continue;
-        if (length != nullptr && length[i] >= 0)
-            call.text.append(string[i], static_cast<size_t>(length[i]));
-        else
-            call.text.append(string[i]);
-    }
-}
 
 void glCompileShader(GLuint shader) { build("glCompileShader", "shader", shader, inj().failCompileAt); }
 void glLinkProgram(GLuint program) { build("glLinkProgram", "program", program, inj().failLinkAt); }

@@ -84,11 +84,13 @@ TEST(BlendGeometry, AlphaReadsReachPastTheMapWhereTheTexturesReadMore)
 
 class BlendResources : public BlendTest {
 protected:
-    int init(multibandResource& layout, const std::vector<void*>& records, std::string* out = nullptr)
+    // `record`: the seam's alpha map in caller memory; null: its alpha file.
+    int init(multibandResource& layout, PSR_DRM_BUF_MSG_S* record, std::string* out = nullptr)
     {
+        alphaRecord = record;
         layout.meshFilePath = const_cast<char*>(dir.c_str());
-        layout.useMeshBufAddress = !records.empty();
-        layout.meshAlphaDrmBufMsgArray = const_cast<void**>(records.data());
+        layout.useMeshBufAddress = record != nullptr;
+        layout.meshAlphaDrmBufMsgArray = &alphaRecord;
         flags.assign(layout.cameraNum, 0);
         for (int c = 0; c < layout.cameraNum; ++c) flags[c] = layout.multi_band_num[c] > 0;
         engine = makeEngine();
@@ -109,6 +111,7 @@ protected:
     const std::string dir = calibration.path();
     EnginePtr engine;
     std::vector<int> flags;
+    void* alphaRecord = nullptr;
 };
 
 TEST_F(BlendResources, TwoLevelU8SeamFromCallerMemory)
@@ -120,7 +123,7 @@ TEST_F(BlendResources, TwoLevelU8SeamFromCallerMemory)
     std::vector<uint8_t> caller(offset + 100 * 40 + 50 * 20);
     for (size_t i = 0; i < caller.size(); ++i) caller[i] = static_cast<uint8_t>(i * 7 + 1);
     PSR_DRM_BUF_MSG_S msg{caller.data(), 33, offset, static_cast<int64_t>(caller.size())};
-    ASSERT_EQ(init(layout, {&msg}), 0);
+    ASSERT_EQ(init(layout, &msg), 0);
 
     // Colour level 1 of both sides and of the result: 50 x 20 render targets.
     for (const fakegl::Call& c : uploadsOf(GL_RGB)) EXPECT_EQ(c.args[3] * 1000 + c.args[4], 50020);
@@ -159,74 +162,63 @@ TEST_F(BlendResources, TwoLevelU8SeamFromCallerMemory)
     EXPECT_EQ(padded[0].bytes[0], 0xEE);
 }
 
-// The records' own refusals are shown at the entry points; here what the textures read beyond
-// the map. A one-level seam makes no colour level and uploads its map as high as the panorama.
-TEST_F(BlendResources, AlphaRecordsThatWouldBeReadPastTheirEndAreRefused)
+// The alpha records' own refusals are shown at the entry points; here what the textures would
+// read beyond the map. A one-level seam makes no colour level and uploads its map as high as the
+// panorama.
+TEST_F(BlendResources, InitFailsWithItsReasonWhenAProgramABufferOrTheAlphaBytesCannotBeHad)
 {
     std::vector<float> caller(30 * 16, 1.0f);
     PSR_DRM_BUF_MSG_S small{caller.data(), 5, 0, 30 * 8 * 4 - 1}, exact{caller.data(), 5, 0, 30 * 8 * 4},
         unsized{caller.data(), 5, 0, 0};
     struct Case {
-        PSR_DRM_BUF_MSG_S* record;
+        int failCompileAt, failLinkAt, levels, alphaType;
+        PSR_DRM_BUF_MSG_S* record;  // null: the alpha file
         int panoramaHeight;
-        std::string message;
+        size_t programsLeft;  // kept until de-init
+        std::string message;  // the build log on standard error, or an error line; none: init succeeds
     };
+    constexpr int kFloat = FUSE_GPU_ALPHA_FLOAT;
     const Case cases[] = {
-        {&small, 8, "meshAlphaBufArray[0] mem_size=959 too small: mem_offset=0 + 240 alpha elements of 4 bytes!"},
-        {&exact, 8, ""},
+        // The fourth compile is the lowest program's fragment text, the fourth link blendYUV's.
+        {4, 0, 1, kFloat, &exact, 8, 1, "Could not compile shader 35632:\nbad\nCould not set up graphics.\n"},
+        {0, 4, 1, kFloat, &exact, 8, 3, "Could not link program:\nbad\nCould not set up graphics.\n"},
+        // Without a DRM device, level 2 of the colour pyramids and U8 maps read from files get no buffer.
+        {0, 0, 3, kFloat, nullptr, 8, 4, "avs-debug avs_alloc_buf buf failed!"},
+        {0, 0, 1, FUSE_GPU_ALPHA_U8, nullptr, 8, 4, "avs-debug dma_buf_alloc buf failed!"},
+        {0, 0, 1, kFloat, &small, 8, 4,
+         "meshAlphaBufArray[0] mem_size=959 too small: mem_offset=0 + 240 alpha elements of 4 bytes!"},
+        {0, 0, 1, kFloat, &exact, 8, 4, ""},
         // A panorama twice as high as the map: the texture would read 16 rows of 8.
-        {&exact, 16, "alpha[0,0] 30x16 floats lie past the caller's buffer!"},
+        {0, 0, 1, kFloat, &exact, 16, 4, "alpha[0,0] 30x16 floats lie past the caller's buffer!"},
         // mem_size 0 is not given: the map alone is trusted, and nothing past it read.
-        {&unsized, 8, ""},
-        {&unsized, 16, "alpha[0,0] 30x16 floats lie past the caller's buffer!"},
-    };
-    for (const Case& c : cases) {
-        fakegl::reset();
-        multibandResource layout = makeLayout(1, {0}, 30, 8, 1);
-        layout.bld_height = c.panoramaHeight;
-        std::string out;
-        const bool refused = !c.message.empty();
-        EXPECT_EQ(init(layout, {c.record}, &out), refused ? -1 : 0) << c.message;
-        EXPECT_TRUE(refused ? hasErrorLine(out, c.message) : out.find("FAILED") == std::string::npos) << out;
-        EXPECT_EQ(fakegl::countCalls("glGenFramebuffers"), 0u);
-        const std::vector<fakegl::Call> uploads = uploadsOf(GL_R32F);
-        ASSERT_EQ(uploads.size(), refused ? 0u : 1u) << c.message;
-        if (!refused) {
-            EXPECT_EQ(std::vector<int64_t>(uploads[0].args.begin() + 3, uploads[0].args.begin() + 8),
-                      (std::vector<int64_t>{30, 8, 0, GL_RED, GL_FLOAT}));
-        }
-    }
-}
-
-TEST_F(BlendResources, ProgramsOrSharedBuffersThatCannotBeMadeFailInit)
-{
-    struct Case {
-        int levels, alphaType, failCompileAt, failLinkAt;
-        size_t programsLeft;  // built before the failure, kept until de-init
-        std::string message;  // the build log on standard error, or an error line
-    };
-    // The fourth compile is the lowest program's fragment text, the fourth link blendYUV's. Without
-    // a DRM device, level 2 of the colour pyramids and U8 maps read from files get no buffer.
-    const Case cases[] = {
-        {1, FUSE_GPU_ALPHA_FLOAT, 4, 0, 1, "Could not compile shader 35632:\nbad\nCould not set up graphics.\n"},
-        {1, FUSE_GPU_ALPHA_FLOAT, 0, 4, 3, "Could not link program:\nbad\nCould not set up graphics.\n"},
-        {3, FUSE_GPU_ALPHA_FLOAT, 0, 0, 4, "avs-debug avs_alloc_buf buf failed!"},
-        {1, FUSE_GPU_ALPHA_U8, 0, 0, 4, "avs-debug dma_buf_alloc buf failed!"},
+        {0, 0, 1, kFloat, &unsized, 8, 4, ""},
+        {0, 0, 1, kFloat, &unsized, 16, 4, "alpha[0,0] 30x16 floats lie past the caller's buffer!"},
     };
     const bool drmDevice = access("/dev/dri/card0", F_OK) == 0;
     for (const Case& c : cases) {
-        if (drmDevice && c.failCompileAt + c.failLinkAt == 0) continue;
+        if (drmDevice && c.record == nullptr) continue;  // the buffers would be made
         fakegl::reset();
         fakegl::inject().failCompileAt = c.failCompileAt;
         fakegl::inject().failLinkAt = c.failLinkAt;
         fakegl::inject().compileLog = fakegl::inject().linkLog = "bad";
-        multibandResource layout = makeLayout(1, {0}, 64, 32, c.levels, c.alphaType);
+        multibandResource layout = makeLayout(1, {0}, 30, 8, c.levels, c.alphaType);
+        layout.bld_height = c.panoramaHeight;
+        const bool refused = !c.message.empty();
         std::string out;
         testing::internal::CaptureStderr();
-        EXPECT_EQ(init(layout, {}, &out), -1) << c.message;
+        EXPECT_EQ(init(layout, c.record, &out), refused ? -1 : 0) << c.message;
         const std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_TRUE(err.find(c.message) != std::string::npos || hasErrorLine(out, c.message)) << out << err;
+        EXPECT_TRUE(refused ? hasErrorLine(out, c.message) || err.find(c.message) != std::string::npos
+                            : out.find("FAILED") == std::string::npos)
+            << c.message << "\n" << out << err;
         EXPECT_EQ(fakegl::liveObjects("program"), c.programsLeft) << c.message;
+        const std::vector<fakegl::Call> uploads = uploadsOf(GL_R32F);
+        ASSERT_EQ(uploads.size(), refused ? 0u : 1u) << c.message;
+        if (!refused) {
+            EXPECT_EQ(fakegl::countCalls("glGenFramebuffers"), 0u);
+            EXPECT_EQ(std::vector<int64_t>(uploads[0].args.begin() + 3, uploads[0].args.begin() + 8),
+                      (std::vector<int64_t>{30, 8, 0, GL_RED, GL_FLOAT}));
+        }
     }
 }
 
