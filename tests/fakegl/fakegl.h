@@ -19,9 +19,8 @@ struct Call {
     std::string fn;                // entry point name, e.g. "glDrawArrays"
     std::vector<int64_t> args;     // scalar arguments in order (pointers as integers, floats truncated)
     std::vector<EGLint> attribs;   // EGL attribute list, up to and including EGL_NONE
-    std::string text;              // string argument: shader source, attribute or uniform name
+    std::string text;              // string argument: attribute, uniform or entry point name
 };
-// glGen* / glDelete* calls carry n, the array pointer and then the names handed out or deleted.
 
 // What the next calls should do. Defaults describe a conforming target driver.
 struct Injection {
@@ -51,16 +50,12 @@ struct Injection {
 void reset();                      // forget calls, objects and injections; names restart at 1
 Injection& inject();
 
-// GL errors: queued values are returned by the next glGetError calls in order; an error armed
-// for a function is raised right after its n-th next call.
-void queueGlError(GLenum error);
+// The GL error raised right after the n-th next call to `fn`, returned by glGetError in order.
 void failCall(const std::string& fn, GLenum error, int nth = 1);
 
 const std::vector<Call>& calls();
 std::vector<Call> callsTo(const std::string& fn);
 size_t countCalls(const std::string& fn);
-// Index in calls() of the first call to fn at or after `from`, or -1.
-long findCall(const std::string& fn, size_t from = 0);
 
 // Objects created and not yet deleted, by kind: "texture", "framebuffer", "buffer", "program",
 // "shader", "image", "sync", "surface", "context", "display". Deleting a name twice or a name

@@ -25,16 +25,10 @@ bool isDefaultPlatformDisplay(EGLDisplay dpy) {
     return false;
 }
 
-bool wantsWindow(const EGLint* attribs) {
-    for (size_t i = 0; attribs && attribs[i] != EGL_NONE; i += 2)
-        if (attribs[i] == EGL_SURFACE_TYPE && (attribs[i + 1] & EGL_WINDOW_BIT)) return true;
-    return false;
-}
-
 // Destroys a live EGL object; a null handle or a dead one is an error, and a dead one counts
 // as a double delete.
 EGLBoolean destroyEglObject(const char* kind, uint64_t name, EGLint badHandleError) {
-    const bool live = isLiveObject(kind, name);
+    const bool live = fakegl::isLive(kind, name);
     destroyObject(kind, name);
     return live ? EGL_TRUE : fail(badHandleError);
 }
@@ -62,7 +56,7 @@ EGLSyncKHR eglCreateSyncKHR(EGLDisplay dpy, EGLenum type, const EGLint* attrib_l
 
 EGLint eglClientWaitSyncKHR(EGLDisplay dpy, EGLSyncKHR sync, EGLint flags, EGLTimeKHR timeout) {
     record("eglClientWaitSyncKHR", dpy, sync, flags, timeout);
-    return isLiveObject("sync", nameOf(sync)) ? inj().clientWaitResult : fail(EGL_BAD_PARAMETER);
+    return fakegl::isLive("sync", nameOf(sync)) ? inj().clientWaitResult : fail(EGL_BAD_PARAMETER);
 }
 
 EGLBoolean eglDestroySyncKHR(EGLDisplay dpy, EGLSyncKHR sync) {
@@ -103,7 +97,7 @@ EGLDisplay eglGetPlatformDisplay(EGLenum platform, void* native_display, const E
 
 EGLBoolean eglInitialize(EGLDisplay dpy, EGLint* major, EGLint* minor) {
     record("eglInitialize", dpy, major, minor);
-    if (!isLiveObject("display", nameOf(dpy))) return fail(EGL_BAD_DISPLAY);
+    if (!fakegl::isLive("display", nameOf(dpy))) return fail(EGL_BAD_DISPLAY);
     if (inj().initializeFails || (inj().initializeFailsOnDefaultDisplay && isDefaultPlatformDisplay(dpy)))
         return fail(EGL_NOT_INITIALIZED);
     if (major) *major = 1;
@@ -114,9 +108,11 @@ EGLBoolean eglInitialize(EGLDisplay dpy, EGLint* major, EGLint* minor) {
 // Configs are the handles 1..n; writes at most `config_size` of them.
 EGLBoolean eglChooseConfig(EGLDisplay dpy, const EGLint* attrib_list, EGLConfig* configs, EGLint config_size,
                            EGLint* num_config) {
-    record("eglChooseConfig", dpy, attrib_list, configs, config_size, num_config).attribs = copyAttribs(attrib_list);
+    fakegl::Call& call = record("eglChooseConfig", dpy, attrib_list, configs, config_size, num_config);
+    call.attribs = copyAttribs(attrib_list);
     if (num_config == nullptr) return fail(EGL_BAD_PARAMETER);
-    const EGLint count = inj().noWindowConfigs && wantsWindow(attrib_list) ? 0 : std::max(0, inj().numConfigs);
+    const bool wantsWindow = fakegl::attribValue(call, EGL_SURFACE_TYPE, 0) & EGL_WINDOW_BIT;
+    const EGLint count = inj().noWindowConfigs && wantsWindow ? 0 : std::max(0, inj().numConfigs);
     *num_config = configs == nullptr ? count : std::min(count, std::max(0, config_size));
     for (EGLint i = 0; configs != nullptr && i < *num_config; ++i) configs[i] = handle<EGLConfig>(i + 1);
     return EGL_TRUE;
@@ -125,9 +121,8 @@ EGLBoolean eglChooseConfig(EGLDisplay dpy, const EGLint* attrib_list, EGLConfig*
 EGLBoolean eglGetConfigAttrib(EGLDisplay dpy, EGLConfig config, EGLint attribute, EGLint* value) {
     record("eglGetConfigAttrib", dpy, config, attribute, value);
     if (config == nullptr) return fail(EGL_BAD_CONFIG);
-    const bool channel = attribute == EGL_RED_SIZE || attribute == EGL_GREEN_SIZE || attribute == EGL_BLUE_SIZE ||
-                         attribute == EGL_ALPHA_SIZE;
-    *value = channel ? 8 : 0;
+    const EGLint channels[] = {EGL_RED_SIZE, EGL_GREEN_SIZE, EGL_BLUE_SIZE, EGL_ALPHA_SIZE};
+    *value = std::count(std::begin(channels), std::end(channels), attribute) ? 8 : 0;
     return EGL_TRUE;
 }
 
@@ -144,7 +139,7 @@ EGLBoolean eglDestroySurface(EGLDisplay dpy, EGLSurface surface) {
 
 EGLBoolean eglQuerySurface(EGLDisplay dpy, EGLSurface surface, EGLint attribute, EGLint* value) {
     record("eglQuerySurface", dpy, surface, attribute, value);
-    if (!isLiveObject("surface", nameOf(surface))) return fail(EGL_BAD_SURFACE);
+    if (!fakegl::isLive("surface", nameOf(surface))) return fail(EGL_BAD_SURFACE);
     *value = attribute == EGL_WIDTH || attribute == EGL_HEIGHT ? 100 : 0;
     return EGL_TRUE;
 }
@@ -164,7 +159,7 @@ EGLBoolean eglMakeCurrent(EGLDisplay dpy, EGLSurface draw, EGLSurface read, EGLC
     record("eglMakeCurrent", dpy, draw, read, ctx);
     if (ctx == EGL_NO_CONTEXT) return EGL_TRUE;
     if (inj().makeCurrentFails) return fail(EGL_BAD_ACCESS);
-    return isLiveObject("context", nameOf(ctx)) ? EGL_TRUE : fail(EGL_BAD_CONTEXT);
+    return fakegl::isLive("context", nameOf(ctx)) ? EGL_TRUE : fail(EGL_BAD_CONTEXT);
 }
 
 const char* eglQueryString(EGLDisplay dpy, EGLint name) {

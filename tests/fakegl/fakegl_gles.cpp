@@ -9,20 +9,15 @@ using namespace fakegl::detail;
 namespace {
 
 void genNames(const char* fn, const char* kind, GLsizei n, GLuint* names, bool handOutZero = false) {
-    fakegl::Call& call = record(fn, n, names);
-    for (GLsizei i = 0; i < n && names != nullptr; ++i) {
+    record(fn, n, names);
+    for (GLsizei i = 0; i < n && names != nullptr; ++i)
         names[i] = handOutZero ? 0 : static_cast<GLuint>(createObject(kind));
-        call.args.push_back(names[i]);
-    }
 }
 
 // Name 0 is silently ignored, as GL does.
 void deleteNames(const char* fn, const char* kind, GLsizei n, const GLuint* names) {
-    fakegl::Call& call = record(fn, n, names);
-    for (GLsizei i = 0; i < n && names != nullptr; ++i) {
-        call.args.push_back(names[i]);
-        destroyObject(kind, names[i]);
-    }
+    record(fn, n, names);
+    for (GLsizei i = 0; i < n && names != nullptr; ++i) destroyObject(kind, names[i]);
 }
 
 // The n-th compile or link (1-based) fails when injected; its log is the injected one.
@@ -31,14 +26,10 @@ void build(const char* fn, const char* kind, GLuint object, int failAt) {
     state().built[{kind, object}] = static_cast<int>(state().callCounts[fn]) != failAt;
 }
 
-// 1 built, 0 failed, -1 never built.
-int buildState(const char* kind, GLuint object) {
-    auto it = state().built.find({kind, object});
-    return it == state().built.end() ? -1 : it->second;
-}
-
+// The log of a failed compile or link; none for one that succeeded or never ran.
 std::string buildLog(const char* kind, GLuint object) {
-    if (buildState(kind, object) != 0) return "";
+    auto it = state().built.find({kind, object});
+    if (it == state().built.end() || it->second) return "";
     return std::string(kind) == "shader" ? inj().compileLog : inj().linkLog;
 }
 
@@ -46,7 +37,7 @@ void getBuildStatus(const char* fn, const char* kind, GLuint object, GLenum pnam
     record(fn, object, pname, params);
     const std::string log = buildLog(kind, object);
     if (pname == GL_COMPILE_STATUS || pname == GL_LINK_STATUS)
-        *params = buildState(kind, object) == 1 ? GL_TRUE : GL_FALSE;
+        *params = state().built[{kind, object}] ? GL_TRUE : GL_FALSE;  // never built: false
     else
         *params = pname == GL_INFO_LOG_LENGTH && !log.empty() ? static_cast<GLint>(log.size() + 1) : 0;
 }
@@ -67,20 +58,18 @@ void getBuildLog(const char* fn, const char* kind, GLuint object, GLsizei bufSiz
 
 void fakegl::detail::glEGLImageTargetTexture2DOES(GLenum target, GLeglImageOES image) {
     record("glEGLImageTargetTexture2DOES", target, image);
-    if (!isLiveObject("image", nameOf(image))) state().raisedGlErrors.push_back(GL_INVALID_VALUE);
+    if (!fakegl::isLive("image", nameOf(image))) state().raisedGlErrors.push_back(GL_INVALID_VALUE);
 }
 
 extern "C" {
 
 GLenum glGetError(void) {
     record("glGetError");
-    for (std::deque<GLenum>* q : {&state().queuedGlErrors, &state().raisedGlErrors}) {
-        if (q->empty()) continue;
-        GLenum e = q->front();
-        q->pop_front();
-        return e;
-    }
-    return GL_NO_ERROR;
+    std::deque<GLenum>& raised = state().raisedGlErrors;
+    if (raised.empty()) return GL_NO_ERROR;
+    const GLenum error = raised.front();
+    raised.pop_front();
+    return error;
 }
 
 void glGenTextures(GLsizei n, GLuint* textures) { genNames("glGenTextures", "texture", n, textures); }
@@ -102,17 +91,6 @@ GLuint glCreateProgram(void) {
 
 void glDeleteShader(GLuint shader) { record("glDeleteShader", shader), destroyObject("shader", shader); }
 void glDeleteProgram(GLuint program) { record("glDeleteProgram", program), destroyObject("program", program); }
-
-void glShaderSource(GLuint shader, GLsizei count, const GLchar* const* string, const GLint* length) {
-    fakegl::Call& call = record("glShaderSource", shader, count, string, length);
-    for (GLsizei i = 0; i < count && string != nullptr; ++i) {
-        if (string[i] == nullptr) continue;
-        if (length != nullptr && length[i] >= 0)
-            call.text.append(string[i], static_cast<size_t>(length[i]));
-        else
-            call.text.append(string[i]);
-    }
-}
 
 void glCompileShader(GLuint shader) { build("glCompileShader", "shader", shader, inj().failCompileAt); }
 void glLinkProgram(GLuint program) { build("glLinkProgram", "program", program, inj().failLinkAt); }

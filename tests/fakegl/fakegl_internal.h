@@ -26,7 +26,7 @@ struct State {
     std::map<std::string, std::set<uint64_t>> live;  // per kind
     std::map<std::string, size_t> created;           // per kind; names run from 1
     size_t doubleDeletes = 0;
-    std::deque<GLenum> queuedGlErrors, raisedGlErrors;  // queued ones are returned first
+    std::deque<GLenum> raisedGlErrors;
     std::vector<ArmedError> armed;
     EGLint eglError = EGL_SUCCESS;  // pending until the next eglGetError
     std::map<std::pair<EGLenum, intptr_t>, uint64_t> displays;  // (platform, native) -> name; 0: eglGetDisplay
@@ -35,7 +35,10 @@ struct State {
     std::map<std::string, GLint> uniformLocations;
 };
 
-State& state();
+inline State& state() {
+    static State s;
+    return s;
+}
 inline Injection& inj() { return state().inj; }
 
 template <class T>
@@ -48,15 +51,45 @@ int64_t scalar(T value) {
         return static_cast<int64_t>(value);
 }
 
-Call& newCall(const char* fn, std::vector<int64_t> args);
+// Logs the call and raises the GL error armed for it.
+inline Call& newCall(const char* fn, std::vector<int64_t> args) {
+    State& s = state();
+    s.calls.push_back(Call{fn, std::move(args), {}, {}});
+    ++s.callCounts[fn];
+    for (auto it = s.armed.begin(); it != s.armed.end(); ++it) {
+        if (it->fn != fn || --it->remaining > 0) continue;
+        s.raisedGlErrors.push_back(it->error);
+        s.armed.erase(it);
+        break;
+    }
+    return s.calls.back();
+}
 template <class... A>
 Call& record(const char* fn, A... args) { return newCall(fn, {scalar(args)...}); }
 
-uint64_t createObject(const std::string& kind);
-bool isLiveObject(const std::string& kind, uint64_t name);
-void destroyObject(const std::string& kind, uint64_t name);  // counts names that are not live
-std::vector<EGLint> copyAttribs(const EGLint* list);
-std::vector<EGLint> copyAttribs(const EGLAttrib* list);
+// Names run from 1 per kind.
+inline uint64_t createObject(const std::string& kind) {
+    uint64_t name = ++state().created[kind];
+    state().live[kind].insert(name);
+    return name;
+}
+
+// Counts names that are not live; name 0 is no object.
+inline void destroyObject(const std::string& kind, uint64_t name) {
+    if (name != 0 && state().live[kind].erase(name) == 0) ++state().doubleDeletes;
+}
+
+// Attribute lists are name/value pairs; the terminator sits in a name position.
+template <class T>
+std::vector<EGLint> copyAttribs(const T* list) {
+    std::vector<EGLint> out;
+    for (size_t i = 0; list != nullptr; i += 2) {
+        out.push_back(static_cast<EGLint>(list[i]));
+        if (list[i] == EGL_NONE) break;
+        out.push_back(static_cast<EGLint>(list[i + 1]));
+    }
+    return out;
+}
 
 template <class H>
 H handle(uint64_t name) { return reinterpret_cast<H>(static_cast<uintptr_t>(name)); }

@@ -6,11 +6,8 @@
 
 namespace {
 
-struct FakeGl : ::testing::Test {
-    void SetUp() override { fakegl::reset(); }
-};
-
-TEST_F(FakeGl, NamesPerKindAndDeletesAreTrackedIncludingImages) {
+TEST(FakeGl, NamesPerKindAndDeletesAreTrackedIncludingImages) {
+    fakegl::reset();
     GLuint tex[3], fbo[2], zero = 0, never = 42;
     glGenTextures(3, tex);
     glGenFramebuffers(2, fbo);
@@ -20,7 +17,6 @@ TEST_F(FakeGl, NamesPerKindAndDeletesAreTrackedIncludingImages) {
     glDeleteFramebuffers(2, fbo);
     EXPECT_TRUE(fakegl::liveObjects("texture") == 2u && fakegl::createdObjects("texture") == 3u);
     EXPECT_FALSE(fakegl::isLive("texture", tex[1]));
-    EXPECT_EQ(fakegl::callsTo("glDeleteFramebuffers").at(0).args.back(), 2);  // n, array, then the names
     // Name 0 is a no-op; a second delete, or a name of another kind, is not.
     glDeleteTextures(1, &zero);
     glDeleteProgram(0);
@@ -44,16 +40,6 @@ TEST_F(FakeGl, NamesPerKindAndDeletesAreTrackedIncludingImages) {
     EXPECT_EQ(fakegl::doubleDeletes(), 4u);
     target(GL_TEXTURE_EXTERNAL_OES, image);
     EXPECT_EQ(glGetError(), GL_INVALID_VALUE);
-}
-
-TEST_F(FakeGl, ErrorsComeQueuedThenArmedThenNone) {
-    fakegl::queueGlError(GL_INVALID_ENUM);
-    fakegl::failCall("glBindTexture", GL_INVALID_OPERATION, 2);
-    const std::pair<int, GLenum> rows[] = {{1, GL_INVALID_ENUM}, {0, GL_NO_ERROR}, {1, GL_INVALID_OPERATION}, {1, GL_NO_ERROR}};
-    for (auto [binds, expected] : rows) {  // armed for the second call only
-        if (binds) glBindTexture(GL_TEXTURE_2D, 1);
-        EXPECT_EQ(glGetError(), expected);
-    }
 }
 
 }  // namespace
