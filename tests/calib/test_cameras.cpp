@@ -226,17 +226,6 @@ const BoardPose kPoses[] = {
     {15, -20, 10, 1, 0.6},   {-15, 20, -10, -1, -0.6},  {20, 20, 0, 1, -0.6},     {-20, -20, 0, -1, 0.6},
 };
 
-// The rays (camera frame, unit length) through the centres of an s-times finer pixel grid.
-std::vector<cv::Vec3d> finePixelRays(const CameraSpec& camera, int s)
-{
-    std::vector<cv::Point2d> pixels;
-    for (int y = 0; y < camera.image_height * s; ++y)
-        for (int x = 0; x < camera.image_width * s; ++x) pixels.emplace_back((x + 0.5) / s - 0.5, (y + 0.5) / s - 0.5);
-    std::vector<cv::Vec3d> rays;
-    cameraRays(camera, pixels, &rays, nullptr);
-    return rays;
-}
-
 // Black and white squares, a white margin one square wide, a grey wall behind.
 uint8_t boardShade(double x, double y)
 {
@@ -258,11 +247,10 @@ cv::Mat renderBoard(const CameraSpec& camera, const std::vector<cv::Vec3d>& rays
     cv::Rodrigues(cv::Vec3d(0, pose.ry * kDegree, 0), Ry);
     cv::Rodrigues(cv::Vec3d(0, 0, pose.rz * kDegree), Rz);
     const cv::Matx33d R = Rz * Ry * Rx;
-    const cv::Vec3d centreOnBoard((kBoard.innerCorners.width - 1) * kBoard.square / 2,
-                                  (kBoard.innerCorners.height - 1) * kBoard.square / 2, 0);
-    const cv::Vec3d centre =
-        distance * cv::normalize(cv::Vec3d(std::tan(pose.across * spread * kDegree), std::tan(pose.down * spread * kDegree), 1));
-    const cv::Vec3d t = centre - R * centreOnBoard;
+    const cv::Vec3d centreOnBoard(kBoard.innerCorners.width - 1, kBoard.innerCorners.height - 1, 0);
+    const cv::Vec3d centre = distance * cv::normalize(cv::Vec3d(std::tan(pose.across * spread * kDegree),
+                                                                std::tan(pose.down * spread * kDegree), 1));
+    const cv::Vec3d t = centre - R * centreOnBoard * (kBoard.square / 2);
     const cv::Vec3d normal(R(0, 2), R(1, 2), R(2, 2));
     cv::Mat fine(camera.image_height * s, camera.image_width * s, CV_8UC1);
     for (int i = 0; i < fine.rows * fine.cols; ++i) {
@@ -283,7 +271,11 @@ CameraSpec camera(LensModel model, double fx, double fy, double cx, double cy, s
 
 std::vector<ChessboardPhoto> boardPhotos(const CameraSpec& camera, double spread, double distance, int s)
 {
-    const std::vector<cv::Vec3d> rays = finePixelRays(camera, s);
+    std::vector<cv::Point2d> pixels;  // the centres of an s-times finer pixel grid
+    for (int y = 0; y < camera.image_height * s; ++y)
+        for (int x = 0; x < camera.image_width * s; ++x) pixels.emplace_back((x + 0.5) / s - 0.5, (y + 0.5) / s - 0.5);
+    std::vector<cv::Vec3d> rays;
+    cameraRays(camera, pixels, &rays, nullptr);
     std::vector<ChessboardPhoto> photos;
     for (const BoardPose& pose : kPoses)
         photos.push_back({"pose" + std::to_string(photos.size()), renderBoard(camera, rays, s, pose, spread, distance)});

@@ -8,7 +8,6 @@
 
 #include <cmath>
 #include <limits>
-#include <memory>
 #include <vector>
 
 #include "calibration_dir.h"
