@@ -5,19 +5,152 @@
 // (only the mesh step's interpolation may cost anything), 1.5 dB from the refined one.
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
+#include <opencv2/imgproc.hpp>
 
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 
-#include "rig_fixture.h"
+#include "gpu/stitch_fixture.h"
+#include "rig_layout.h"
 #include "rig_refine.h"
 #include "scene_render.h"
 
 namespace {
 
-using zqavs_calib::Rig;
+using namespace zqavs_calib;
 
 constexpr double kDegree = 3.14159265358979323846 / 180.0;
+
+// A camera whose optical axis points at azimuth `yaw_deg` on the horizon.
+CameraSpec camera(LensModel model, double yaw_deg, double focal, std::vector<double> D)
+{
+    const double a = yaw_deg * kDegree;
+    return {model, 320, 240, cv::Matx33d(focal, 0, 159.5, 0, focal, 119.5, 0, 0, 1), std::move(D),
+            cv::Matx33d(std::cos(a), 0, -std::sin(a), 0, 1, 0, std::sin(a), 0, std::cos(a)), ""};
+}
+
+// Three fisheyes around the horizon; camera 0 looks at the panorama's edge, so it owns both
+// ends and every seam, the wrap-around one included, is blended.
+Rig fisheyeRing()
+{
+    Rig rig{{Projection::Equirectangular, 768, 192, 360.0, 80.0, 0.0, 16, 64, 3, zqavs_synth::AlphaType::U8}, {}};
+    for (double yaw : {180.0, -60.0, 60.0})
+        rig.cameras.push_back(camera(LensModel::Fisheye, yaw, 95, {0.02, -0.01, 0.003, -0.001}));
+    return rig;
+}
+
+// Three pinholes with barrel distortion side by side on a cylinder.
+Rig pinholeFan()
+{
+    Rig rig{{Projection::Cylindrical, 640, 160, 140.0, 40.0, 0.0, 16, 64, 3, zqavs_synth::AlphaType::Float}, {}};
+    for (double yaw : {-40.0, 0.0, 40.0})
+        rig.cameras.push_back(camera(LensModel::Pinhole, yaw, 200, {-0.15, 0.03, 0.001, -0.001, 0.0}));
+    return rig;
+}
+
+// A sphere map of random blocks at every scale, so that features show at any distance.
+zqavs_synth::RgbImage makeTexturedScene(int width, int height, uint64_t seed)
+{
+    cv::RNG rng(seed);
+    cv::Mat sum(height, width, CV_32FC3, cv::Scalar::all(0));
+    for (int cells = 8; cells <= width / 8; cells *= 2) {
+        cv::Mat grid(cells / 2, cells, CV_32FC3), blocks;
+        rng.fill(grid, cv::RNG::UNIFORM, 0.0, 1.0);
+        cv::resize(grid, blocks, sum.size(), 0, 0, cv::INTER_NEAREST);
+        sum += blocks;
+    }
+    cv::Mat scene;
+    cv::normalize(sum, scene, 0, 255, cv::NORM_MINMAX, CV_8UC3);
+    // The cameras sample it without a prefilter: keep detail to a few of their pixels.
+    cv::GaussianBlur(scene, scene, cv::Size(), 1.0);
+    return {width, height, std::vector<uint8_t>(scene.data, scene.data + scene.total() * 3)};
+}
+
+cv::Mat lumaOf(const zqavs_synth::RgbImage& image)
+{
+    const zqavs_synth::Nv12Image nv12 = zqavs_synth::rgbToNv12(image);
+    return cv::Mat(image.height, image.width, CV_8UC1, const_cast<uint8_t*>(nv12.data.data()), nv12.stride).clone();
+}
+
+zqavs_synth::PlaneView planeOf(const cv::Mat& y)
+{
+    return {y.data, y.cols, y.rows, static_cast<int>(y.step)};
+}
+
+// Each panorama pixel sampled bilinearly from its column's owner, where the model puts its ray.
+cv::Mat exactRemap(const Rig& rig, const RigCalibration& calib, const std::vector<cv::Mat>& cameraY)
+{
+    const PanoramaSpec& pano = rig.panorama;
+    std::vector<cv::Vec3d> rays;
+    for (int v = 0; v < pano.height; ++v)
+        for (int u = 0; u < pano.width; ++u) rays.push_back(panoramaRay(pano, u, v));
+    cv::Mat out(pano.height, pano.width, CV_8UC1, cv::Scalar(0));
+    for (size_t c = 0; c < rig.cameras.size(); ++c) {
+        std::vector<cv::Point2d> pixels;
+        std::vector<uint8_t> visible;
+        projectDirections(rig.cameras[c], rays, &pixels, &visible);
+        cv::Mat map, sampled;
+        cv::Mat(pixels).reshape(2, pano.height).convertTo(map, CV_32FC2);
+        cv::remap(cameraY[c], sampled, map, cv::noArray(), cv::INTER_LINEAR, cv::BORDER_REPLICATE);
+        for (int u = 0; u < pano.width; ++u)
+            if (columnOwner(calib, u) == static_cast<int>(c)) sampled.col(u).copyTo(out.col(u));
+    }
+    return out;
+}
+
+// The panorama's Y as the library stitches it from a calibration written to a scratch directory.
+cv::Mat stitch(const RigCalibration& calib, const std::vector<zqavs_synth::Nv12Image>& inputs)
+{
+    stitch_test::TempDir dir;
+    zqavs::StitchSetup setup;
+    setup.calibDir = dir.path;
+    setup.rig = calib.calibration.rig;
+    zqavs::StitchSession session;
+    std::string error;
+    double ms = 0.0;
+    bool stitched = zqavs_synth::writeCalibration(calib.calibration, dir.path, &error) && session.init(setup, &error);
+    for (size_t c = 0; stitched && c < inputs.size(); ++c) session.setInput(static_cast<int>(c), inputs[c]);
+    if (!(stitched = stitched && session.frame(&ms, &error))) {
+        ADD_FAILURE() << error;
+        return cv::Mat();
+    }
+    const zqavs_synth::Nv12View view = session.outputView();
+    return cv::Mat(view.height, view.width, CV_8UC1, const_cast<uint8_t*>(view.data), view.stride).clone();
+}
+
+// What a rig's cameras see of a scene.
+struct Views {
+    std::vector<zqavs_synth::Nv12Image> nv12;
+    std::vector<cv::Mat> y;
+};
+
+Views renderViews(const Rig& rig, const zqavs_synth::RgbImage& scene)
+{
+    Views views;
+    for (const CameraSpec& cam : rig.cameras) {
+        const zqavs_synth::RgbImage image = renderCameraImage(cam, scene);
+        views.nv12.push_back(zqavs_synth::rgbToNv12(image));
+        views.y.push_back(lumaOf(image));
+    }
+    return views;
+}
+
+// Y PSNR against the scene seen directly through `truth`'s panorama: of the library's panorama
+// stitched from `views` with `calib`, and of the exact remap of the same views with `truthCalib`.
+struct Psnrs {
+    double library = 0, exact = 0;
+};
+
+Psnrs panoramaPsnrs(const Rig& truth, const RigCalibration& truthCalib, const RigCalibration& calib,
+                    const zqavs_synth::RgbImage& scene, const Views& views)
+{
+    const cv::Mat seen = lumaOf(renderPanorama(truth.panorama, scene));
+    const cv::Mat stitched = stitch(calib, views.nv12);
+    if (stitched.empty()) return {};
+    return {zqavs_synth::psnr(planeOf(stitched), planeOf(seen), {}),
+            zqavs_synth::psnr(planeOf(exactRemap(truth, truthCalib, views.y)), planeOf(seen), {})};
+}
 
 double angleDeg(const cv::Matx33d& a, const cv::Matx33d& b)
 {
@@ -39,11 +172,11 @@ Rig perturbed(Rig rig, uint64_t seed)
     return rig;
 }
 
-zqavs_calib::RigCalibration calibrated(const Rig& rig)
+RigCalibration calibrated(const Rig& rig)
 {
-    zqavs_calib::RigCalibration calib;
+    RigCalibration calib;
     std::string error;
-    EXPECT_TRUE(zqavs_calib::calibrateRig(rig, &calib, &error)) << error;
+    EXPECT_TRUE(calibrateRig(rig, &calib, &error)) << error;
     return calib;
 }
 
@@ -59,10 +192,10 @@ TEST_P(CalibRoundTrip, TrueAndRefinedRigsStitchCloseToTheExactRemap)
 {
     const RealRig& param = GetParam();
     const Rig truth = param.rig();
-    const zqavs_calib::RigCalibration truthCalib = calibrated(truth);
+    const RigCalibration truthCalib = calibrated(truth);
     const zqavs_synth::RgbImage builtin = zqavs_synth::makeBuiltinScene(1440, 720);
-    const rig_test::Psnrs direct =
-        rig_test::panoramaPsnrs(truth, truthCalib, truthCalib, builtin, rig_test::renderViews(truth, builtin));
+    const Psnrs direct =
+        panoramaPsnrs(truth, truthCalib, truthCalib, builtin, renderViews(truth, builtin));
     printf("[ roundtrip ] %s: Y PSNR library %.2f dB, exact remap %.2f dB; mesh error max %.3f mean %.3f px\n",
            param.name, direct.library, direct.exact, truthCalib.meshError.max, truthCalib.meshError.mean);
     // The renderer and the remap must agree closely, or the comparison proves nothing.
@@ -70,28 +203,28 @@ TEST_P(CalibRoundTrip, TrueAndRefinedRigsStitchCloseToTheExactRemap)
     EXPECT_GE(direct.library, direct.exact - 1.0);
 
     const Rig given = perturbed(truth, param.seed);
-    const zqavs_synth::RgbImage textured = rig_test::makeTexturedScene(1440, 720, param.seed);
-    const rig_test::Views views = rig_test::renderViews(truth, textured);
-    zqavs_calib::RigRefinement refined;
+    const zqavs_synth::RgbImage textured = makeTexturedScene(1440, 720, param.seed);
+    const Views views = renderViews(truth, textured);
+    RigRefinement refined;
     std::string error;
     const auto start = std::chrono::steady_clock::now();
-    ASSERT_TRUE(zqavs_calib::refineRig(given, views.y, &refined, &error)) << error;
+    ASSERT_TRUE(refineRig(given, views.y, &refined, &error)) << error;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    printf("[ refine ] %s in %.2f s\n%s", param.name, seconds, zqavs_calib::refinementReport(refined).c_str());
+    printf("[ refine ] %s in %.2f s\n%s", param.name, seconds, refinementReport(refined).c_str());
     EXPECT_TRUE(refined.warnings.empty());
     for (size_t c = 0; c < truth.cameras.size(); ++c)
         EXPECT_LT(angleDeg(refined.rig.cameras[c].R, truth.cameras[c].R), 0.05)
             << "camera " << c << ", given " << angleDeg(given.cameras[c].R, truth.cameras[c].R) << " degrees off";
-    const rig_test::Psnrs afterRefine =
-        rig_test::panoramaPsnrs(truth, calibrated(truth), calibrated(refined.rig), textured, views);
+    const Psnrs afterRefine =
+        panoramaPsnrs(truth, calibrated(truth), calibrated(refined.rig), textured, views);
     printf("[ refine ] %s: Y PSNR refined rig %.2f dB, exact remap with the true rig %.2f dB\n", param.name,
            afterRefine.library, afterRefine.exact);
     EXPECT_GE(afterRefine.library, afterRefine.exact - 1.5);
 }
 
 INSTANTIATE_TEST_SUITE_P(Rigs, CalibRoundTrip,
-                         testing::Values(RealRig{"fisheye360", rig_test::fisheyeRing, 11},
-                                         RealRig{"pinholeDistorted", rig_test::pinholeFan, 12}),
+                         testing::Values(RealRig{"fisheye360", fisheyeRing, 11},
+                                         RealRig{"pinholeDistorted", pinholeFan, 12}),
                          [](const testing::TestParamInfo<RealRig>& info) { return std::string(info.param.name); });
 
 // Rigs the layout must refuse, each with the words its message must hold.
@@ -102,21 +235,19 @@ TEST(CalibLayout, RefusesRigsItCannotStitch)
         void (*spoil)(Rig*);
         const char* expected;
     } cases[] = {
-        {"gap between cameras",
-         [](Rig* r) { r->cameras[2] = rig_test::camera(zqavs_calib::LensModel::Pinhole, 100, 200, {}); },
+        {"gap between cameras", [](Rig* r) { r->cameras[2] = camera(LensModel::Pinhole, 100, 200, {}); },
          "seen by no camera: lower hfov_deg"},
         {"rows beyond the images", [](Rig* r) { r->panorama.vfov_deg = 100; }, "lower vfov_deg"},
         {"file order against the geometry", [](Rig* r) { std::swap(r->cameras[1].R, r->cameras[2].R); },
          "cameras 0 and 2 are neighbours"},
-        {"overlap narrower than the pyramid needs",
-         [](Rig* r) { r->panorama.bands = 6, r->panorama.seam_width = 256; }, "lower bands"},
+        {"narrow overlap", [](Rig* r) { r->panorama.bands = 6, r->panorama.seam_width = 256; }, "lower bands"},
     };
     for (const auto& c : cases) {
-        Rig rig = rig_test::pinholeFan();
+        Rig rig = pinholeFan();
         c.spoil(&rig);
-        zqavs_calib::RigCalibration calib;
+        RigCalibration calib;
         std::string error;
-        EXPECT_FALSE(zqavs_calib::calibrateRig(rig, &calib, &error)) << c.what;
+        EXPECT_FALSE(calibrateRig(rig, &calib, &error)) << c.what;
         EXPECT_NE(error.find(c.expected), std::string::npos) << c.what << ": " << error;
     }
 }
@@ -131,25 +262,23 @@ TEST(RigRefine, FallsBackOrRefusesImagesItCannotUse)
         bool refined;
         const char* expected;
     } cases[] = {
-        {"camera 2 featureless", [](std::vector<cv::Mat>* y) { (*y)[2].setTo(128); }, true,
-         "camera 2 keeps its given rotation"},
-        {"camera 1 featureless", [](std::vector<cv::Mat>* y) { (*y)[1].setTo(128); }, false,
-         "no pair of neighbouring cameras"},
+        {"camera 2 featureless", [](std::vector<cv::Mat>* y) { (*y)[2].setTo(128); }, true, "camera 2 keeps its given"},
+        {"camera 1 featureless", [](std::vector<cv::Mat>* y) { (*y)[1].setTo(128); }, false, "no pair of neighbouring"},
         {"an image missing", [](std::vector<cv::Mat>* y) { y->pop_back(); }, false, "2 images for 3 cameras"},
         {"an image too small", [](std::vector<cv::Mat>* y) { (*y)[1] = (*y)[1](cv::Rect(0, 0, 100, 80)).clone(); },
          false, "camera 1: the image is 100x80"},
     };
-    const Rig truth = rig_test::pinholeFan();
+    const Rig truth = pinholeFan();
     const Rig given = perturbed(truth, 3);
-    const rig_test::Views views = rig_test::renderViews(truth, rig_test::makeTexturedScene(1440, 720, 3));
+    const Views views = renderViews(truth, makeTexturedScene(1440, 720, 3));
     for (const auto& c : cases) {
         std::vector<cv::Mat> images;
         for (const cv::Mat& y : views.y) images.push_back(y.clone());
         c.spoil(&images);
-        zqavs_calib::RigRefinement refined;
+        RigRefinement refined;
         std::string error;
-        ASSERT_EQ(zqavs_calib::refineRig(given, images, &refined, &error), c.refined) << c.what << ": " << error;
-        const std::string text = c.refined ? zqavs_calib::refinementReport(refined) : error;
+        ASSERT_EQ(refineRig(given, images, &refined, &error), c.refined) << c.what << ": " << error;
+        const std::string text = c.refined ? refinementReport(refined) : error;
         EXPECT_NE(text.find(c.expected), std::string::npos) << c.what << ": " << text;
         if (!c.refined) continue;
         EXPECT_EQ(refined.rig.cameras[2].R, given.cameras[2].R) << c.what;

@@ -8,9 +8,9 @@
 
 #include <cmath>
 #include <limits>
-#include <memory>
 #include <vector>
 
+#include "calibration_dir.h"
 #include "instance_support.h"
 
 namespace core = zqavs_calib_core;
@@ -128,13 +128,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!addMeshes(in, layout, &buffers)) return 0;
     addAlphas(in, layout, &buffers);
 
-    ZQGFX_AVS_CONTEXT_T context{};
-    context.numView = static_cast<uint32_t>(layout.camera_num);
-    const bool fitting = in.ConsumeIntegralInRange(0, 7) != 0;
-    context.inputBufferWidth = fitting ? (layout.src_width + 15) & ~15 : in.ConsumeIntegral<uint16_t>();
-    context.inputBufferHeight = fitting ? layout.src_height : in.ConsumeIntegral<uint16_t>();
-    context.outputBufferWidth = fitting ? (layout.bld_width + 15) & ~15 : in.ConsumeIntegral<uint16_t>();
-    context.outputBufferHeight = fitting ? layout.bld_height : in.ConsumeIntegral<uint16_t>();
+    ZQGFX_AVS_CONTEXT_T context = entry_test::contextFor(layout, "");
+    context.meshFilePath = nullptr;
+    if (in.ConsumeIntegralInRange(0, 7) == 0)  // buffers that do not fit the layout
+        for (uint32_t* side : {&context.inputBufferWidth, &context.inputBufferHeight, &context.outputBufferWidth,
+                               &context.outputBufferHeight})
+            *side = in.ConsumeIntegral<uint16_t>();
     context.inputBufferFormat = 0x3231564e;  // NV12
     context.avsAlphaType = in.ConsumeBool() ? FUSE_GPU_ALPHA_U8 : FUSE_GPU_ALPHA_FLOAT;
     context.useMeshBufAddress = 1;

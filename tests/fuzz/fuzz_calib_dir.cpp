@@ -2,15 +2,13 @@
 // alpha type, then the parameter file, the mesh files in mesh order and the alpha files, separated
 // by kSeparator. A part reading "DIR" becomes a directory; files past the last part are missing.
 // An init that succeeds runs a frame; the instance is ended either way.
-#include <unistd.h>
-
-#include <cstdlib>
+#include <algorithm>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "calibration_dir.h"
 #include "instance_support.h"
 
 namespace core = zqavs_calib_core;
@@ -42,34 +40,17 @@ std::vector<std::string> fileNames(const PSR_INITPARAMS_T& layout)
     return names;
 }
 
-// Plain storage, so that it outlives every static when the process exits and removes it.
-char scratchPath[] = "/tmp/zqavs_fuzz_XXXXXX";
-
-void removeScratch() { std::filesystem::remove_all(scratchPath); }
-
-const std::string& scratchDir()
+void writeDirectory(const entry_test::TempCalibrationDir& dir, const std::vector<std::string>& names,
+                    const std::vector<std::string>& parts)
 {
-    static const std::string dir = [] {
-        mkdtemp(scratchPath);
-        std::atexit(removeScratch);
-        return std::string(scratchPath) + "/";
-    }();
-    return dir;
-}
-
-void writeDirectory(const std::vector<std::string>& names, const std::vector<std::string>& parts)
-{
-    for (const auto& entry : std::filesystem::directory_iterator(scratchDir())) std::filesystem::remove_all(entry);
+    for (const auto& entry : std::filesystem::directory_iterator(dir.path())) std::filesystem::remove_all(entry);
     for (size_t i = 0; i < names.size() && i < parts.size(); ++i) {
-        const std::string path = scratchDir() + names[i];
         if (parts[i] == "DIR")
-            std::filesystem::create_directory(path);
+            std::filesystem::create_directory(dir.path() + names[i]);
         else
-            std::ofstream(path, std::ios::binary).write(parts[i].data(), static_cast<std::streamsize>(parts[i].size()));
+            dir.write(names[i], parts[i].data(), parts[i].size());
     }
 }
-
-bool plausibleSide(int side) { return side <= kLargestSide; }
 
 }  // namespace
 
@@ -80,19 +61,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     std::istringstream params(parts[0]);
     PSR_INITPARAMS_T layout;
     layout.camera_num = static_cast<int>(core::readParams(params, &layout).cameraLines.size());
-    if (!plausibleSide(layout.src_width) || !plausibleSide(layout.src_height) || !plausibleSide(layout.bld_width) ||
-        !plausibleSide(layout.bld_height))
-        return 0;
-    writeDirectory(fileNames(layout), parts);
+    if (std::max({layout.src_width, layout.src_height, layout.bld_width, layout.bld_height}) > kLargestSide) return 0;
+    static const entry_test::TempCalibrationDir dir;
+    writeDirectory(dir, fileNames(layout), parts);
 
-    ZQGFX_AVS_CONTEXT_T context{};
-    const std::string dir = scratchDir();
-    context.numView = static_cast<uint32_t>(layout.camera_num);
-    context.meshFilePath = const_cast<char*>(dir.c_str());
-    context.inputBufferWidth = (static_cast<uint32_t>(layout.src_width) + 15) & ~15u;
-    context.inputBufferHeight = static_cast<uint32_t>(layout.src_height);
-    context.outputBufferWidth = (static_cast<uint32_t>(layout.bld_width) + 15) & ~15u;
-    context.outputBufferHeight = static_cast<uint32_t>(layout.bld_height);
+    ZQGFX_AVS_CONTEXT_T context = entry_test::contextFor(layout, dir.path());
     context.inputBufferFormat = 0x3231564e;  // NV12
     context.avsAlphaType = data[0] & 1 ? FUSE_GPU_ALPHA_U8 : FUSE_GPU_ALPHA_FLOAT;
     entry_test::initFrameAndEnd(&context, layout.camera_num);

@@ -175,12 +175,7 @@ TEST(CalibCore, WriterMovesACompleteSetInOrLeavesTheTargetAsItWas)
         EXPECT_EQ(after.size(), before.size() - before.count(core::kParamsFileName) + files) << row.name;
         for (const core::NamedFile& extra : row.extras) EXPECT_EQ(after.at(extra.name), extra.bytes);
         EXPECT_EQ(after.at(alphaName), std::string(100, 7));
-        // What was written reads back as the same layout.
-        PSR_INITPARAMS_T read;
-        std::istringstream in(after.at(core::kParamsFileName));
-        core::readParams(in, &read);
-        read.camera_num = layout.camera_num;
-        EXPECT_EQ(core::paramsFileText(read), core::paramsFileText(layout)) << row.name;
+        EXPECT_EQ(after.at(core::kParamsFileName), core::paramsFileText(layout)) << row.name;
         const std::string meshBytes = after.at(core::meshFileName('y', 1, 1));
         EXPECT_EQ(meshBytes.size(), meshes[1][1].y.size() * sizeof(float));
         EXPECT_EQ(memcmp(meshBytes.data(), meshes[1][1].y.data(), meshBytes.size()), 0);

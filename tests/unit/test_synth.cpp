@@ -1,6 +1,6 @@
 // The synthetic calibration generator: layouts the library's blend planning accepts, alpha maps,
-// colour and metrics. That its meshes rebuild the scene and its buffer-mode records give the bytes
-// of its files is shown on the real driver (StitchPipeline).
+// colour and the PSNR the pixel tests measure with. That its meshes rebuild the scene and its
+// buffer-mode records give the bytes of its files is shown on the real driver (StitchPipeline).
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -45,13 +45,9 @@ TEST(Synth, LayoutTilesThePanoramaAndTheLibraryBlendsEverySeamButTheWrap)
         // Every column belongs to one camera alone (counted twice) or to two overlap blocks.
         std::vector<int> cover(rig.bld_width, 0);
         for (int c = 0; c < n; ++c) {
-            const PSR_NONOVERLAP_BLOCK& nb = layout.nonoverlap_block[c];
-            const PSR_OVERLAP_BLOCK& ob = layout.overlap_block[c];
-            ASSERT_EQ(nb.nonoverlap_num, 1);
-            EXPECT_EQ(ob.overlap_num, n == 1 ? 0 : (c == 0 || c == n - 1 ? 1 : 2));
-            for (int x = nb.dst_startx[0]; x < nb.dst_startx[0] + nb.dst_width[0]; ++x) cover[x] += 2;
-            for (int b = 0; b < ob.overlap_num; ++b)
-                for (int x = ob.dst_startx[b]; x < ob.dst_startx[b] + ob.dst_width[b]; ++x) cover[x]++;
+            for (const zqavs_calib_core::BlockView& b : zqavs_calib_core::cameraBlocks(layout, c))
+                for (int x = b.dst_startx; x < b.dst_startx + b.dst_width; ++x) cover[x] += b.overlap ? 1 : 2;
+            EXPECT_EQ(layout.overlap_block[c].overlap_num, n == 1 ? 0 : (c == 0 || c == n - 1 ? 1 : 2));
             ASSERT_EQ(calib.meshes[c].size(), static_cast<size_t>(layout.image_block_num[c]));
         }
         EXPECT_EQ(cover, std::vector<int>(rig.bld_width, 2));
@@ -111,7 +107,7 @@ TEST(Synth, Bt601FullRangeOfPureColours)
     }
 }
 
-TEST(Synth, PsnrAndSeamStep)
+TEST(Synth, PsnrOverMaskedColumns)
 {
     std::vector<uint8_t> a(64 * 8), b;
     for (size_t i = 0; i < a.size(); ++i) a[i] = static_cast<uint8_t>(i * 7);
@@ -125,24 +121,4 @@ TEST(Synth, PsnrAndSeamStep)
     b[3 * 64 + 40] = 0;  // outside the mask
     EXPECT_NEAR(psnr(pa, pb, mask), 10 * std::log10(255.0 * 255.0 / 5.0), 1e-9);
     EXPECT_TRUE(std::isnan(psnr(pa, PlaneView{b.data(), 32, 8, 64}, {})));
-
-    // Left half 100, right half 100 except rows 0..3 at 140.
-    std::vector<uint8_t> seam(64 * 8, 100);
-    for (int row = 0; row < 4; ++row) std::fill(&seam[row * 64 + 32], &seam[row * 64 + 64], 140);
-    PlaneView ps{seam.data(), 64, 8, 64};
-    EXPECT_DOUBLE_EQ(meanAbsStep(ps, 32), 20.0);
-    EXPECT_DOUBLE_EQ(meanAbsStep(ps, 33), 0.0);
-    EXPECT_TRUE(std::isnan(meanAbsStep(ps, 0)));
-}
-
-TEST(Synth, MeshFileNameCollisionsAreFound)
-{
-    // Camera 1 block 10 and camera 11 block 0 would share one file name.
-    PSR_INITPARAMS_T layout;
-    layout.camera_num = 12;
-    layout.image_block_num.assign(12, 3);
-    layout.image_block_num[1] = 13;
-    EXPECT_NE(findFileNameCollision(layout).find("zq_ps_gpu_meshx110.bin"), std::string::npos);
-    layout.image_block_num[1] = 3;
-    EXPECT_EQ(findFileNameCollision(layout), "");
 }
