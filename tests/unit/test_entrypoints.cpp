@@ -1,5 +1,6 @@
 // The exported entry points: the log level, refusals, and whole instances against the fake driver
-// (init to deinit, the frame's call order, failed inits that leave their objects behind).
+// (init to deinit, the frame's call order, failed inits that leave their objects behind); and the
+// calibration loaders beneath them.
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
@@ -10,9 +11,9 @@
 #include "calibration_dir.h"
 #include "instance_support.h"
 #include "unit/remap_engine_support.h"
-#include "unit/engine_log_support.h"
 
 using entry_test::contains;
+using entry_test::forgetInstance;
 using engine_test::hasErrorLine;
 using entry_test::stdoutOf;
 
@@ -38,8 +39,6 @@ public:
         refreshCalibrationLogLevel();
         refreshPlanningLogLevel();
     }
-
-    static void forgetInstance() { entry_test::forgetInstance(); }
 
     // Four cameras in a ring, two-level pyramids; camera 3's right seam does not meet camera 0's left.
     void writeFourCameraCalibration()
@@ -79,12 +78,6 @@ public:
         return ZQGFX_AVS_init(&context) == ZQGFX_AVS_SUCCESS ? call(*this) : ZQGFX_AVS_FAILED;
     }
     ZQGFX_AVS_STATUS initAndFrame() { return running([](EntryPoints& t) { return ZQGFX_AVS_AllProcess(&t.context); }); }
-    void replace(const std::string& name, const std::string& bytes)
-    {
-        std::filesystem::remove(dir.path() + name);
-        if (bytes == "DIR") std::filesystem::create_directory(dir.path() + name);
-        else dir.write(name, bytes.data(), bytes.size());
-    }
 
     ZQGFX_AVS_STATUS initNow() { return ZQGFX_AVS_init(&context); }
     ZQGFX_AVS_STATUS init()
@@ -163,22 +156,12 @@ TEST_F(EntryPoints, InstancesRunFramesInOrderEndAsTheCallerSynchronisesAndLeaveN
     EXPECT_TRUE(std::regex_search(printed, std::regex(R"(libzqgfx_avs: ZQGFX_AVS_init,line=[0-9]+: )"
                                                       R"(Init success! Version:v6\.9b1, use_time=[0-9.]+ms\n\n)")));
     EXPECT_STREQ(ZQGFX_AVS_get_path(), "target");
-    const int* doBlend = avs_thread_instance().doBlendArray;
-    EXPECT_EQ(std::vector<int>(doBlend, doBlend + 4), (std::vector<int>{1, 1, 1, 0}));
-    const zqgfx_gpu_avs::ZQGL_Remap* remap = avs_thread_instance().zqRemapInstance;
     for (uint32_t useSync : {0u, 1u}) {
         context.useSync = useSync;
         const size_t start = fakegl::calls().size();
         EXPECT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_SUCCESS);
         EXPECT_EQ(remap_test::callSequence("^glFinish$|^glFlush$", start), useSync ? "glFlush" : "glFinish");
         EXPECT_EQ(fakegl::calls().back().fn, useSync ? "glFlush" : "glFinish");
-        // Programs in order of first use: non-overlap, overlap, then the blend engine's.
-        std::vector<int64_t> programs;
-        for (const fakegl::Call& call : fakegl::callsTo("glUseProgram"))
-            if (call.args[0] != 0 && std::find(programs.begin(), programs.end(), call.args[0]) == programs.end())
-                programs.push_back(call.args[0]);
-        ASSERT_GE(programs.size(), 3u);
-        EXPECT_TRUE(programs[0] == remap->gProgram && programs[1] == remap->gProgramRGB);
     }
     EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 5u);  // four cameras and the output, imported once
 
@@ -243,9 +226,9 @@ TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
 TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
 {
     writeFourCameraCalibration();
-    printed = stdoutOf([&] { EXPECT_EQ(initBuffers([](EntryPoints&) {}), ZQGFX_AVS_SUCCESS); });
+    stdoutOf([&] { EXPECT_EQ(initBuffers([](EntryPoints&) {}), ZQGFX_AVS_SUCCESS); });
     const std::vector<std::vector<float>>& meshes = callerMeshes->meshes;
-    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data()) << printed;
+    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data());
     stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS); });
     forgetInstance();
     // Still the caller's (freeing them here would also trip the allocator when the vectors go).
@@ -269,28 +252,23 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         std::string line;  // in the output; on success: no FAILED line at all
     };
     const Row rows[] = {
-        // ---- the context (a null one: see NothingRunsWithoutAnInstanceOrAContext)
-        {"no calibration directory", [](T& t) { t.context.meshFilePath = nullptr;
-             return t.initNow(); }, failed, "meshFilePath is NULL, FAILED!"},
-        {"input width not a multiple of 16", [](T& t) { t.context.inputBufferWidth = 328;
-             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x240"},
-        {"output height not the panorama's", [](T& t) { t.context.outputBufferHeight = 480;
-             return t.initNow(); }, failed, "outputBufferWidth is not aligned with 16, recommend size: 1280x240"},
-        {"more views than cameras", [](T& t) { t.context.numView = 5;
-             return t.initNow(); }, failed, params + " describes 4 cameras but camera_num is 5, FAILED!"},
-        {"negative view count", [](T& t) { t.context.numView = 0x80000000u;
-             return t.initNow(); }, failed, "camera_num=-2147483648 is negative, FAILED!"},
-        // ---- the calibration files
-        {"no parameter file", [](T& t) { t.dir.remove("zq_ps_gpu_mesh_params.txt");
-             return t.initNow(); }, failed, "Read failed:"},
-        {"directory for the parameter file", [&](T& t) { t.replace(params, "DIR");
+        // ---- the context (a null one: NothingRunsWithoutAnInstanceOrAContext; buffer sizes: MeshLoading)
+        {"no calibration directory", [](T& t) { t.context.meshFilePath = nullptr; return t.initNow(); }, failed,
+         "meshFilePath is NULL, FAILED!"},
+        {"more views than cameras", [](T& t) { t.context.numView = 5; return t.initNow(); }, failed,
+         params + " describes 4 cameras but camera_num is 5, FAILED!"},
+        {"negative view count", [](T& t) { t.context.numView = 0x80000000u; return t.initNow(); }, failed,
+         "camera_num=-2147483648 is negative, FAILED!"},
+        // ---- the calibration files (missing and short ones: MeshLoading and AFailedInitKeepsWhatItMade)
+        {"directory for the parameter file", [&](T& t) { t.dir.remove(params);
+             std::filesystem::create_directory(t.dir.path() + params);
              return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 0x0"},
         {"non-numeric value", [&](T& t) {  // reads as 0
-             std::string text = entry_test::paramsText(t.layout);
+             std::string text = zqavs_calib_core::paramsFileText(t.layout);
              text.replace(text.find("240"), 3, "high");
-             t.replace(params, text);
+             t.dir.write(params, text.data(), text.size());
              return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
-        {"block count disagreeing with the lists", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
+        {"block count below the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
          failed, layoutAt + "1 declares 2 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"block count above the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 4; }); },
          failed, layoutAt + "1 declares 4 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
@@ -300,18 +278,6 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, layoutAt + "0 has 11 blocks, at most 10 are supported, FAILED!"},
         {"negative mesh size", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].mesh_height[0] = -3; }); },
          failed, layoutAt + "1 block 1 has a negative size, FAILED!"},
-        {"missing mesh file", [](T& t) { t.dir.remove("zq_ps_gpu_meshy11.bin");
-             return t.initNow(); }, failed, "open failed: "},
-        {"short mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx02.bin", "abc");
-             return t.initNow(); }, failed, "zq_ps_gpu_meshx02.bin holds 3 bytes, 192 expected, FAILED!"},
-        {"directory for a mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx00.bin", "DIR");
-             return t.initNow(); }, failed, "zq_ps_gpu_meshx00.bin holds 0 bytes, 1088 expected, FAILED!"},
-        {"missing alpha file", [](T& t) { t.dir.remove("zq_ps_gpu_alpha12.bin");
-             return t.initNow(); }, failed, "avs-debug fopen failed layername:"},
-        {"short alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha01.bin", "abcd");
-             return t.initNow(); }, failed, "alpha file too short"},
-        {"directory for an alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha23.bin", "DIR");
-             return t.initNow(); }, failed, "zq_ps_gpu_alpha23.bin elements=0 expected=9600"},
         {"alpha map wider than its block", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].alpha_width[0] = 64; }); },
          failed, "zq_ps_gpu_alpha01.bin elements=9600 expected=19200"},
         {"band count too deep for the seam", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].band_num[0] = 16; }); },
@@ -320,17 +286,13 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              l.bld_width = 20000; t.context.outputBufferWidth = 20000; });
              return ZQGFX_AVS_AllProcess(&t.context); }, failed, "bld_width=20000 or bld_height=240 is exceed the gpu max texture size limit!"},
         // ---- what the GPU only draws: meshes and blocks placed anywhere
-        {"not-a-number meshes", [](T& t) {
-             const std::vector<float> nan(17 * 16, std::nanf(""));
+        {"not-a-number meshes, and meshes far outside the image", [](T& t) {
+             const std::vector<float> nan(17 * 16, std::nanf("")), far(3 * 16, -1e30f);
              t.dir.write("zq_ps_gpu_meshx10.bin", nan.data(), nan.size() * sizeof(float));
-             return t.initAndFrame(); }, ok, ""},
-        {"meshes far outside the image", [](T& t) {
-             const std::vector<float> far(3 * 16, -1e30f);
              t.dir.write("zq_ps_gpu_meshy21.bin", far.data(), far.size() * sizeof(float));
              return t.initAndFrame(); }, ok, ""},
-        {"block past the panorama's width", [](T& t) { t.initChanged([](L& l) { l.nonoverlap_block[3].dst_startx[0] = 1200; });
-             return ZQGFX_AVS_AllProcess(&t.context); }, ok, ""},
-        {"overlapping blocks", [](T& t) { t.initChanged([](L& l) { l.nonoverlap_block[1].dst_startx[0] = 40; });
+        {"a block past the panorama's width over another", [](T& t) { t.initChanged([](L& l) {
+             l.nonoverlap_block[3].dst_startx[0] = 1200, l.nonoverlap_block[1].dst_startx[0] = 40; });
              return ZQGFX_AVS_AllProcess(&t.context); }, ok, ""},
         // ---- the caller's records
         {"no layout record", [](T& t) { return t.initBuffers([](T& u) { u.context.AVS_initParams = nullptr; }); },
@@ -349,14 +311,12 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, "meshAlphaBufArray[0] mem_size=100 too small"},
         {"alpha record without an address", [](T& t) { return t.initBuffers([](T& u) { u.alphaRecord.vir_addr = nullptr; }); },
          failed, "meshAlphaBufArray[0]=NULL!"},
-        // ---- calls out of order or with nothing to work on
+        // ---- calls out of order or with nothing to work on (a failing descriptor: InstancesRunFrames...)
         {"frame after deinit", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
-             entry_test::forgetInstance();
+             forgetInstance();
              return ZQGFX_AVS_AllProcess(&t.context); }, failed, "no initialised instance on this thread, FAILED!"},
         {"frame without descriptors", [](T& t) { return t.running([](T& u) { u.context.inputFdArray = nullptr;
              return ZQGFX_AVS_AllProcess(&u.context); }); }, failed, "inputFdArray is NULL, FAILED!"},
-        {"descriptor 0 for a camera", [](T& t) { return t.running([](T& u) { u.fds[2] = 0;
-             return ZQGFX_AVS_AllProcess(&u.context); }); }, failed, "input fd_array[2]=0 is illegal!"},
         {"same descriptor as input and output", [](T& t) { return t.running([](T& u) { u.fds[4] = u.fds[0];
              return ZQGFX_AVS_AllProcess(&u.context); }); }, ok, ""},
         {"resize wider than the initial panorama", [](T& t) { return t.running([](T& u) { u.context.outputBufferWidth = 2560;
@@ -382,7 +342,7 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              avs_thread_state() = first;
              return second; }, ok, ""},
         {"deinit twice", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
-             entry_test::forgetInstance();
+             forgetInstance();
              return ZQGFX_AVS_deinit(&t.context); }, ok, ""},
     };
     auto fresh = [this] {
@@ -409,6 +369,114 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         });
         EXPECT_EQ(recovered, ok) << again;
         EXPECT_FALSE(contains(again, "FAILED")) << again;
+    }
+}
+
+// Loading the layout and meshes from files (file mode) and from the caller's records (buffer mode).
+class MeshLoading : public ::testing::Test {
+protected:
+    ~MeshLoading() override { entry_test::freeMeshTables(owned); }
+    int load()
+    {
+        entry_test::freeMeshTables(owned);
+        layout = PSR_INITPARAMS_T();
+        int result = 0;
+        printed = stdoutOf([&] { result = read_files_and_init_params(&context, &layout, &owned, &used); });
+        return result;
+    }
+    bool holdsWrittenMeshes(int camera, int position) const
+    {
+        const int n = entry_test::meshNodes(layout, camera, position);
+        const float* x = owned.input_meshx[camera][position];
+        const float* y = owned.input_meshy[camera][position];
+        return x && y && std::vector<float>(x, x + n) == entry_test::meshValues('x', camera, position, n) &&
+               std::vector<float>(y, y + n) == entry_test::meshValues('y', camera, position, n);
+    }
+
+    entry_test::TempCalibrationDir dir;
+    ZQGFX_AVS_CONTEXT_T context{};
+    PSR_INITPARAMS_T layout;
+    inputMeshCoords owned, used;
+    std::string printed;
+};
+
+TEST_F(MeshLoading, FileModeCompletesTheLayoutAndFillsBothTables)
+{
+    PSR_INITPARAMS_T file = entry_test::ringLayout(3, 2, 1);
+    file.bld_width = 950;
+    dir.writeCalibration(file);
+    context = entry_test::contextFor(file, dir.path());
+    context.numView = 2;  // wins over the file's three cameras
+    ASSERT_EQ(load(), 0) << printed;
+    EXPECT_EQ((std::vector<int64_t>{layout.camera_num, layout.image_stride, layout.output_image_stride}),
+              (std::vector<int64_t>{2, 320, 960}));
+    ASSERT_EQ(owned.input_meshx.size(), 2u);
+    for (int c = 0; c < 2; ++c) {
+        ASSERT_EQ(owned.input_meshy[c].size(), 3u);
+        for (int p = 0; p < 3; ++p) EXPECT_TRUE(holdsWrittenMeshes(c, p)) << c << "/" << p;
+    }
+    EXPECT_TRUE(used.input_meshx == owned.input_meshx && used.input_meshy == owned.input_meshy);
+}
+
+TEST_F(MeshLoading, BufferSizesAreCheckedAgainstTheLayout)
+{
+    PSR_INITPARAMS_T file = entry_test::ringLayout(1, 1, 0);
+    file.src_width = 1000, file.bld_width = 630;
+    const std::string in = "inputBufferWidth is not aligned with 16, recommend size: 1008x240\n\n";
+    const std::string out = "outputBufferWidth is not aligned with 16, recommend size: 640x240\n\n";
+    struct Case {
+        uint32_t inW, inH, outW, outH;
+        std::string message;
+    } cases[] = {{1008, 240, 640, 240, ""}, {1024, 240, 656, 240, ""}, {1000, 240, 640, 240, in},
+                 {992, 240, 640, 240, in},  {1008, 256, 640, 240, in},  {1008, 240, 630, 240, out},
+                 {1008, 240, 624, 240, out}, {1008, 240, 640, 241, out}};
+    dir.writeCalibration(file);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.inW << "x" << c.inH << " " << c.outW << "x" << c.outH);
+        context = entry_test::contextFor(file, dir.path());
+        context.inputBufferWidth = c.inW, context.inputBufferHeight = c.inH;
+        context.outputBufferWidth = c.outW, context.outputBufferHeight = c.outH;
+        EXPECT_EQ(load(), c.message.empty() ? 0 : -1);
+        EXPECT_TRUE(contains(printed, "libzqgfx_avs: read_files_and_init_params,line=") == !c.message.empty());
+        EXPECT_TRUE(contains(printed, c.message)) << printed;
+    }
+}
+
+// Every file is read (or reported) before the load fails, and a short one is refused, not half-read.
+TEST_F(MeshLoading, EveryFileIsTriedBeforeFailing)
+{
+    const PSR_INITPARAMS_T file = entry_test::ringLayout(2, 2, 1);
+    dir.writeCalibration(file);
+    dir.remove("zq_ps_gpu_meshy11.bin");
+    dir.writeMesh('x', 0, 2, entry_test::meshNodes(file, 0, 2) - 1);
+    context = entry_test::contextFor(file, dir.path());
+    EXPECT_EQ(load(), -1);
+    EXPECT_TRUE(contains(printed, "open failed: " + dir.path() + "zq_ps_gpu_meshy11.bin\n")) << printed;
+    EXPECT_TRUE(contains(printed, "zq_ps_gpu_meshx02.bin holds 188 bytes, 192 expected, FAILED!")) << printed;
+    for (auto block : {std::pair{0, 0}, {0, 1}, {1, 0}, {1, 2}})
+        EXPECT_TRUE(holdsWrittenMeshes(block.first, block.second)) << block.first << "/" << block.second;
+    EXPECT_EQ(owned.input_meshx[1][1][5], entry_test::meshValues('x', 1, 1, 6)[5]);
+    EXPECT_EQ(owned.input_meshy[0][2][47], entry_test::meshValues('y', 0, 2, 48)[47]);
+}
+
+TEST(BufferModeLoading, CopiesTheLayoutAndTakesThePointersInMeshOrder)
+{
+    PSR_INITPARAMS_T caller = entry_test::ringLayout(2, 1, 2), layout;
+    caller.output_image_stride = 1234, caller.useSync = 7;
+    entry_test::CallerMeshes meshes(caller);
+    ZQGFX_AVS_CONTEXT_T context = entry_test::contextFor(caller, "");
+    context.useMeshBufAddress = 1, context.AVS_initParams = &caller, context.avsRemapMeshArray = meshes.pointers.data();
+    inputMeshCoords used;
+    int result = -1;
+    const std::string printed = stdoutOf([&] { result = get_mesh_and_init_params(&context, &layout, &used); });
+    ASSERT_EQ(result, 0) << printed;
+    EXPECT_EQ(layout.output_image_stride, 1234u);  // nothing derived
+    EXPECT_EQ(layout.useSync, 7u);
+    caller.overlap_block[1].dst_startx[0] = -99;  // a deep copy
+    EXPECT_EQ(layout.overlap_block[1].dst_startx[0], 320);
+    for (int m = 0; m < 6; ++m) {
+        EXPECT_EQ(used.input_meshx[m / 3][m % 3], meshes.meshes[2 * m].data());
+        EXPECT_EQ(used.input_meshy[m / 3][m % 3], meshes.meshes[2 * m + 1].data());
     }
 }
 
