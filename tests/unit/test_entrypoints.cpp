@@ -1,21 +1,30 @@
 // The exported entry points: the log level, refusals, and whole instances against the fake driver
-// (init to deinit, the frame's call order, failed inits that leave their objects behind); and the
-// calibration loaders beneath them.
+// (init to deinit, the frame's call order, failed inits that leave their objects behind), on the
+// target path and on the plane paths; and the calibration loaders beneath them.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <drm_fourcc.h>
+
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <regex>
+#include <set>
 
+#include "blend_engine_support.h"
 #include "calibration_dir.h"
 #include "instance_support.h"
+#include "portable_yuv.h"
 #include "unit/remap_engine_support.h"
 
 using entry_test::contains;
 using entry_test::forgetInstance;
 using engine_test::hasErrorLine;
 using entry_test::stdoutOf;
+using zqgfx_gpu_avs::BlendEngineTestAccess;
 
 namespace {
 
@@ -40,19 +49,21 @@ public:
         refreshPlanningLogLevel();
     }
 
-    // Four cameras in a ring, two-level pyramids; camera 3's right seam does not meet camera 0's left.
-    void writeFourCameraCalibration()
+    // Four cameras in a ring, seams `seam` columns wide with `bands` + 1 pyramid levels, blended
+    // with the alpha map `alphaMap`; camera 3's right seam does not meet camera 0's left.
+    void writeRing(int seam, int bands, const void* alphaMap, size_t bytes)
     {
         layout = entry_test::ringLayout(4, 1, 2);
-        for (zqPSR_OVERLAP_BLOCK& o : layout.overlap_block) o.band_num.assign(2, 1);
-        layout.overlap_block[3].dst_startx[1] = layout.bld_width - 32;
+        for (zqPSR_OVERLAP_BLOCK& o : layout.overlap_block)
+            o.dst_width.assign(2, seam), o.alpha_width.assign(2, seam), o.band_num.assign(2, bands);
+        layout.overlap_block[3].dst_startx[1] = layout.bld_width - seam;
         dir.writeCalibration(layout);
-        for (const char* name : {"zq_ps_gpu_alpha01.bin", "zq_ps_gpu_alpha12.bin", "zq_ps_gpu_alpha23.bin"})
-            dir.write(name, alpha.data(), alpha.size() * sizeof(float));
+        for (int c = 0; c < 3; ++c) dir.write(zqavs_calib_core::alphaFileName(c, c + 1), alphaMap, bytes);
         context = entry_test::contextFor(layout, dir.path());
         context.inputBufferFormat = 0x3231564e;
         context.inputFdArray = fds;
     }
+    void writeFourCameraCalibration() { writeRing(32, 1, alpha.data(), alpha.size() * sizeof(float)); }
 
     // File mode on the four-camera calibration as `change` leaves it (the buffers fit the original).
     ZQGFX_AVS_STATUS initChanged(const std::function<void(PSR_INITPARAMS_T&)>& change)
@@ -61,14 +72,19 @@ public:
         dir.writeCalibration(layout);
         return ZQGFX_AVS_init(&context);
     }
-    // Buffer mode on the same calibration, the records as `change` leaves them.
-    ZQGFX_AVS_STATUS initBuffers(const std::function<void(EntryPoints&)>& change)
+    // Buffer mode on the same calibration: a record for every block, one alpha record for all seams.
+    void useBuffers()
     {
         callerMeshes = std::make_unique<entry_test::CallerMeshes>(layout);
         alphaRecord = PSR_DRM_BUF_MSG_S{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
         std::fill(std::begin(alphaRecords), std::end(alphaRecords), &alphaRecord);
         context.useMeshBufAddress = 1, context.AVS_initParams = &layout, context.meshFilePath = nullptr;
         context.avsRemapMeshArray = callerMeshes->pointers.data(), context.meshAlphaDrmBufMsgArray = alphaRecords;
+    }
+    // Buffer mode, the records as `change` leaves them.
+    ZQGFX_AVS_STATUS initBuffers(const std::function<void(EntryPoints&)>& change)
+    {
+        useBuffers();
         change(*this);
         return ZQGFX_AVS_init(&context);
     }
@@ -140,12 +156,11 @@ TEST_F(EntryPoints, TraceLinesNeedLevelThreeAtInit)
     setenv("ZQ_GPU_AVS_DEBUG_LOG", "0", 1);
     init();
     setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
-    PSR_INITPARAMS_T caller = entry_test::ringLayout(1, 1, 0), copy;
-    entry_test::CallerMeshes meshes(caller);
-    ZQGFX_AVS_CONTEXT_T buffers = entry_test::contextFor(caller, "");
-    buffers.AVS_initParams = &caller, buffers.avsRemapMeshArray = meshes.pointers.data();
+    writeFourCameraCalibration();
+    useBuffers();
+    PSR_INITPARAMS_T copy;
     inputMeshCoords used;
-    EXPECT_FALSE(hasTraceLines(stdoutOf([&] { EXPECT_EQ(get_mesh_and_init_params(&buffers, &copy, &used), 0); })));
+    EXPECT_FALSE(hasTraceLines(stdoutOf([&] { EXPECT_EQ(get_mesh_and_init_params(&context, &copy, &used), 0); })));
 }
 
 // Ten file-mode instances one after another, fenced and not; the first is looked at closely.
@@ -223,18 +238,6 @@ TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
     }
 }
 
-TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
-{
-    writeFourCameraCalibration();
-    stdoutOf([&] { EXPECT_EQ(initBuffers([](EntryPoints&) {}), ZQGFX_AVS_SUCCESS); });
-    const std::vector<std::vector<float>>& meshes = callerMeshes->meshes;
-    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data());
-    stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS); });
-    forgetInstance();
-    // Still the caller's (freeing them here would also trip the allocator when the vectors go).
-    EXPECT_EQ(meshes[0], entry_test::meshValues('x', 0, 0, static_cast<int>(meshes[0].size())));
-}
-
 // What callers hand over by mistake or malice, at every entry point. Each row is refused with its
 // line (or gets what the interface documents), the sanitizers stay quiet, and the same thread
 // then starts a valid instance.
@@ -301,8 +304,6 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, "AVS_initParams: camera 1 lists fewer block values than its block counts, FAILED!"},
         {"no mesh records", [](T& t) { return t.initBuffers([](T& u) { u.context.avsRemapMeshArray = nullptr; }); },
          failed, "avsRemapMeshArray is NULL, FAILED!"},
-        {"missing mesh record", [](T& t) { return t.initBuffers([](T& u) { u.callerMeshes->pointers[0] = nullptr; }); },
-         failed, "avsRemapMeshArray[0] (camera 0 block 0) has no mesh buffers, FAILED!"},
         {"mesh record without buffers", [](T& t) { return t.initBuffers([](T& u) { u.callerMeshes->records[4].meshyBufAddr_ = nullptr; }); },
          failed, "avsRemapMeshArray[4] (camera 1 block 1) has no mesh buffers, FAILED!"},
         {"no alpha records", [](T& t) { return t.initBuffers([](T& u) { u.context.meshAlphaDrmBufMsgArray = nullptr; }); },
@@ -373,31 +374,28 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
 }
 
 // Loading the layout and meshes from files (file mode) and from the caller's records (buffer mode).
-class MeshLoading : public ::testing::Test {
+class MeshLoading : public EntryPoints {
 protected:
     ~MeshLoading() override { entry_test::freeMeshTables(owned); }
     int load()
     {
         entry_test::freeMeshTables(owned);
-        layout = PSR_INITPARAMS_T();
+        loaded = PSR_INITPARAMS_T();
         int result = 0;
-        printed = stdoutOf([&] { result = read_files_and_init_params(&context, &layout, &owned, &used); });
+        printed = stdoutOf([&] { result = read_files_and_init_params(&context, &loaded, &owned, &used); });
         return result;
     }
     bool holdsWrittenMeshes(int camera, int position) const
     {
-        const int n = entry_test::meshNodes(layout, camera, position);
+        const int n = entry_test::meshNodes(loaded, camera, position);
         const float* x = owned.input_meshx[camera][position];
         const float* y = owned.input_meshy[camera][position];
         return x && y && std::vector<float>(x, x + n) == entry_test::meshValues('x', camera, position, n) &&
                std::vector<float>(y, y + n) == entry_test::meshValues('y', camera, position, n);
     }
 
-    entry_test::TempCalibrationDir dir;
-    ZQGFX_AVS_CONTEXT_T context{};
-    PSR_INITPARAMS_T layout;
+    PSR_INITPARAMS_T loaded;
     inputMeshCoords owned, used;
-    std::string printed;
 };
 
 TEST_F(MeshLoading, FileModeCompletesTheLayoutAndFillsBothTables)
@@ -408,7 +406,7 @@ TEST_F(MeshLoading, FileModeCompletesTheLayoutAndFillsBothTables)
     context = entry_test::contextFor(file, dir.path());
     context.numView = 2;  // wins over the file's three cameras
     ASSERT_EQ(load(), 0) << printed;
-    EXPECT_EQ((std::vector<int64_t>{layout.camera_num, layout.image_stride, layout.output_image_stride}),
+    EXPECT_EQ((std::vector<int64_t>{loaded.camera_num, loaded.image_stride, loaded.output_image_stride}),
               (std::vector<int64_t>{2, 320, 960}));
     ASSERT_EQ(owned.input_meshx.size(), 2u);
     for (int c = 0; c < 2; ++c) {
@@ -455,29 +453,196 @@ TEST_F(MeshLoading, EveryFileIsTriedBeforeFailing)
     EXPECT_TRUE(contains(printed, "zq_ps_gpu_meshx02.bin holds 188 bytes, 192 expected, FAILED!")) << printed;
     for (auto block : {std::pair{0, 0}, {0, 1}, {1, 0}, {1, 2}})
         EXPECT_TRUE(holdsWrittenMeshes(block.first, block.second)) << block.first << "/" << block.second;
-    EXPECT_EQ(owned.input_meshx[1][1][5], entry_test::meshValues('x', 1, 1, 6)[5]);
-    EXPECT_EQ(owned.input_meshy[0][2][47], entry_test::meshValues('y', 0, 2, 48)[47]);
+    EXPECT_EQ(owned.input_meshy[0][2][47], entry_test::meshValues('y', 0, 2, 48)[47]);  // beside the short x mesh
 }
 
-TEST(BufferModeLoading, CopiesTheLayoutAndTakesThePointersInMeshOrder)
+TEST_F(MeshLoading, BufferModeCopiesTheLayoutAndTakesThePointersInMeshOrder)
 {
-    PSR_INITPARAMS_T caller = entry_test::ringLayout(2, 1, 2), layout;
-    caller.output_image_stride = 1234, caller.useSync = 7;
-    entry_test::CallerMeshes meshes(caller);
-    ZQGFX_AVS_CONTEXT_T context = entry_test::contextFor(caller, "");
-    context.useMeshBufAddress = 1, context.AVS_initParams = &caller, context.avsRemapMeshArray = meshes.pointers.data();
-    inputMeshCoords used;
-    int result = -1;
-    const std::string printed = stdoutOf([&] { result = get_mesh_and_init_params(&context, &layout, &used); });
-    ASSERT_EQ(result, 0) << printed;
-    EXPECT_EQ(layout.output_image_stride, 1234u);  // nothing derived
-    EXPECT_EQ(layout.useSync, 7u);
-    caller.overlap_block[1].dst_startx[0] = -99;  // a deep copy
-    EXPECT_EQ(layout.overlap_block[1].dst_startx[0], 320);
-    for (int m = 0; m < 6; ++m) {
-        EXPECT_EQ(used.input_meshx[m / 3][m % 3], meshes.meshes[2 * m].data());
-        EXPECT_EQ(used.input_meshy[m / 3][m % 3], meshes.meshes[2 * m + 1].data());
+    writeFourCameraCalibration();
+    layout.output_image_stride = 1234, layout.useSync = 7;
+    useBuffers();
+    ASSERT_EQ(get_mesh_and_init_params(&context, &loaded, &used), 0);
+    EXPECT_EQ(loaded.output_image_stride, 1234u);  // nothing derived
+    EXPECT_EQ(loaded.useSync, 7u);
+    layout.overlap_block[1].dst_startx[0] = -99;  // a deep copy
+    EXPECT_EQ(loaded.overlap_block[1].dst_startx[0], 320);
+    for (int m = 0; m < 12; ++m) {
+        EXPECT_EQ(used.input_meshx[m / 3][m % 3], callerMeshes->meshes[2 * m].data());
+        EXPECT_EQ(used.input_meshy[m / 3][m % 3], callerMeshes->meshes[2 * m + 1].data());
     }
 }
+
+// ---- the plane paths: drivers without YUV render targets, with and without dma-buf import
+
+int memfdOf(size_t bytes)
+{
+    const int fd = memfd_create("portable-wiring", MFD_CLOEXEC);
+    return fd >= 0 && ftruncate(fd, static_cast<off_t>(bytes)) == 0 ? fd : -1;
+}
+
+const char* pathName(bool zeroCopy) { return zeroCopy ? "planes" : "portable"; }
+
+// The parameter: whether the driver imports dma-bufs (the "planes" path) or not ("portable").
+class PortableWiring : public EntryPoints, public ::testing::WithParamInterface<bool> {
+protected:
+    bool zeroCopy() const { return GetParam(); }
+    // Camera images and the output in memfds; seams blended with three levels of U8 alpha 64 wide,
+    // so that level 2 and a wide alpha level exist.
+    void SetUp() override
+    {
+        EntryPoints::SetUp();
+        fakegl::inject().glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external";
+        fakegl::inject().eglExtensions = zeroCopy() ? "EGL_KHR_image_base EGL_EXT_image_dma_buf_import EGL_KHR_fence_sync"
+                                                    : "EGL_KHR_image_base EGL_KHR_fence_sync";
+        for (int c = 0; c < 5; ++c) fds[c] = memfdOf(zqgfx_gpu_avs::nv12ImageBytes(c < 4 ? 320 : 1280, 240));
+        const std::vector<uint8_t> u8(zqgfx_gpu_avs::alphaBufferLength(64, 240, 3), 128);
+        writeRing(64, 2, u8.data(), u8.size());
+        context.avsAlphaType = FUSE_GPU_ALPHA_U8;
+        ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
+    }
+    void TearDown() override
+    {
+        EntryPoints::TearDown();
+        for (int fd : fds) close(fd);
+    }
+    ZQGFX_AVS_STATUS frame()
+    {
+        ZQGFX_AVS_STATUS status = ZQGFX_AVS_FAILED;
+        printed = stdoutOf([&] { status = ZQGFX_AVS_AllProcess(&context); });
+        return status;
+    }
+    zqgfx_gpu_avs::ZQGL_Remap& remap() { return *avs_thread_state().zqRemapInstance; }
+};
+
+// The attribute list of a plane image: fourcc, size, descriptor, offset, pitch.
+std::vector<EGLint> planeImageOf(const fakegl::Call& call)
+{
+    std::vector<EGLint> v;
+    for (EGLint name : {EGL_LINUX_DRM_FOURCC_EXT, EGL_WIDTH, EGL_HEIGHT, EGL_DMA_BUF_PLANE0_FD_EXT,
+                        EGL_DMA_BUF_PLANE0_OFFSET_EXT, EGL_DMA_BUF_PLANE0_PITCH_EXT})
+        v.push_back(fakegl::attribValue(call, name));
+    return v;
+}
+
+TEST_P(PortableWiring, WarmFramesMakeNoObjectsAndMoveFramesTheirPathsWay)
+{
+    EXPECT_STREQ(ZQGFX_AVS_get_path(), pathName(zeroCopy()));
+    const size_t probeImages = fakegl::countCalls("eglCreateImageKHR");  // level 2 and wide alpha levels are textures
+    EXPECT_EQ(probeImages, zeroCopy() ? 1u : 0u);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    const size_t warm = fakegl::calls().size(), uploads = fakegl::countCalls("glTexSubImage2D");
+    const size_t reads = fakegl::countCalls("glReadPixels");
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    EXPECT_EQ(remap_test::callSequence("^glGen|^glCreate|^eglCreate", warm), "");
+    const std::vector<fakegl::Call> images = fakegl::callsTo("eglCreateImageKHR");
+    if (zeroCopy()) {
+        // One import per descriptor and plane (cameras, then the output), on the first frame only.
+        ASSERT_EQ(images.size(), probeImages + 2 * 5);
+        for (int i = 0; i < 5; ++i) {
+            const EGLint w = i < 4 ? 320 : 1280;
+            const std::vector<EGLint> luma{DRM_FORMAT_R8, w, 240, fds[i], 0, w};
+            EXPECT_EQ(planeImageOf(images[probeImages + 2 * i]), luma);
+            EXPECT_EQ(planeImageOf(images[probeImages + 2 * i + 1]),
+                      (std::vector<EGLint>{DRM_FORMAT_GR88, w / 2, 120, fds[i], w * 240, w}));
+        }
+        // Nothing copied either way.
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 0u);
+        EXPECT_EQ(fakegl::countCalls("glReadPixels"), 0u);
+    } else {
+        EXPECT_TRUE(images.empty());
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 2 * 4u);  // both planes of every camera
+        // Luma then chroma per covered span, straight from the plane targets.
+        const std::vector<fakegl::Call> read = fakegl::callsTo("glReadPixels");
+        EXPECT_GT(read.size(), reads);
+        for (size_t i = reads; i < read.size(); ++i) EXPECT_EQ(read[i].args[4], i % 2 == 0 ? GL_RED : GL_RG) << i;
+    }
+    EXPECT_EQ(fakegl::liveObjects("image"), 0u);  // the textures hold the buffers
+}
+
+TEST_P(PortableWiring, AfbcShortDescriptorsAndFailedReadBacksFailTheFrameWithTheirReason)
+{
+    for (uint32_t* afbc : {&context.inputIsAFBC, &context.outputIsAFBC}) {
+        *afbc = 1;
+        EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
+        const char* what = afbc == &context.inputIsAFBC ? "input" : "output";
+        const std::string refusal = std::string("AFBC ") + what + " is not supported on the " + pathName(zeroCopy());
+        EXPECT_TRUE(contains(printed, refusal + " path")) << printed;
+        EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, 0u), 100);  // none looked at
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D"), 0u);
+        *afbc = 0;
+    }
+
+    ASSERT_EQ(ftruncate(fds[2], 100), 0);  // too short for its image: refused, its slot freed again
+    EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
+    EXPECT_TRUE(contains(printed, "descriptor " + std::to_string(fds[2]) + " holds 100 bytes")) << printed;
+    EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, static_cast<GLuint>(fds[2])), 0);
+    ASSERT_EQ(ftruncate(fds[2], static_cast<off_t>(zqgfx_gpu_avs::nv12ImageBytes(320, 240))), 0);
+    EXPECT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+
+    if (zeroCopy()) return;
+    fakegl::failCall("glReadPixels", GL_INVALID_OPERATION);
+    EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
+    EXPECT_TRUE(contains(printed, "read-back of output descriptor " + std::to_string(fds[4]) + " failed")) << printed;
+}
+
+// A descriptor number that comes to name another buffer, a full import table, a resize and the
+// tear-down: each replaces or releases the plane objects it concerns, once.
+TEST_P(PortableWiring, PlaneObjectsFollowReusedNumbersFlushesResizesAndDeinit)
+{
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    const size_t made = fakegl::createdObjects("texture"), images = fakegl::countCalls("eglCreateImageKHR");
+    for (int which : {1, 4}) {  // a camera, then the output: the number stays, the buffer changes
+        const int fresh = memfdOf(zqgfx_gpu_avs::nv12ImageBytes(which == 4 ? 1280 : 320, 240));
+        ASSERT_EQ(dup2(fresh, fds[which]), fds[which]);
+        close(fresh);
+    }
+    for (int frames = 0; frames < 2; ++frames) {  // imported again, then kept
+        ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+        EXPECT_EQ(fakegl::createdObjects("texture") - made, 2 * 2u);  // both planes of both buffers
+        EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR") - images, zeroCopy() ? 4u : 0u);
+    }
+    const size_t textures = fakegl::liveObjects("texture"), framebuffers = fakegl::liveObjects("framebuffer");
+    // New descriptor numbers every frame fill the 100-slot table; it is flushed along the way.
+    std::vector<int> dups;
+    const int original[4] = {fds[0], fds[1], fds[2], fds[3]};
+    bool flushed = false;
+    for (int f = 0; f < 30 && !flushed; ++f) {
+        for (int c = 0; c < 4; ++c) dups.push_back(fds[c] = dup(original[c]));
+        flushed = remap().cache_input_fd[99] != 0;
+        ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS) << "frame " << f;
+    }
+    ASSERT_TRUE(flushed);
+    EXPECT_EQ(fakegl::liveObjects("texture"), textures);  // the flushed inputs' textures went
+    for (int c = 0; c < 4; ++c) fds[c] = original[c];
+    for (int fd : dups) close(fd);
+
+    context.outputBufferWidth = 630;  // the output slot is made anew at the new size, rows of 640
+    ASSERT_EQ(ZQGFX_AVS_resize(&context), ZQGFX_AVS_SUCCESS);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    EXPECT_EQ(fakegl::liveObjects("framebuffer"), framebuffers);
+    if (zeroCopy()) {  // chroma follows the rows of luma, not the pixels
+        EXPECT_EQ(planeImageOf(fakegl::callsTo("eglCreateImageKHR").back()),
+                  (std::vector<EGLint>{DRM_FORMAT_GR88, 315, 120, fds[4], 640 * 240, 640}));
+    }
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+
+    // De-init leaves only the alpha textures that its established order skips.
+    std::set<GLuint> alphaTextures;
+    zqgfx_gpu_avs::zqglMultibandBlend& blend = *avs_thread_state().zqMultibandBlendInstance;
+    for (int c = 0; c < 3; ++c)
+        for (int l = 0; l < 3; ++l) alphaTextures.insert((*BlendEngineTestAccess::pyramids(blend)[3])[c][l].texture_id);
+    stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
+    forgetInstance();
+    size_t alphaLeft = 0;
+    for (GLuint texture : alphaTextures) alphaLeft += fakegl::isLive("texture", texture);
+    EXPECT_EQ(fakegl::liveObjects("texture"), alphaLeft);
+    for (const char* kind : {"framebuffer", "buffer", "program", "shader", "vertexarray", "image", "context"})
+        EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, PortableWiring, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) { return std::string(pathName(info.param)); });
 
 }  // namespace
