@@ -15,16 +15,21 @@ namespace entry_test {
 
 inline void forgetInstance() { avs_thread_state() = AvsThreadInstance{}; }
 
+// The meshes that file-mode loading read into `tables`.
+inline void freeMeshTables(inputMeshCoords& tables)
+{
+    for (auto* table : {&tables.input_meshx, &tables.input_meshy})
+        for (auto& camera : *table)
+            for (float* mesh : camera) free(mesh);
+    tables = inputMeshCoords();
+}
+
 // A failed init frees nothing; before its EGL set-up nothing but these allocations exists.
 inline void releaseObjectsOfAFailedInit()
 {
     AvsThreadInstance& s = avs_thread_state();
-    if (s.mInputMeshCoords != nullptr) {
-        for (auto* table : {&s.mInputMeshCoords->input_meshx, &s.mInputMeshCoords->input_meshy})
-            for (auto& camera : *table)
-                for (float* mesh : camera) free(mesh);
-        delete s.mInputMeshCoords;
-    }
+    if (s.mInputMeshCoords != nullptr) freeMeshTables(*s.mInputMeshCoords);
+    delete s.mInputMeshCoords;
     delete s.init_params;
     delete s.mUseInputMeshCoords;
     delete s.multiband_resource;

@@ -1,20 +1,30 @@
 // The exported entry points: the log level, refusals, and whole instances against the fake driver
-// (init to deinit, the frame's call order, failed inits that leave their objects behind).
+// (init to deinit, the frame's call order, failed inits that leave their objects behind), on the
+// target path and on the plane paths; and the calibration loaders beneath them.
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <drm_fourcc.h>
+
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <regex>
+#include <set>
 
+#include "blend_engine_support.h"
 #include "calibration_dir.h"
 #include "instance_support.h"
+#include "portable_yuv.h"
 #include "unit/remap_engine_support.h"
-#include "unit/engine_log_support.h"
 
 using entry_test::contains;
+using entry_test::forgetInstance;
 using engine_test::hasErrorLine;
 using entry_test::stdoutOf;
+using zqgfx_gpu_avs::BlendEngineTestAccess;
 
 namespace {
 
@@ -39,21 +49,21 @@ public:
         refreshPlanningLogLevel();
     }
 
-    static void forgetInstance() { entry_test::forgetInstance(); }
-
-    // Four cameras in a ring, two-level pyramids; camera 3's right seam does not meet camera 0's left.
-    void writeFourCameraCalibration()
+    // Four cameras in a ring, seams `seam` columns wide with `bands` + 1 pyramid levels, blended
+    // with the alpha map `alphaMap`; camera 3's right seam does not meet camera 0's left.
+    void writeRing(int seam, int bands, const void* alphaMap, size_t bytes)
     {
         layout = entry_test::ringLayout(4, 1, 2);
-        for (zqPSR_OVERLAP_BLOCK& o : layout.overlap_block) o.band_num.assign(2, 1);
-        layout.overlap_block[3].dst_startx[1] = layout.bld_width - 32;
+        for (zqPSR_OVERLAP_BLOCK& o : layout.overlap_block)
+            o.dst_width.assign(2, seam), o.alpha_width.assign(2, seam), o.band_num.assign(2, bands);
+        layout.overlap_block[3].dst_startx[1] = layout.bld_width - seam;
         dir.writeCalibration(layout);
-        for (const char* name : {"zq_ps_gpu_alpha01.bin", "zq_ps_gpu_alpha12.bin", "zq_ps_gpu_alpha23.bin"})
-            dir.write(name, alpha.data(), alpha.size() * sizeof(float));
+        for (int c = 0; c < 3; ++c) dir.write(zqavs_calib_core::alphaFileName(c, c + 1), alphaMap, bytes);
         context = entry_test::contextFor(layout, dir.path());
         context.inputBufferFormat = 0x3231564e;
         context.inputFdArray = fds;
     }
+    void writeFourCameraCalibration() { writeRing(32, 1, alpha.data(), alpha.size() * sizeof(float)); }
 
     // File mode on the four-camera calibration as `change` leaves it (the buffers fit the original).
     ZQGFX_AVS_STATUS initChanged(const std::function<void(PSR_INITPARAMS_T&)>& change)
@@ -62,14 +72,19 @@ public:
         dir.writeCalibration(layout);
         return ZQGFX_AVS_init(&context);
     }
-    // Buffer mode on the same calibration, the records as `change` leaves them.
-    ZQGFX_AVS_STATUS initBuffers(const std::function<void(EntryPoints&)>& change)
+    // Buffer mode on the same calibration: a record for every block, one alpha record for all seams.
+    void useBuffers()
     {
         callerMeshes = std::make_unique<entry_test::CallerMeshes>(layout);
         alphaRecord = PSR_DRM_BUF_MSG_S{alpha.data(), 9, 0, static_cast<int64_t>(alpha.size() * sizeof(float))};
         std::fill(std::begin(alphaRecords), std::end(alphaRecords), &alphaRecord);
         context.useMeshBufAddress = 1, context.AVS_initParams = &layout, context.meshFilePath = nullptr;
         context.avsRemapMeshArray = callerMeshes->pointers.data(), context.meshAlphaDrmBufMsgArray = alphaRecords;
+    }
+    // Buffer mode, the records as `change` leaves them.
+    ZQGFX_AVS_STATUS initBuffers(const std::function<void(EntryPoints&)>& change)
+    {
+        useBuffers();
         change(*this);
         return ZQGFX_AVS_init(&context);
     }
@@ -79,12 +94,6 @@ public:
         return ZQGFX_AVS_init(&context) == ZQGFX_AVS_SUCCESS ? call(*this) : ZQGFX_AVS_FAILED;
     }
     ZQGFX_AVS_STATUS initAndFrame() { return running([](EntryPoints& t) { return ZQGFX_AVS_AllProcess(&t.context); }); }
-    void replace(const std::string& name, const std::string& bytes)
-    {
-        std::filesystem::remove(dir.path() + name);
-        if (bytes == "DIR") std::filesystem::create_directory(dir.path() + name);
-        else dir.write(name, bytes.data(), bytes.size());
-    }
 
     ZQGFX_AVS_STATUS initNow() { return ZQGFX_AVS_init(&context); }
     ZQGFX_AVS_STATUS init()
@@ -147,12 +156,11 @@ TEST_F(EntryPoints, TraceLinesNeedLevelThreeAtInit)
     setenv("ZQ_GPU_AVS_DEBUG_LOG", "0", 1);
     init();
     setenv("ZQ_GPU_AVS_DEBUG_LOG", "3", 1);
-    PSR_INITPARAMS_T caller = entry_test::ringLayout(1, 1, 0), copy;
-    entry_test::CallerMeshes meshes(caller);
-    ZQGFX_AVS_CONTEXT_T buffers = entry_test::contextFor(caller, "");
-    buffers.AVS_initParams = &caller, buffers.avsRemapMeshArray = meshes.pointers.data();
+    writeFourCameraCalibration();
+    useBuffers();
+    PSR_INITPARAMS_T copy;
     inputMeshCoords used;
-    EXPECT_FALSE(hasTraceLines(stdoutOf([&] { EXPECT_EQ(get_mesh_and_init_params(&buffers, &copy, &used), 0); })));
+    EXPECT_FALSE(hasTraceLines(stdoutOf([&] { EXPECT_EQ(get_mesh_and_init_params(&context, &copy, &used), 0); })));
 }
 
 // Ten file-mode instances one after another, fenced and not; the first is looked at closely.
@@ -163,22 +171,12 @@ TEST_F(EntryPoints, InstancesRunFramesInOrderEndAsTheCallerSynchronisesAndLeaveN
     EXPECT_TRUE(std::regex_search(printed, std::regex(R"(libzqgfx_avs: ZQGFX_AVS_init,line=[0-9]+: )"
                                                       R"(Init success! Version:v6\.9b1, use_time=[0-9.]+ms\n\n)")));
     EXPECT_STREQ(ZQGFX_AVS_get_path(), "target");
-    const int* doBlend = avs_thread_instance().doBlendArray;
-    EXPECT_EQ(std::vector<int>(doBlend, doBlend + 4), (std::vector<int>{1, 1, 1, 0}));
-    const zqgfx_gpu_avs::ZQGL_Remap* remap = avs_thread_instance().zqRemapInstance;
     for (uint32_t useSync : {0u, 1u}) {
         context.useSync = useSync;
         const size_t start = fakegl::calls().size();
         EXPECT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_SUCCESS);
         EXPECT_EQ(remap_test::callSequence("^glFinish$|^glFlush$", start), useSync ? "glFlush" : "glFinish");
         EXPECT_EQ(fakegl::calls().back().fn, useSync ? "glFlush" : "glFinish");
-        // Programs in order of first use: non-overlap, overlap, then the blend engine's.
-        std::vector<int64_t> programs;
-        for (const fakegl::Call& call : fakegl::callsTo("glUseProgram"))
-            if (call.args[0] != 0 && std::find(programs.begin(), programs.end(), call.args[0]) == programs.end())
-                programs.push_back(call.args[0]);
-        ASSERT_GE(programs.size(), 3u);
-        EXPECT_TRUE(programs[0] == remap->gProgram && programs[1] == remap->gProgramRGB);
     }
     EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR"), 5u);  // four cameras and the output, imported once
 
@@ -240,18 +238,6 @@ TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
     }
 }
 
-TEST_F(EntryPoints, BufferModeLeavesTheCallersMeshesAlone)
-{
-    writeFourCameraCalibration();
-    printed = stdoutOf([&] { EXPECT_EQ(initBuffers([](EntryPoints&) {}), ZQGFX_AVS_SUCCESS); });
-    const std::vector<std::vector<float>>& meshes = callerMeshes->meshes;
-    EXPECT_EQ(avs_thread_instance().mUseInputMeshCoords->input_meshy[3][2], meshes[23].data()) << printed;
-    stdoutOf([&] { EXPECT_EQ(ZQGFX_AVS_deinit(&context), ZQGFX_AVS_SUCCESS); });
-    forgetInstance();
-    // Still the caller's (freeing them here would also trip the allocator when the vectors go).
-    EXPECT_EQ(meshes[0], entry_test::meshValues('x', 0, 0, static_cast<int>(meshes[0].size())));
-}
-
 // What callers hand over by mistake or malice, at every entry point. Each row is refused with its
 // line (or gets what the interface documents), the sanitizers stay quiet, and the same thread
 // then starts a valid instance.
@@ -269,28 +255,23 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         std::string line;  // in the output; on success: no FAILED line at all
     };
     const Row rows[] = {
-        // ---- the context (a null one: see NothingRunsWithoutAnInstanceOrAContext)
-        {"no calibration directory", [](T& t) { t.context.meshFilePath = nullptr;
-             return t.initNow(); }, failed, "meshFilePath is NULL, FAILED!"},
-        {"input width not a multiple of 16", [](T& t) { t.context.inputBufferWidth = 328;
-             return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x240"},
-        {"output height not the panorama's", [](T& t) { t.context.outputBufferHeight = 480;
-             return t.initNow(); }, failed, "outputBufferWidth is not aligned with 16, recommend size: 1280x240"},
-        {"more views than cameras", [](T& t) { t.context.numView = 5;
-             return t.initNow(); }, failed, params + " describes 4 cameras but camera_num is 5, FAILED!"},
-        {"negative view count", [](T& t) { t.context.numView = 0x80000000u;
-             return t.initNow(); }, failed, "camera_num=-2147483648 is negative, FAILED!"},
-        // ---- the calibration files
-        {"no parameter file", [](T& t) { t.dir.remove("zq_ps_gpu_mesh_params.txt");
-             return t.initNow(); }, failed, "Read failed:"},
-        {"directory for the parameter file", [&](T& t) { t.replace(params, "DIR");
+        // ---- the context (a null one: NothingRunsWithoutAnInstanceOrAContext; buffer sizes: MeshLoading)
+        {"no calibration directory", [](T& t) { t.context.meshFilePath = nullptr; return t.initNow(); }, failed,
+         "meshFilePath is NULL, FAILED!"},
+        {"more views than cameras", [](T& t) { t.context.numView = 5; return t.initNow(); }, failed,
+         params + " describes 4 cameras but camera_num is 5, FAILED!"},
+        {"negative view count", [](T& t) { t.context.numView = 0x80000000u; return t.initNow(); }, failed,
+         "camera_num=-2147483648 is negative, FAILED!"},
+        // ---- the calibration files (missing and short ones: MeshLoading and AFailedInitKeepsWhatItMade)
+        {"directory for the parameter file", [&](T& t) { t.dir.remove(params);
+             std::filesystem::create_directory(t.dir.path() + params);
              return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 0x0"},
         {"non-numeric value", [&](T& t) {  // reads as 0
-             std::string text = entry_test::paramsText(t.layout);
+             std::string text = zqavs_calib_core::paramsFileText(t.layout);
              text.replace(text.find("240"), 3, "high");
-             t.replace(params, text);
+             t.dir.write(params, text.data(), text.size());
              return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
-        {"block count disagreeing with the lists", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
+        {"block count below the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
          failed, layoutAt + "1 declares 2 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"block count above the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 4; }); },
          failed, layoutAt + "1 declares 4 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
@@ -300,18 +281,6 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, layoutAt + "0 has 11 blocks, at most 10 are supported, FAILED!"},
         {"negative mesh size", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].mesh_height[0] = -3; }); },
          failed, layoutAt + "1 block 1 has a negative size, FAILED!"},
-        {"missing mesh file", [](T& t) { t.dir.remove("zq_ps_gpu_meshy11.bin");
-             return t.initNow(); }, failed, "open failed: "},
-        {"short mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx02.bin", "abc");
-             return t.initNow(); }, failed, "zq_ps_gpu_meshx02.bin holds 3 bytes, 192 expected, FAILED!"},
-        {"directory for a mesh file", [](T& t) { t.replace("zq_ps_gpu_meshx00.bin", "DIR");
-             return t.initNow(); }, failed, "zq_ps_gpu_meshx00.bin holds 0 bytes, 1088 expected, FAILED!"},
-        {"missing alpha file", [](T& t) { t.dir.remove("zq_ps_gpu_alpha12.bin");
-             return t.initNow(); }, failed, "avs-debug fopen failed layername:"},
-        {"short alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha01.bin", "abcd");
-             return t.initNow(); }, failed, "alpha file too short"},
-        {"directory for an alpha file", [](T& t) { t.replace("zq_ps_gpu_alpha23.bin", "DIR");
-             return t.initNow(); }, failed, "zq_ps_gpu_alpha23.bin elements=0 expected=9600"},
         {"alpha map wider than its block", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].alpha_width[0] = 64; }); },
          failed, "zq_ps_gpu_alpha01.bin elements=9600 expected=19200"},
         {"band count too deep for the seam", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].band_num[0] = 16; }); },
@@ -320,17 +289,13 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              l.bld_width = 20000; t.context.outputBufferWidth = 20000; });
              return ZQGFX_AVS_AllProcess(&t.context); }, failed, "bld_width=20000 or bld_height=240 is exceed the gpu max texture size limit!"},
         // ---- what the GPU only draws: meshes and blocks placed anywhere
-        {"not-a-number meshes", [](T& t) {
-             const std::vector<float> nan(17 * 16, std::nanf(""));
+        {"not-a-number meshes, and meshes far outside the image", [](T& t) {
+             const std::vector<float> nan(17 * 16, std::nanf("")), far(3 * 16, -1e30f);
              t.dir.write("zq_ps_gpu_meshx10.bin", nan.data(), nan.size() * sizeof(float));
-             return t.initAndFrame(); }, ok, ""},
-        {"meshes far outside the image", [](T& t) {
-             const std::vector<float> far(3 * 16, -1e30f);
              t.dir.write("zq_ps_gpu_meshy21.bin", far.data(), far.size() * sizeof(float));
              return t.initAndFrame(); }, ok, ""},
-        {"block past the panorama's width", [](T& t) { t.initChanged([](L& l) { l.nonoverlap_block[3].dst_startx[0] = 1200; });
-             return ZQGFX_AVS_AllProcess(&t.context); }, ok, ""},
-        {"overlapping blocks", [](T& t) { t.initChanged([](L& l) { l.nonoverlap_block[1].dst_startx[0] = 40; });
+        {"a block past the panorama's width over another", [](T& t) { t.initChanged([](L& l) {
+             l.nonoverlap_block[3].dst_startx[0] = 1200, l.nonoverlap_block[1].dst_startx[0] = 40; });
              return ZQGFX_AVS_AllProcess(&t.context); }, ok, ""},
         // ---- the caller's records
         {"no layout record", [](T& t) { return t.initBuffers([](T& u) { u.context.AVS_initParams = nullptr; }); },
@@ -339,8 +304,6 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, "AVS_initParams: camera 1 lists fewer block values than its block counts, FAILED!"},
         {"no mesh records", [](T& t) { return t.initBuffers([](T& u) { u.context.avsRemapMeshArray = nullptr; }); },
          failed, "avsRemapMeshArray is NULL, FAILED!"},
-        {"missing mesh record", [](T& t) { return t.initBuffers([](T& u) { u.callerMeshes->pointers[0] = nullptr; }); },
-         failed, "avsRemapMeshArray[0] (camera 0 block 0) has no mesh buffers, FAILED!"},
         {"mesh record without buffers", [](T& t) { return t.initBuffers([](T& u) { u.callerMeshes->records[4].meshyBufAddr_ = nullptr; }); },
          failed, "avsRemapMeshArray[4] (camera 1 block 1) has no mesh buffers, FAILED!"},
         {"no alpha records", [](T& t) { return t.initBuffers([](T& u) { u.context.meshAlphaDrmBufMsgArray = nullptr; }); },
@@ -349,14 +312,12 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, "meshAlphaBufArray[0] mem_size=100 too small"},
         {"alpha record without an address", [](T& t) { return t.initBuffers([](T& u) { u.alphaRecord.vir_addr = nullptr; }); },
          failed, "meshAlphaBufArray[0]=NULL!"},
-        // ---- calls out of order or with nothing to work on
+        // ---- calls out of order or with nothing to work on (a failing descriptor: InstancesRunFrames...)
         {"frame after deinit", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
-             entry_test::forgetInstance();
+             forgetInstance();
              return ZQGFX_AVS_AllProcess(&t.context); }, failed, "no initialised instance on this thread, FAILED!"},
         {"frame without descriptors", [](T& t) { return t.running([](T& u) { u.context.inputFdArray = nullptr;
              return ZQGFX_AVS_AllProcess(&u.context); }); }, failed, "inputFdArray is NULL, FAILED!"},
-        {"descriptor 0 for a camera", [](T& t) { return t.running([](T& u) { u.fds[2] = 0;
-             return ZQGFX_AVS_AllProcess(&u.context); }); }, failed, "input fd_array[2]=0 is illegal!"},
         {"same descriptor as input and output", [](T& t) { return t.running([](T& u) { u.fds[4] = u.fds[0];
              return ZQGFX_AVS_AllProcess(&u.context); }); }, ok, ""},
         {"resize wider than the initial panorama", [](T& t) { return t.running([](T& u) { u.context.outputBufferWidth = 2560;
@@ -382,7 +343,7 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              avs_thread_state() = first;
              return second; }, ok, ""},
         {"deinit twice", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
-             entry_test::forgetInstance();
+             forgetInstance();
              return ZQGFX_AVS_deinit(&t.context); }, ok, ""},
     };
     auto fresh = [this] {
@@ -411,5 +372,277 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         EXPECT_FALSE(contains(again, "FAILED")) << again;
     }
 }
+
+// Loading the layout and meshes from files (file mode) and from the caller's records (buffer mode).
+class MeshLoading : public EntryPoints {
+protected:
+    ~MeshLoading() override { entry_test::freeMeshTables(owned); }
+    int load()
+    {
+        entry_test::freeMeshTables(owned);
+        loaded = PSR_INITPARAMS_T();
+        int result = 0;
+        printed = stdoutOf([&] { result = read_files_and_init_params(&context, &loaded, &owned, &used); });
+        return result;
+    }
+    bool holdsWrittenMeshes(int camera, int position) const
+    {
+        const int n = entry_test::meshNodes(loaded, camera, position);
+        const float* x = owned.input_meshx[camera][position];
+        const float* y = owned.input_meshy[camera][position];
+        return x && y && std::vector<float>(x, x + n) == entry_test::meshValues('x', camera, position, n) &&
+               std::vector<float>(y, y + n) == entry_test::meshValues('y', camera, position, n);
+    }
+
+    PSR_INITPARAMS_T loaded;
+    inputMeshCoords owned, used;
+};
+
+TEST_F(MeshLoading, FileModeCompletesTheLayoutAndFillsBothTables)
+{
+    PSR_INITPARAMS_T file = entry_test::ringLayout(3, 2, 1);
+    file.bld_width = 950;
+    dir.writeCalibration(file);
+    context = entry_test::contextFor(file, dir.path());
+    context.numView = 2;  // wins over the file's three cameras
+    ASSERT_EQ(load(), 0) << printed;
+    EXPECT_EQ((std::vector<int64_t>{loaded.camera_num, loaded.image_stride, loaded.output_image_stride}),
+              (std::vector<int64_t>{2, 320, 960}));
+    ASSERT_EQ(owned.input_meshx.size(), 2u);
+    for (int c = 0; c < 2; ++c) {
+        ASSERT_EQ(owned.input_meshy[c].size(), 3u);
+        for (int p = 0; p < 3; ++p) EXPECT_TRUE(holdsWrittenMeshes(c, p)) << c << "/" << p;
+    }
+    EXPECT_TRUE(used.input_meshx == owned.input_meshx && used.input_meshy == owned.input_meshy);
+}
+
+TEST_F(MeshLoading, BufferSizesAreCheckedAgainstTheLayout)
+{
+    PSR_INITPARAMS_T file = entry_test::ringLayout(1, 1, 0);
+    file.src_width = 1000, file.bld_width = 630;
+    const std::string in = "inputBufferWidth is not aligned with 16, recommend size: 1008x240\n\n";
+    const std::string out = "outputBufferWidth is not aligned with 16, recommend size: 640x240\n\n";
+    struct Case {
+        uint32_t inW, inH, outW, outH;
+        std::string message;
+    } cases[] = {{1008, 240, 640, 240, ""}, {1024, 240, 656, 240, ""}, {1000, 240, 640, 240, in},
+                 {992, 240, 640, 240, in},  {1008, 256, 640, 240, in},  {1008, 240, 630, 240, out},
+                 {1008, 240, 624, 240, out}, {1008, 240, 640, 241, out}};
+    dir.writeCalibration(file);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << c.inW << "x" << c.inH << " " << c.outW << "x" << c.outH);
+        context = entry_test::contextFor(file, dir.path());
+        context.inputBufferWidth = c.inW, context.inputBufferHeight = c.inH;
+        context.outputBufferWidth = c.outW, context.outputBufferHeight = c.outH;
+        EXPECT_EQ(load(), c.message.empty() ? 0 : -1);
+        EXPECT_TRUE(contains(printed, "libzqgfx_avs: read_files_and_init_params,line=") == !c.message.empty());
+        EXPECT_TRUE(contains(printed, c.message)) << printed;
+    }
+}
+
+// Every file is read (or reported) before the load fails, and a short one is refused, not half-read.
+TEST_F(MeshLoading, EveryFileIsTriedBeforeFailing)
+{
+    const PSR_INITPARAMS_T file = entry_test::ringLayout(2, 2, 1);
+    dir.writeCalibration(file);
+    dir.remove("zq_ps_gpu_meshy11.bin");
+    dir.writeMesh('x', 0, 2, entry_test::meshNodes(file, 0, 2) - 1);
+    context = entry_test::contextFor(file, dir.path());
+    EXPECT_EQ(load(), -1);
+    EXPECT_TRUE(contains(printed, "open failed: " + dir.path() + "zq_ps_gpu_meshy11.bin\n")) << printed;
+    EXPECT_TRUE(contains(printed, "zq_ps_gpu_meshx02.bin holds 188 bytes, 192 expected, FAILED!")) << printed;
+    for (auto block : {std::pair{0, 0}, {0, 1}, {1, 0}, {1, 2}})
+        EXPECT_TRUE(holdsWrittenMeshes(block.first, block.second)) << block.first << "/" << block.second;
+    EXPECT_EQ(owned.input_meshy[0][2][47], entry_test::meshValues('y', 0, 2, 48)[47]);  // beside the short x mesh
+}
+
+TEST_F(MeshLoading, BufferModeCopiesTheLayoutAndTakesThePointersInMeshOrder)
+{
+    writeFourCameraCalibration();
+    layout.output_image_stride = 1234, layout.useSync = 7;
+    useBuffers();
+    ASSERT_EQ(get_mesh_and_init_params(&context, &loaded, &used), 0);
+    EXPECT_EQ(loaded.output_image_stride, 1234u);  // nothing derived
+    EXPECT_EQ(loaded.useSync, 7u);
+    layout.overlap_block[1].dst_startx[0] = -99;  // a deep copy
+    EXPECT_EQ(loaded.overlap_block[1].dst_startx[0], 320);
+    for (int m = 0; m < 12; ++m) {
+        EXPECT_EQ(used.input_meshx[m / 3][m % 3], callerMeshes->meshes[2 * m].data());
+        EXPECT_EQ(used.input_meshy[m / 3][m % 3], callerMeshes->meshes[2 * m + 1].data());
+    }
+}
+
+// ---- the plane paths: drivers without YUV render targets, with and without dma-buf import
+
+int memfdOf(size_t bytes)
+{
+    const int fd = memfd_create("portable-wiring", MFD_CLOEXEC);
+    return fd >= 0 && ftruncate(fd, static_cast<off_t>(bytes)) == 0 ? fd : -1;
+}
+
+const char* pathName(bool zeroCopy) { return zeroCopy ? "planes" : "portable"; }
+
+// The parameter: whether the driver imports dma-bufs (the "planes" path) or not ("portable").
+class PortableWiring : public EntryPoints, public ::testing::WithParamInterface<bool> {
+protected:
+    bool zeroCopy() const { return GetParam(); }
+    // Camera images and the output in memfds; seams blended with three levels of U8 alpha 64 wide,
+    // so that level 2 and a wide alpha level exist.
+    void SetUp() override
+    {
+        EntryPoints::SetUp();
+        fakegl::inject().glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external";
+        fakegl::inject().eglExtensions = zeroCopy() ? "EGL_KHR_image_base EGL_EXT_image_dma_buf_import EGL_KHR_fence_sync"
+                                                    : "EGL_KHR_image_base EGL_KHR_fence_sync";
+        for (int c = 0; c < 5; ++c) fds[c] = memfdOf(zqgfx_gpu_avs::nv12ImageBytes(c < 4 ? 320 : 1280, 240));
+        const std::vector<uint8_t> u8(zqgfx_gpu_avs::alphaBufferLength(64, 240, 3), 128);
+        writeRing(64, 2, u8.data(), u8.size());
+        context.avsAlphaType = FUSE_GPU_ALPHA_U8;
+        ASSERT_EQ(init(), ZQGFX_AVS_SUCCESS) << printed;
+    }
+    void TearDown() override
+    {
+        EntryPoints::TearDown();
+        for (int fd : fds) close(fd);
+    }
+    ZQGFX_AVS_STATUS frame()
+    {
+        ZQGFX_AVS_STATUS status = ZQGFX_AVS_FAILED;
+        printed = stdoutOf([&] { status = ZQGFX_AVS_AllProcess(&context); });
+        return status;
+    }
+    zqgfx_gpu_avs::ZQGL_Remap& remap() { return *avs_thread_state().zqRemapInstance; }
+};
+
+// The attribute list of a plane image: fourcc, size, descriptor, offset, pitch.
+std::vector<EGLint> planeImageOf(const fakegl::Call& call)
+{
+    std::vector<EGLint> v;
+    for (EGLint name : {EGL_LINUX_DRM_FOURCC_EXT, EGL_WIDTH, EGL_HEIGHT, EGL_DMA_BUF_PLANE0_FD_EXT,
+                        EGL_DMA_BUF_PLANE0_OFFSET_EXT, EGL_DMA_BUF_PLANE0_PITCH_EXT})
+        v.push_back(fakegl::attribValue(call, name));
+    return v;
+}
+
+TEST_P(PortableWiring, WarmFramesMakeNoObjectsAndMoveFramesTheirPathsWay)
+{
+    EXPECT_STREQ(ZQGFX_AVS_get_path(), pathName(zeroCopy()));
+    const size_t probeImages = fakegl::countCalls("eglCreateImageKHR");  // level 2 and wide alpha levels are textures
+    EXPECT_EQ(probeImages, zeroCopy() ? 1u : 0u);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    const size_t warm = fakegl::calls().size(), uploads = fakegl::countCalls("glTexSubImage2D");
+    const size_t reads = fakegl::countCalls("glReadPixels");
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    EXPECT_EQ(remap_test::callSequence("^glGen|^glCreate|^eglCreate", warm), "");
+    const std::vector<fakegl::Call> images = fakegl::callsTo("eglCreateImageKHR");
+    if (zeroCopy()) {
+        // One import per descriptor and plane (cameras, then the output), on the first frame only.
+        ASSERT_EQ(images.size(), probeImages + 2 * 5);
+        for (int i = 0; i < 5; ++i) {
+            const EGLint w = i < 4 ? 320 : 1280;
+            const std::vector<EGLint> luma{DRM_FORMAT_R8, w, 240, fds[i], 0, w};
+            EXPECT_EQ(planeImageOf(images[probeImages + 2 * i]), luma);
+            EXPECT_EQ(planeImageOf(images[probeImages + 2 * i + 1]),
+                      (std::vector<EGLint>{DRM_FORMAT_GR88, w / 2, 120, fds[i], w * 240, w}));
+        }
+        // Nothing copied either way.
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 0u);
+        EXPECT_EQ(fakegl::countCalls("glReadPixels"), 0u);
+    } else {
+        EXPECT_TRUE(images.empty());
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 2 * 4u);  // both planes of every camera
+        // Luma then chroma per covered span, straight from the plane targets.
+        const std::vector<fakegl::Call> read = fakegl::callsTo("glReadPixels");
+        EXPECT_GT(read.size(), reads);
+        for (size_t i = reads; i < read.size(); ++i) EXPECT_EQ(read[i].args[4], i % 2 == 0 ? GL_RED : GL_RG) << i;
+    }
+    EXPECT_EQ(fakegl::liveObjects("image"), 0u);  // the textures hold the buffers
+}
+
+TEST_P(PortableWiring, AfbcShortDescriptorsAndFailedReadBacksFailTheFrameWithTheirReason)
+{
+    for (uint32_t* afbc : {&context.inputIsAFBC, &context.outputIsAFBC}) {
+        *afbc = 1;
+        EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
+        const char* what = afbc == &context.inputIsAFBC ? "input" : "output";
+        const std::string refusal = std::string("AFBC ") + what + " is not supported on the " + pathName(zeroCopy());
+        EXPECT_TRUE(contains(printed, refusal + " path")) << printed;
+        EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, 0u), 100);  // none looked at
+        EXPECT_EQ(fakegl::countCalls("glTexSubImage2D"), 0u);
+        *afbc = 0;
+    }
+
+    ASSERT_EQ(ftruncate(fds[2], 100), 0);  // too short for its image: refused, its slot freed again
+    EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
+    EXPECT_TRUE(contains(printed, "descriptor " + std::to_string(fds[2]) + " holds 100 bytes")) << printed;
+    EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, static_cast<GLuint>(fds[2])), 0);
+    ASSERT_EQ(ftruncate(fds[2], static_cast<off_t>(zqgfx_gpu_avs::nv12ImageBytes(320, 240))), 0);
+    EXPECT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+
+    if (zeroCopy()) return;
+    fakegl::failCall("glReadPixels", GL_INVALID_OPERATION);
+    EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
+    EXPECT_TRUE(contains(printed, "read-back of output descriptor " + std::to_string(fds[4]) + " failed")) << printed;
+}
+
+// A descriptor number that comes to name another buffer, a full import table, a resize and the
+// tear-down: each replaces or releases the plane objects it concerns, once.
+TEST_P(PortableWiring, PlaneObjectsFollowReusedNumbersFlushesResizesAndDeinit)
+{
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    const size_t made = fakegl::createdObjects("texture"), images = fakegl::countCalls("eglCreateImageKHR");
+    for (int which : {1, 4}) {  // a camera, then the output: the number stays, the buffer changes
+        const int fresh = memfdOf(zqgfx_gpu_avs::nv12ImageBytes(which == 4 ? 1280 : 320, 240));
+        ASSERT_EQ(dup2(fresh, fds[which]), fds[which]);
+        close(fresh);
+    }
+    for (int frames = 0; frames < 2; ++frames) {  // imported again, then kept
+        ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+        EXPECT_EQ(fakegl::createdObjects("texture") - made, 2 * 2u);  // both planes of both buffers
+        EXPECT_EQ(fakegl::countCalls("eglCreateImageKHR") - images, zeroCopy() ? 4u : 0u);
+    }
+    const size_t textures = fakegl::liveObjects("texture"), framebuffers = fakegl::liveObjects("framebuffer");
+    // New descriptor numbers every frame fill the 100-slot table; it is flushed along the way.
+    std::vector<int> dups;
+    const int original[4] = {fds[0], fds[1], fds[2], fds[3]};
+    bool flushed = false;
+    for (int f = 0; f < 30 && !flushed; ++f) {
+        for (int c = 0; c < 4; ++c) dups.push_back(fds[c] = dup(original[c]));
+        flushed = remap().cache_input_fd[99] != 0;
+        ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS) << "frame " << f;
+    }
+    ASSERT_TRUE(flushed);
+    EXPECT_EQ(fakegl::liveObjects("texture"), textures);  // the flushed inputs' textures went
+    for (int c = 0; c < 4; ++c) fds[c] = original[c];
+    for (int fd : dups) close(fd);
+
+    context.outputBufferWidth = 630;  // the output slot is made anew at the new size, rows of 640
+    ASSERT_EQ(ZQGFX_AVS_resize(&context), ZQGFX_AVS_SUCCESS);
+    ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    EXPECT_EQ(fakegl::liveObjects("framebuffer"), framebuffers);
+    if (zeroCopy()) {  // chroma follows the rows of luma, not the pixels
+        EXPECT_EQ(planeImageOf(fakegl::callsTo("eglCreateImageKHR").back()),
+                  (std::vector<EGLint>{DRM_FORMAT_GR88, 315, 120, fds[4], 640 * 240, 640}));
+    }
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+
+    // De-init leaves only the alpha textures that its established order skips.
+    std::set<GLuint> alphaTextures;
+    zqgfx_gpu_avs::zqglMultibandBlend& blend = *avs_thread_state().zqMultibandBlendInstance;
+    for (int c = 0; c < 3; ++c)
+        for (int l = 0; l < 3; ++l) alphaTextures.insert((*BlendEngineTestAccess::pyramids(blend)[3])[c][l].texture_id);
+    stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
+    forgetInstance();
+    size_t alphaLeft = 0;
+    for (GLuint texture : alphaTextures) alphaLeft += fakegl::isLive("texture", texture);
+    EXPECT_EQ(fakegl::liveObjects("texture"), alphaLeft);
+    for (const char* kind : {"framebuffer", "buffer", "program", "shader", "vertexarray", "image", "context"})
+        EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
+    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Paths, PortableWiring, ::testing::Bool(),
+                         [](const ::testing::TestParamInfo<bool>& info) { return std::string(pathName(info.param)); });
 
 }  // namespace
