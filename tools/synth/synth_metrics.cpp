@@ -32,12 +32,4 @@ double psnr(const PlaneView& actual, const PlaneView& expected, const std::vecto
     return 10.0 * std::log10(255.0 * 255.0 * count / squared);
 }
 
-double meanAbsStep(const PlaneView& plane, int x)
-{
-    if (x < 1 || x >= plane.width || plane.height < 1) return std::numeric_limits<double>::quiet_NaN();
-    double sum = 0.0;
-    for (int y = 0; y < plane.height; ++y) sum += std::abs(plane.at(x, y) - plane.at(x - 1, y));
-    return sum / plane.height;
-}
-
 }  // namespace zqavs_synth

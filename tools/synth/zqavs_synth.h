@@ -202,8 +202,6 @@ PlaneView lumaPlane(const Nv12View& image);
 // PSNR (dB, peak 255) over the columns whose mask entry is nonzero (an empty mask takes all);
 // +infinity for identical planes, NaN when the sizes differ or no column is taken.
 double psnr(const PlaneView& actual, const PlaneView& expected, const std::vector<uint8_t>& columnMask);
-// Mean over all rows of |p(x) - p(x - 1)|; NaN when x is not in 1 .. width - 1.
-double meanAbsStep(const PlaneView& plane, int x);
 
 // ---- shared memory ------------------------------------------------------------------------
 
