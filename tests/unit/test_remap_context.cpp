@@ -202,15 +202,14 @@ TEST_F(RemapImport, EachDescriptorIsImportedOnce)
     EXPECT_EQ(fakegl::attribValue(images[5], EGL_LINUX_DRM_FOURCC_EXT), 0x3231564E);
 }
 
-// The entry points check camera counts and the blend size first; the source size only meets this check.
-TEST_F(RemapImport, SourcesUpToTheTextureLimitAreTaken)
+TEST_F(RemapImport, TableIsFlushedOnceTheLastSlotIsUsed)
 {
-    engine->_remap_init_params.src_width = 16383;
-    EXPECT_EQ(frame({11, 12, 20}), 0);
-    engine->_remap_init_params.src_width = 16384;
-    const std::string log = stdoutOf([&] { EXPECT_EQ(frame({11, 12, 20}), -1); });
-    EXPECT_TRUE(hasErrorLine(log, "create_texture_and_fbo",
-                             "src_width=16384 or src_height=720 is exceed the gpu max texture size limit!"));
+    for (int f = 0; f < 33; ++f) ASSERT_EQ(frame({100 + 3 * f, 101 + 3 * f, 102 + 3 * f}), 0);  // slots 0-98
+    ASSERT_EQ(frame({500, 501, 502}), 0);  // one slot left: 501 and 502 keep last frame's names
+    EXPECT_EQ(engine->cache_input_fd[99], 500u);
+    ASSERT_EQ(frame({100, 101, 102}), 0);  // then everything is deleted and imported anew from slot 0
+    EXPECT_TRUE(engine->cache_input_fd[0] == 100u && engine->cache_input_fd[99] == 0u);
+    EXPECT_EQ(fakegl::liveObjects("texture"), 3u);
 }
 
 TEST_F(RemapImport, FailedImportsAreRecordedAndTheFrameGoesOn)
