@@ -1,5 +1,5 @@
 // Remap engine tests against the fake driver: an engine built as its owner builds it (zero-filled
-// memory, placement new), small stitching layouts built block by block and meshes for them.
+// memory, placement new), and small stitching layouts built block by block.
 #ifndef ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
 #define ZQGFX_AVS_TEST_REMAP_ENGINE_SUPPORT_H
 
@@ -59,22 +59,6 @@ inline std::string callSequence(const std::string& filter, size_t from = 0)
 using engine_test::hasErrorLine;
 using engine_test::stdoutOf;
 
-// A fresh fake driver and an engine whose ZQ_EGL_Init succeeded on it.
-class InitialisedEngine : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        fakegl::reset();
-        testing::internal::CaptureStderr();  // keeps the set-up's EGL lines out of the test log
-        int result = engine->ZQ_EGL_Init(&resource);
-        testing::internal::GetCapturedStderr();
-        ASSERT_EQ(result, 0);
-    }
-
-    EnginePtr engine = makeEngine();
-    zqgfx_gpu_avs::multibandResource resource{};
-};
-
 // One block of a test layout: destination start and width, mesh nodes across and down.
 struct TestBlock {
     int startx, width, mesh_w, mesh_h;
@@ -106,43 +90,6 @@ inline void addCamera(PSR_INITPARAMS_T& layout, const std::vector<TestBlock>& pl
     fillBlocks(layout.overlap_block.back(), layout.overlap_block.back().overlap_num, overlap);
     layout.camera_num = static_cast<int>(layout.nonoverlap_block.size());
 }
-
-// A mesh table for every block of a layout (per camera, non-overlap blocks first). The set-up
-// only reads the nodes, so all blocks share one zero mesh large enough for any test block.
-struct TestMeshes {
-    explicit TestMeshes(const PSR_INITPARAMS_T& layout) : nodes(64 * 64, 0.0f)
-    {
-        for (int cam = 0; cam < layout.camera_num; ++cam) {
-            const size_t blocks = static_cast<size_t>(layout.nonoverlap_block[cam].nonoverlap_num +
-                                                      layout.overlap_block[cam].overlap_num);
-            meshx.emplace_back(blocks, nodes.data());
-            meshy.emplace_back(blocks, nodes.data());
-        }
-    }
-
-    std::vector<float> nodes;
-    std::vector<std::vector<float*>> meshx, meshy;
-};
-
-// Fake driver reset and a fresh engine; the cached CPU arrays are released at the end.
-class RemapLayoutTest : public testing::Test {
-protected:
-    void SetUp() override { fakegl::reset(); }
-    void TearDown() override { engine->deleteCachedVbo(); }
-
-    // glesRemapInit of `layout` with meshes for every block; its standard output is dropped.
-    int setUpEngine(PSR_INITPARAMS_T& layout)
-    {
-        meshes = std::make_unique<TestMeshes>(layout);
-        int result = -1;
-        stdoutOf([&] { result = engine->glesRemapInit(&layout, &resource, meshes->meshx, meshes->meshy); });
-        return result;
-    }
-
-    EnginePtr engine = makeEngine();
-    zqgfx_gpu_avs::multibandResource resource{};
-    std::unique_ptr<TestMeshes> meshes;
-};
 
 }  // namespace remap_test
 

@@ -1,4 +1,5 @@
-// Remap engine context, programs, tear-down and fences, against the fake driver.
+// Remap engine context, programs, tear-down, fences and the per-frame import of camera and output
+// dma-bufs into the slot table, against the fake driver.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,12 +11,6 @@ using namespace zqgfx_gpu_avs;
 using namespace remap_test;
 
 namespace {
-
-std::vector<EGLint> configList(EGLint surfaceType)
-{
-    return {EGL_BUFFER_SIZE, 32, EGL_ALPHA_SIZE, 8, EGL_BLUE_SIZE, 8, EGL_GREEN_SIZE, 8, EGL_RED_SIZE, 8,
-            EGL_SURFACE_TYPE, surfaceType, EGL_RENDERABLE_TYPE, EGL_OPENGL_ES2_BIT, EGL_NONE};
-}
 
 class RemapContext : public testing::Test {
 protected:
@@ -40,55 +35,51 @@ protected:
 TEST_F(RemapContext, InitOnATargetDriver)
 {
     ASSERT_EQ(init(), 0);
-    EXPECT_EQ(err.find("EGL version 1.4\n"), 0u);
-    EXPECT_NE(err.find("GL Version = OpenGL ES 3.1 fakegl\n"), std::string::npos);
     // The count, then the configs; no fallback on a driver that needs none.
     EXPECT_EQ(callSequence("^egl(GetDisplay|GetPlatformDisplay|Initialize|ChooseConfig|GetConfigAttrib|"
                            "CreatePbufferSurface|CreateContext|MakeCurrent)$|^glCreateProgram$"),
               "eglGetDisplay eglInitialize eglChooseConfig*2 eglCreatePbufferSurface eglCreateContext "
               "eglMakeCurrent glCreateProgram*3");
-    std::vector<fakegl::Call> choose = fakegl::callsTo("eglChooseConfig");
-    EXPECT_EQ(choose[0].attribs, configList(EGL_WINDOW_BIT));
-    EXPECT_EQ(choose[1].args[3], 1);
+    EXPECT_EQ(fakegl::callsTo("eglChooseConfig")[0].attribs,
+              (std::vector<EGLint>{EGL_BUFFER_SIZE, 32, EGL_ALPHA_SIZE, 8, EGL_BLUE_SIZE, 8, EGL_GREEN_SIZE, 8,
+                                   EGL_RED_SIZE, 8, EGL_SURFACE_TYPE, EGL_WINDOW_BIT, EGL_RENDERABLE_TYPE,
+                                   EGL_OPENGL_ES2_BIT, EGL_NONE}));
 
     EXPECT_TRUE(resource.dpy == engine->dpy && resource.context == engine->context &&
                 resource.surface == engine->surface);
-    EXPECT_EQ(resource.caps.path, GpuPath::target);
     EXPECT_EQ(fakegl::liveObjects("program"), 3u);
-    EXPECT_NE(engine->cache_input_fd, nullptr);
 }
 
-TEST_F(RemapContext, EachFailedStepReturnsOneWithItsMessage)
+// Set-up stops at the first failed step and keeps what it built; the compile and link helpers
+// are shared with the blend engine, whose tests check their logs.
+TEST_F(RemapContext, EachFailedStepFailsInitWithItsMessage)
 {
     struct Row {
         void (*inject)();
         const char* out;
-        const char* err;
+        size_t shaders, programs;  // left alive
     } rows[] = {
-        {[] { fakegl::inject().noDisplay = true; }, "eglGetDisplay returned EGL_NO_DISPLAY.\n", ""},
-        {[] { fakegl::inject().initializeFails = true; }, "eglInitialize failed\n",
-         "eglInitialize() returned 0\nafter eglInitialize() eglError (0x3001)\n"},
-        {[] { fakegl::inject().numConfigs = 0; }, "eglCreateWindowSurface failed.\n",
-         "after eglCreateWindowSurface() eglError (0x3005)\n"},
-        {[] { fakegl::inject().noContext = true; }, "eglCreateContext failed\n", ""},
-        {[] { fakegl::inject().makeCurrentFails = true; }, "",
-         "eglMakeCurrent() returned 0\nafter eglMakeCurrent() eglError (0x3002)\n"},
+        {[] { fakegl::inject().noDisplay = true; }, "eglGetDisplay returned EGL_NO_DISPLAY.\n", 0, 0},
+        {[] { fakegl::inject().initializeFails = true; }, "eglInitialize failed\n", 0, 0},
+        {[] { fakegl::inject().numConfigs = 0; }, "eglCreateWindowSurface failed.\n", 0, 0},
+        {[] { fakegl::inject().noContext = true; }, "eglCreateContext failed\n", 0, 0},
+        {[] { fakegl::inject().makeCurrentFails = true; }, "", 0, 0},  // reported on standard error only
         // A fallback that fails as well leaves the ordinary failure.
         {[] { fakegl::inject().initializeFails = true, fakegl::inject().eglClientExtensions = "EGL_MESA_platform_surfaceless"; },
-         "eglInitialize failed\n", ""},
+         "eglInitialize failed\n", 0, 0},
+        // A fragment shader that fails with a log: the vertex shader is not deleted on that path.
+        {[] { fakegl::inject().failCompileAt = 2, fakegl::inject().compileLog = "bad"; }, "", 1, 0},
+        // Without a log the failed shader goes on to the link, which catches it; the first program stays.
+        {[] { fakegl::inject().failCompileAt = 4, fakegl::inject().failLinkAt = 2; }, "", 0, 1},
     };
     for (const Row& row : rows) {
         fakegl::reset();
         row.inject();
-        EXPECT_EQ(init(), 1) << row.out;
+        EXPECT_EQ(init(), 1) << row.out << err;
         EXPECT_EQ(out, row.out);
-        EXPECT_NE(err.find(row.err), std::string::npos) << err;
-        EXPECT_EQ(fakegl::countCalls("glCreateShader"), 0u);
+        EXPECT_EQ(fakegl::liveObjects("shader"), row.shaders) << row.out;
+        EXPECT_EQ(fakegl::liveObjects("program"), row.programs) << row.out;
     }
-    fakegl::reset();
-    fakegl::inject().numConfigs = 0;  // the pbuffer configs are tried before giving up
-    EXPECT_EQ(init(), 1);
-    EXPECT_EQ(fakegl::callsTo("eglChooseConfig").back().attribs, configList(EGL_PBUFFER_BIT));
 }
 
 TEST_F(RemapContext, WithoutAWindowSystemFallsBackToSurfacelessAndPbuffer)
@@ -98,36 +89,7 @@ TEST_F(RemapContext, WithoutAWindowSystemFallsBackToSurfacelessAndPbuffer)
     fakegl::inject().eglClientExtensions = "EGL_EXT_platform_base EGL_MESA_platform_surfaceless";
     ASSERT_EQ(init(), 0) << out << err;
     EXPECT_EQ(engine->dpy, eglGetPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, nullptr, nullptr));
-    EXPECT_EQ(resource.dpy, engine->dpy);
-    EXPECT_EQ(fakegl::callsTo("eglChooseConfig").back().attribs, configList(EGL_PBUFFER_BIT));
-}
-
-TEST_F(RemapContext, ShaderBuildFailures)
-{
-    // Compile failure with a log: set-up stops; the vertex shader is not deleted on that path.
-    fakegl::inject().failCompileAt = 2;
-    fakegl::inject().compileLog = "0:5: bad sampler";
-    EXPECT_EQ(init(), 1);
-    EXPECT_NE(err.find("Could not compile shader 35632:\n0:5: bad sampler\n"), std::string::npos);
-    EXPECT_EQ(fakegl::liveObjects("shader"), 1u);
-    EXPECT_EQ(fakegl::countCalls("glCreateProgram"), 0u);
-
-    // Without a log the failed shader goes on to the link, which catches it; earlier programs stay.
-    fakegl::reset();
-    fakegl::inject().failCompileAt = 4;
-    fakegl::inject().failLinkAt = 2;
-    fakegl::inject().linkLog = "varyings differ";
-    EXPECT_EQ(init(), 1);
-    EXPECT_EQ(err.find("Could not compile"), std::string::npos);
-    EXPECT_NE(err.find("Could not link program:\nvaryings differ\n"), std::string::npos);
-    EXPECT_TRUE(engine->gProgram != 0 && engine->gProgramRGB == 0);
-    EXPECT_EQ(fakegl::liveObjects("program"), 1u);
-    EXPECT_EQ(fakegl::liveObjects("shader"), 0u);
-
-    fakegl::reset();
-    fakegl::inject().failLinkAt = 1;  // no log: silent, still a failure
-    EXPECT_EQ(init(), 1);
-    EXPECT_EQ(err.find("Could not link"), std::string::npos);
+    EXPECT_EQ(fakegl::attribValue(fakegl::callsTo("eglChooseConfig").back(), EGL_SURFACE_TYPE), EGL_PBUFFER_BIT);
 }
 
 TEST_F(RemapContext, DeinitDeletesEveryObjectOnceInOrder)
@@ -145,31 +107,24 @@ TEST_F(RemapContext, DeinitDeletesEveryObjectOnceInOrder)
         glGenTextures(1, &fb.texture_id);
         engine->overlapFramebuffer[made].push_back(fb);
     }
-    // Import slots: an output (framebuffer and texture) and an input (texture only).
-    glGenFramebuffers(1, &engine->create_texture_fbo_status[0].fbo_id);
-    glGenTextures(1, &engine->create_texture_fbo_status[0].texture_id);
-    glGenTextures(1, &engine->create_texture_fbo_status[1].texture_id);
     const size_t start = fakegl::calls().size();
 
     std::string log = stdoutOf([&] { EXPECT_EQ(engine->ZQ_EGL_Deinit(), 0); });
     engine.get_deleter().deinitialised = true;
     EXPECT_TRUE(hasErrorLine(log, "ZQ_EGL_Deinit", "camera 1 has 1 overlap framebuffers of 2; deleting those"));
-    EXPECT_EQ(fakegl::doubleDeletes(), 0u);
     for (const char* kind : {"texture", "framebuffer", "program", "surface", "context"})
         EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
-    const std::string pair = "glDeleteFramebuffers glDeleteTextures ";  // overlap framebuffers, then import slots
+    // Destroyed while still current, then released and terminated.
+    const std::string pair = "glDeleteFramebuffers glDeleteTextures ";
     EXPECT_EQ(callSequence("Delete|Destroy|^eglMakeCurrent$|^eglTerminate$", start),
-              pair + pair + pair + "glDeleteFramebuffers glDeleteTextures*2 glDeleteProgram*3 eglDestroySurface eglDestroyContext "
-                                          "eglMakeCurrent eglTerminate");
-    std::vector<int64_t> programs;
-    for (const fakegl::Call& call : fakegl::callsTo("glDeleteProgram")) programs.push_back(call.args[0]);
-    EXPECT_EQ(programs, (std::vector<int64_t>{engine->gProgram, engine->gProgramRGB, engine->gProgramRGBtoYUV}));
+              pair + pair + pair + "glDeleteProgram*3 eglDestroySurface eglDestroyContext eglMakeCurrent eglTerminate");
 }
 
-class RemapFence : public InitialisedEngine {};
+class RemapFence : public RemapContext {};
 
 TEST_F(RemapFence, OnlyASuccessfulWaitReleasesTheFence)
 {
+    ASSERT_EQ(init(), 0);
     void* sync = engine->gles_create_sync();
     ASSERT_NE(sync, nullptr);
     EXPECT_EQ(fakegl::callsTo("eglCreateSyncKHR")[0].args[1], EGL_SYNC_FENCE_KHR);
@@ -191,6 +146,90 @@ TEST_F(RemapFence, OnlyASuccessfulWaitReleasesTheFence)
     fakegl::inject().noSync = true;
     out = stdoutOf([&] { EXPECT_EQ(engine->gles_create_sync(), nullptr); });
     EXPECT_TRUE(hasErrorLine(out, "gles_create_sync", "failed to create EGL native fence sync"));
+}
+
+// Two cameras of 1000 x 720 into a 1900 x 720 panorama of stride 2048, on an initialised engine.
+class RemapImport : public RemapContext {
+protected:
+    void SetUp() override
+    {
+        RemapContext::SetUp();
+        ASSERT_EQ(init(), 0);
+        PSR_INITPARAMS_T& p = engine->_remap_init_params;
+        p.camera_num = 2, p.src_width = 1000, p.src_height = 720;
+        p.bld_width = 1900, p.bld_height = 720, p.output_image_stride = 2048;
+    }
+
+    int frame(std::vector<int> fds, uint32_t inputAfbc = 0)
+    {
+        return engine->create_texture_and_fbo(fds.data(), inputAfbc, 0, &outFbo);
+    }
+    const textureAndFboStatus& slot(int i) const { return engine->create_texture_fbo_status[i]; }
+
+    GLuint outFbo = 0;
+};
+
+TEST_F(RemapImport, EachDescriptorIsImportedOnce)
+{
+    ASSERT_EQ(frame({11, 12, 20}), 0);
+    std::vector<fakegl::Call> images = fakegl::callsTo("eglCreateImageKHR");
+    ASSERT_EQ(images.size(), 3u);
+    // NV12 on one descriptor. Inputs: pitch rounded up to 16, chroma right after luma. Output: the
+    // caller's stride as is. The textures hold the images.
+    EXPECT_EQ(images[0].attribs,
+              (std::vector<EGLint>{EGL_WIDTH, 1000, EGL_HEIGHT, 720, EGL_LINUX_DRM_FOURCC_EXT, 0x3231564E,
+                                   EGL_DMA_BUF_PLANE0_FD_EXT, 11, EGL_DMA_BUF_PLANE0_OFFSET_EXT, 0,
+                                   EGL_DMA_BUF_PLANE0_PITCH_EXT, 1008, EGL_DMA_BUF_PLANE1_FD_EXT, 11,
+                                   EGL_DMA_BUF_PLANE1_OFFSET_EXT, 1008 * 720, EGL_DMA_BUF_PLANE1_PITCH_EXT, 1008,
+                                   EGL_NONE}));
+    EXPECT_EQ(fakegl::attribValue(images[2], EGL_DMA_BUF_PLANE1_OFFSET_EXT), 2048 * 720);
+    EXPECT_EQ(fakegl::liveObjects("image"), 0u);
+    EXPECT_EQ(engine->textureID, (std::vector<GLuint>{slot(0).texture_id, slot(1).texture_id}));
+    EXPECT_TRUE(slot(1).fbo_id == 0 && outFbo == slot(2).fbo_id && engine->fbo_texture0 == slot(2).texture_id);
+
+    // Known descriptors keep their imports, whichever camera brings them.
+    const std::vector<GLuint> inputs = engine->textureID;
+    ASSERT_EQ(frame({12, 11, 20}), 0);
+    EXPECT_EQ(fakegl::createdObjects("image"), 3u);
+    EXPECT_EQ(engine->textureID, (std::vector<GLuint>{inputs[1], inputs[0]}));
+
+    // AFBC inputs: one plane with the 16x16 sparse modifier; the output follows its own flag.
+    engine->destroy_texture_and_fbo();
+    ASSERT_EQ(frame({11, 12, 20}, 1), 0);
+    images = fakegl::callsTo("eglCreateImageKHR");
+    EXPECT_EQ(fakegl::attribValue(images[3], EGL_DMA_BUF_PLANE0_MODIFIER_HI_EXT), 0x08000000);
+    EXPECT_EQ(fakegl::attribValue(images[3], EGL_DMA_BUF_PLANE1_FD_EXT), -1);
+    EXPECT_EQ(fakegl::attribValue(images[5], EGL_LINUX_DRM_FOURCC_EXT), 0x3231564E);
+}
+
+TEST_F(RemapImport, TableIsFlushedOnceTheLastSlotIsUsed)
+{
+    for (int f = 0; f < 33; ++f) ASSERT_EQ(frame({100 + 3 * f, 101 + 3 * f, 102 + 3 * f}), 0);  // slots 0-98
+    ASSERT_EQ(frame({500, 501, 502}), 0);  // one slot left: 501 and 502 keep last frame's names
+    EXPECT_EQ(engine->cache_input_fd[99], 500u);
+    ASSERT_EQ(frame({100, 101, 102}), 0);  // then everything is deleted and imported anew from slot 0
+    EXPECT_TRUE(engine->cache_input_fd[0] == 100u && engine->cache_input_fd[99] == 0u);
+    EXPECT_EQ(fakegl::liveObjects("texture"), 3u);
+}
+
+TEST_F(RemapImport, FailedImportsAreRecordedAndTheFrameGoesOn)
+{
+    // The importers' all-bits-set failure passes the frame's test for 0.
+    fakegl::inject().nullImageFrom = 1;
+    int result = -1;
+    std::string log = stdoutOf([&] { result = frame({11, 12, 20}); });
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(hasErrorLine(log, "create_egl_texture", "avs-debug eglCreateImageKHR NULL! stride=1008,height=720,fd=11\n"));
+    EXPECT_TRUE(hasErrorLine(log, "create_fbo_output", "avs-debug eglCreateImageKHR NULL! stride=2048,height=720,fd=20\n"));
+    EXPECT_EQ(engine->textureID[0], 0xFFFFFFFFu);
+    EXPECT_EQ(outFbo, 0xFFFFFFFFu);
+
+    engine->destroy_texture_and_fbo();
+    fakegl::reset();
+    fakegl::inject().framebufferStatus = GL_FRAMEBUFFER_INCOMPLETE_ATTACHMENT;
+    log = stdoutOf([&] { result = frame({11, 12, 20}); });
+    EXPECT_TRUE(hasErrorLine(log, "create_fbo_output", "zq_debug create fbo failed!\n"));
+    EXPECT_TRUE(result == 0 && slot(2).fbo_id == 0xFFFFFFFFu);
 }
 
 }  // namespace
