@@ -111,9 +111,8 @@ std::map<std::string, std::string> snapshot(const std::string& dir)
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(dir, ignored)) {
         std::ifstream in(entry.path(), std::ios::binary);
-        std::stringstream bytes;
-        if (!entry.is_directory()) bytes << in.rdbuf();
-        entries[entry.path().filename()] = entry.is_directory() ? "<dir>" : bytes.str();
+        entries[entry.path().filename()] =
+            entry.is_directory() ? "<dir>" : std::string(std::istreambuf_iterator<char>(in), {});
     }
     return entries;
 }
