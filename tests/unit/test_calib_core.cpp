@@ -7,6 +7,7 @@
 
 #include "avs_calib_core.h"
 #include "calibration_dir.h"
+#include "zqavs_synth.h"
 
 namespace core = zqavs_calib_core;
 
@@ -78,7 +79,6 @@ TEST(CalibCore, ReaderReportsEveryLineThatDoesNotMeanWhatItSeems)
         int alphaHeight;
     };
     const Row rows[] = {
-        {kGlobal + kCamera0, {}, 9},
         // A last data line without a line break is taken; a last section-starting one is not.
         {kGlobal + kCamera0.substr(0, kCamera0.size() - 1), {}, 9},
         {kGlobal + kCamera0 + "camera_1: 0", {"21 W the last line has no line break and is not read"}, 9},
@@ -111,9 +111,8 @@ std::map<std::string, std::string> snapshot(const std::string& dir)
     std::error_code ignored;
     for (const auto& entry : std::filesystem::directory_iterator(dir, ignored)) {
         std::ifstream in(entry.path(), std::ios::binary);
-        std::stringstream bytes;
-        if (!entry.is_directory()) bytes << in.rdbuf();
-        entries[entry.path().filename()] = entry.is_directory() ? "<dir>" : bytes.str();
+        entries[entry.path().filename()] =
+            entry.is_directory() ? "<dir>" : std::string(std::istreambuf_iterator<char>(in), {});
     }
     return entries;
 }
@@ -128,17 +127,12 @@ struct WriteCase {
 
 TEST(CalibCore, WriterMovesACompleteSetInOrLeavesTheTargetAsItWas)
 {
-    const PSR_INITPARAMS_T layout = entry_test::ringLayout(2, 1, 1);
-    std::vector<std::vector<core::BlockMesh>> meshes(2);
-    for (int c = 0; c < 2; ++c)
-        for (int p = 0; p < 2; ++p) {
-            const int n = entry_test::meshNodes(layout, c, p);
-            meshes[c].push_back({0, 0, entry_test::meshValues('x', c, p, n), entry_test::meshValues('y', c, p, n)});
-        }
-    core::AlphaMap alpha;
-    alpha.bytes.assign(100, 7);
-    const std::vector<core::AlphaMap> alphas = {alpha};
-    const std::string alphaName = core::alphaFileName(0, 0);
+    zqavs_synth::RigConfig rig;
+    rig.cameras = 2, rig.src_height = 64, rig.bld_width = 1024, rig.bld_height = 64;
+    zqavs_synth::Calibration calib;
+    std::string generated;
+    ASSERT_TRUE(zqavs_synth::generateCalibration(rig, &calib, &generated)) << generated;
+    const std::string alphaName = core::alphaFileName(calib.alphas[0].camera, calib.alphas[0].next);
     auto makeDir = [](const std::string& path) { std::filesystem::create_directories(path); };
     auto oldParams = [](const std::string& target) {
         std::filesystem::create_directories(target);
@@ -159,10 +153,11 @@ TEST(CalibCore, WriterMovesACompleteSetInOrLeavesTheTargetAsItWas)
         const std::string target = parent.path() + (std::string(row.name) == "no parent" ? "none/calib" : "calib");
         row.prepare(target);
         const auto before = snapshot(target);
-        auto rowMeshes = meshes;
+        auto rowMeshes = calib.meshes;
         if (row.shortMesh) rowMeshes[1][0].y.pop_back();
         std::string error;
-        const bool written = core::writeCalibrationDir(target, layout, rowMeshes, alphas, row.extras, &error);
+        const bool written =
+            core::writeCalibrationDir(target, calib.layout, rowMeshes, calib.alphas, row.extras, &error);
         ASSERT_EQ(written, row.written) << row.name << ": " << error;
         EXPECT_EQ(written, error.empty()) << row.name;
         EXPECT_EQ(snapshot(parent.path()).size(), std::filesystem::exists(target) ? 1u : 0u) << row.name;  // no staging left
@@ -171,14 +166,15 @@ TEST(CalibCore, WriterMovesACompleteSetInOrLeavesTheTargetAsItWas)
             EXPECT_EQ(after, before) << row.name;
             continue;
         }
-        const size_t files = 1 + 2 * (meshes[0].size() + meshes[1].size()) + alphas.size() + row.extras.size();
+        const size_t files =
+            1 + 2 * (calib.meshes[0].size() + calib.meshes[1].size()) + calib.alphas.size() + row.extras.size();
         EXPECT_EQ(after.size(), before.size() - before.count(core::kParamsFileName) + files) << row.name;
         for (const core::NamedFile& extra : row.extras) EXPECT_EQ(after.at(extra.name), extra.bytes);
-        EXPECT_EQ(after.at(alphaName), std::string(100, 7));
-        EXPECT_EQ(after.at(core::kParamsFileName), core::paramsFileText(layout)) << row.name;
+        EXPECT_EQ(after.at(alphaName), std::string(calib.alphas[0].bytes.begin(), calib.alphas[0].bytes.end()));
+        EXPECT_EQ(after.at(core::kParamsFileName), core::paramsFileText(calib.layout)) << row.name;
         const std::string meshBytes = after.at(core::meshFileName('y', 1, 1));
-        EXPECT_EQ(meshBytes.size(), meshes[1][1].y.size() * sizeof(float));
-        EXPECT_EQ(memcmp(meshBytes.data(), meshes[1][1].y.data(), meshBytes.size()), 0);
+        EXPECT_EQ(meshBytes.size(), calib.meshes[1][1].y.size() * sizeof(float));
+        EXPECT_EQ(memcmp(meshBytes.data(), calib.meshes[1][1].y.data(), meshBytes.size()), 0);
     }
 }
 

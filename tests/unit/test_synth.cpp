@@ -13,34 +13,18 @@
 
 using namespace zqavs_synth;
 
-namespace {
-
-RigConfig smallRig(int cameras)
-{
-    RigConfig rig;
-    rig.cameras = cameras;
-    rig.src_width = 320, rig.src_height = 180, rig.bld_width = 256 * cameras, rig.bld_height = 160;
-    rig.overlap_width = 32;
-    rig.band_num = 2;
-    return rig;
-}
-
-Calibration generate(const RigConfig& rig)
-{
-    Calibration calib;
-    std::string error;
-    EXPECT_TRUE(generateCalibration(rig, &calib, &error)) << error;
-    return calib;
-}
-
-}  // namespace
-
 TEST(Synth, LayoutTilesThePanoramaAndTheLibraryBlendsEverySeamButTheWrap)
 {
     for (int n : {1, 2, 4, 10}) {
         SCOPED_TRACE(n);
-        RigConfig rig = smallRig(n);
-        Calibration calib = generate(rig);
+        RigConfig rig;
+        rig.cameras = n;
+        rig.src_width = 320, rig.src_height = 180, rig.bld_width = 256 * n, rig.bld_height = 160;
+        rig.overlap_width = 32;
+        rig.band_num = 2;
+        Calibration calib;
+        std::string error;
+        ASSERT_TRUE(generateCalibration(rig, &calib, &error)) << error;
         PSR_INITPARAMS_T& layout = calib.layout;
         // Every column belongs to one camera alone (counted twice) or to two overlap blocks.
         std::vector<int> cover(rig.bld_width, 0);
