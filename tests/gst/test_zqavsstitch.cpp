@@ -206,7 +206,6 @@ TEST_P(GstStitchBytes, EveryFrameIsTheToolsPanoramaWithSink0sTiming)
     push(0, cameraBuffer(rig.cameras[0], Input::SystemMemory), 2 * kVariants);
     gst_app_src_end_of_stream(source(1));
     EXPECT_EQ(outcome(), "");
-    EXPECT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(sink)));
     gchar* path = nullptr;
     g_object_get(element("s"), "path", &path, nullptr);
     EXPECT_TRUE(g_str_equal(path, "portable") || g_str_equal(path, "target")) << path;
@@ -284,8 +283,7 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"TooFewPads", {{320, 240}}, "", "", "1 sink pads"},
         RefusalCase{"TooManyPads", {{320, 240}, {320, 240}, {320, 240}}, "", "", "3 sink pads"},
         RefusalCase{"CalibrationNotSet", kTwoCameras, "", "calibration=\"\"", "set the 'calibration' property"},
-        RefusalCase{"MissingMesh", kTwoCameras, "zq_ps_gpu_meshy10.bin", "", "zq_ps_gpu_meshy10.bin"},
-        RefusalCase{"NoParameterFile", kTwoCameras, "zq_ps_gpu_mesh_params.txt", "", "zq_ps_gpu_mesh_params.txt"}),
+        RefusalCase{"MissingMesh", kTwoCameras, "zq_ps_gpu_meshy10.bin", "", "zq_ps_gpu_meshy10.bin"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The zqavs tool end to end: demo, synth then check, chessboard refusals, a real rig from rig file to
-# panorama, rotations refined from images, stitch of PNG inputs, bench, a short soak, broken calibrations.
+# panorama stitched from PNG inputs, rotations refined from images, bench, a short soak, broken calibrations.
 set -uo pipefail
 ZQAVS=$1
 WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
@@ -46,7 +46,7 @@ expect 1 "cannot read" -- "$ZQAVS" calib intrinsics "$CAL/zq_ps_gpu_mesh_params.
 
 # a real rig photographing random blocks: synth renders what its cameras see; its rig file has camera 1
 # turned 3 degrees too far, which calib --refine corrects from those images; check and stitch take the
-# calibration; bad rig files and images of the wrong size exit 1, naming the problem and writing nothing
+# calibration; images of the wrong size exit 1, naming the problem and writing nothing
 python3 -c 'import random, sys; r = random.Random(7)
 sys.stdout.buffer.write(b"P6 512 256 255\n" + bytes(r.randrange(256) for _ in range(512 * 256 * 3)))' \
     >"$WORK/blocks.ppm"
@@ -59,8 +59,6 @@ cat >"$WORK/pair.json" <<'JSON'
 JSON
 expect 0 "wrote" -- "$ZQAVS" synth --rig "$WORK/pair.json" --scene "$WORK/blocks.ppm" -o "$WORK/pairsyn"
 written "$WORK"/pairsyn/{camera0.nv12,camera1.png,panorama.png}
-sed 's/"pinhole"/"fishy"/' "$WORK/pair.json" >"$WORK/bad.json"
-expect 1 "cameras\[0\]\.model" -- "$ZQAVS" synth --rig "$WORK/bad.json" --scene "$WORK/blocks.ppm" -o "$WORK/badsyn"
 sed 's/0.906308, 0, -0.422618, 0, 1, 0, 0.422618, 0, 0.906308/0.882948, 0, -0.469472, 0, 1, 0, 0.469472, 0, 0.882948/' \
     "$WORK/pair.json" >"$WORK/pairoff.json"
 expect 0 "camera 1: .*corrected by (2\.99|3\.00)" "mesh interpolation error" -- "$ZQAVS" calib "$WORK/pairoff.json" \
@@ -68,14 +66,12 @@ expect 0 "camera 1: .*corrected by (2\.99|3\.00)" "mesh interpolation error" -- 
 written "$WORK/paircal/rig.json" "$WORK/rig.png"
 grep -q '0.9063' "$WORK/paircal/rig.json" 2>/dev/null || fail "calib --refine did not write the refined rig"
 expect 0 "0 errors" -- "$ZQAVS" check "$WORK/paircal"
-expect 0 "wrote" -- "$ZQAVS" stitch "$WORK/paircal" "$WORK"/pairsyn/camera{0,1}.png -o "$WORK/rigpano.png"
+expect 0 "wrote .*rigpano.png" -- "$ZQAVS" stitch "$WORK/paircal" "$WORK"/pairsyn/camera{0,1}.png -o "$WORK/rigpano.png"
 expect 1 "camera0.png: 320x240, expected 240x180" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal2" \
     --refine "$WORK/pairsyn/camera0.png" "$CAL/camera0.png"
 [[ ! -e $WORK/paircal2 ]] || fail "calib --refine left a directory behind after refusing"
 
-# stitch PNG inputs; a camera count other than the calibration's is a usage error
-expect 0 "wrote .*pano.png" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/pano.png"
-written "$WORK/pano.png"
+# stitch: a camera count other than the calibration's is a usage error
 expect 2 "3 cameras" -- "$ZQAVS" stitch "$CAL" "$CAL/camera0.png" -o "$WORK/c.png"
 
 # bench: a tiny table
