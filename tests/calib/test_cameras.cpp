@@ -213,7 +213,7 @@ TEST(SceneRender, WholeSpherePanoramaIsTheSceneTurnedByItsYaw)
 const cv::Size kPhotoSize(320, 240);
 const Chessboard kBoard{{9, 6}, 0.025};
 
-// The board's tilt (a rotation vector in degrees) and the direction of its centre from the camera,
+// The board's tilt (degrees about x, y, z) and the direction of its centre from the camera,
 // in units of the camera case's spread.
 struct BoardPose {
     double rx, ry, rz;
@@ -225,13 +225,15 @@ const BoardPose kPoses[] = {
     {15, -20, 10, 1, 0.6},   {-15, 20, -10, -1, -0.6},  {20, 20, 0, 1, -0.6},     {-20, -20, 0, -1, 0.6},
 };
 
-// Black and white squares on a white wall.
+// Black and white squares, a white margin one square wide, a grey wall behind.
 uint8_t boardShade(double x, double y)
 {
     const int col = static_cast<int>(std::floor(x / kBoard.square));
     const int row = static_cast<int>(std::floor(y / kBoard.square));
-    const bool onBoard = col >= -1 && row >= -1 && col < kBoard.innerCorners.width && row < kBoard.innerCorners.height;
-    return onBoard && (col + row) % 2 == 0 ? 25 : 230;
+    const int cols = kBoard.innerCorners.width, rows = kBoard.innerCorners.height;
+    if (col < -2 || row < -2 || col > cols || row > rows) return 110;
+    if (col == -2 || row == -2 || col == cols || row == rows) return 230;
+    return (col + row) % 2 == 0 ? 25 : 230;
 }
 
 // A photo of the board through the camera's model: each of s x s samples per pixel follows its
@@ -239,8 +241,11 @@ uint8_t boardShade(double x, double y)
 cv::Mat renderBoard(const CameraSpec& camera, const std::vector<cv::Vec3d>& rays, int s, const BoardPose& pose,
                     double spread, double distance)
 {
-    cv::Matx33d R;
-    cv::Rodrigues(cv::Vec3d(pose.rx, pose.ry, pose.rz) * kDegree, R);
+    cv::Matx33d Rx, Ry, Rz;  // about x, then y, then z
+    cv::Rodrigues(cv::Vec3d(pose.rx * kDegree, 0, 0), Rx);
+    cv::Rodrigues(cv::Vec3d(0, pose.ry * kDegree, 0), Ry);
+    cv::Rodrigues(cv::Vec3d(0, 0, pose.rz * kDegree), Rz);
+    const cv::Matx33d R = Rz * Ry * Rx;
     const cv::Vec3d centreOnBoard(kBoard.innerCorners.width - 1, kBoard.innerCorners.height - 1, 0);
     const cv::Vec3d centre = distance * cv::normalize(cv::Vec3d(std::tan(pose.across * spread * kDegree),
                                                                 std::tan(pose.down * spread * kDegree), 1));
@@ -250,7 +255,7 @@ cv::Mat renderBoard(const CameraSpec& camera, const std::vector<cv::Vec3d>& rays
     for (int i = 0; i < fine.rows * fine.cols; ++i) {
         const double along = normal.dot(t) / normal.dot(rays[i]);
         const cv::Vec3d onBoard = R.t() * (along * rays[i] - t);
-        fine.data[i] = along > 0 ? boardShade(onBoard[0], onBoard[1]) : 230;
+        fine.data[i] = along > 0 ? boardShade(onBoard[0], onBoard[1]) : 110;
     }
     cv::Mat photo;
     cv::resize(fine, photo, cv::Size(camera.image_width, camera.image_height), 0, 0, cv::INTER_AREA);
