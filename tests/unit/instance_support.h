@@ -24,30 +24,24 @@ inline void freeMeshTables(inputMeshCoords& tables)
     tables = inputMeshCoords();
 }
 
-// A failed init frees nothing; before its EGL set-up nothing but these allocations exists.
-inline void releaseObjectsOfAFailedInit()
-{
-    AvsThreadInstance& s = avs_thread_state();
-    if (s.mInputMeshCoords != nullptr) freeMeshTables(*s.mInputMeshCoords);
-    delete s.mInputMeshCoords;
-    delete s.init_params;
-    delete s.mUseInputMeshCoords;
-    delete s.multiband_resource;
-    if (s.zqRemapInstance) s.zqRemapInstance->~ZQGL_Remap(), free(s.zqRemapInstance);
-    if (s.zqMultibandBlendInstance) s.zqMultibandBlendInstance->~zqglMultibandBlend(), free(s.zqMultibandBlendInstance);
-    free(s.doBlendArray);
-}
-
 // Deinit for an instance that got as far as a context (a failed init past the EGL set-up is
-// released like a finished one), the allocations alone otherwise; then the thread has none.
+// released like a finished one); otherwise the allocations alone, as a failed init frees nothing.
+// Then the thread has none.
 inline void endInstance(ZQGFX_AVS_CONTEXT_T* context)
 {
-    AvsThreadInstance& state = avs_thread_state();
-    if (state.if_init_avs == 1 || fakegl::liveObjects("context") > 0) {
-        state.if_init_avs = 1;
+    AvsThreadInstance& s = avs_thread_state();
+    if (s.if_init_avs == 1 || fakegl::liveObjects("context") > 0) {
+        s.if_init_avs = 1;
         ZQGFX_AVS_deinit(context);
     } else {
-        releaseObjectsOfAFailedInit();
+        if (s.mInputMeshCoords != nullptr) freeMeshTables(*s.mInputMeshCoords);
+        delete s.mInputMeshCoords;
+        delete s.init_params;
+        delete s.mUseInputMeshCoords;
+        delete s.multiband_resource;
+        if (s.zqRemapInstance) s.zqRemapInstance->~ZQGL_Remap(), free(s.zqRemapInstance);
+        if (s.zqMultibandBlendInstance) s.zqMultibandBlendInstance->~zqglMultibandBlend(), free(s.zqMultibandBlendInstance);
+        free(s.doBlendArray);
     }
     forgetInstance();
 }
