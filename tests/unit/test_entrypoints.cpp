@@ -273,6 +273,9 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, "zq_ps_gpu_alpha01.bin elements=9600 expected=19200"},
         {"band count too deep for the seam", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].band_num[0] = 16; }); },
          failed, "multi_band_num[0]=17 is illegal!"},
+        {"panorama wider than the texture limit", [](T& t) { t.initChanged([&t](L& l) {
+             l.bld_width = 20000; t.context.outputBufferWidth = 20000; });
+             return ZQGFX_AVS_AllProcess(&t.context); }, failed, "bld_width=20000 or bld_height=240 is exceed the gpu max texture size limit!"},
         // ---- what the GPU only draws: meshes and blocks placed anywhere
         {"not-a-number meshes, and meshes far outside the image", [](T& t) {
              const std::vector<float> nan(17 * 16, std::nanf("")), far(3 * 16, -1e30f);
