@@ -123,12 +123,16 @@ TEST_F(RemapEngine, UpdatesThatCannotApplyFailAndSayWhy)
 {
     float mesh[4] = {}, *m = mesh;
     // Invalid requests are rejected before anything is deleted; an unknown index is named by both.
-    using Request = std::tuple<int, int, int, float*, float*, const char*>;
-    for (auto [index, w, h, mx, my, line] :
+    struct Request {
+        int index, w, h;
+        float *mx, *my;
+        const char* line;
+    };
+    for (const Request& r :
          {Request{-1, 2, 2, m, m, "invalid mesh! index=-1"}, Request{11, 0, 2, m, m, "invalid mesh! index=11"},
           Request{11, 2, 2, m, nullptr, "invalid mesh! index=11"}, Request{7, 2, 2, m, m, "index=7, mesh do not exist!"}}) {
-        out = stdoutOf([&] { EXPECT_EQ(engine->glesRemapUpdateMesh(index, 8, 4, w, h, mx, my), -1); });
-        EXPECT_NE(out.find(line), std::string::npos) << out;
+        out = stdoutOf([&] { EXPECT_EQ(engine->glesRemapUpdateMesh(r.index, 8, 4, r.w, r.h, r.mx, r.my), -1); });
+        EXPECT_NE(out.find(r.line), std::string::npos) << out;
     }
     EXPECT_EQ(fakegl::countCalls("glDeleteBuffers"), 0u);
 
