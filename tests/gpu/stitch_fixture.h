@@ -19,13 +19,8 @@ namespace stitch_test {
 inline zqavs_synth::RigConfig smallRig()
 {
     zqavs_synth::RigConfig rig;
-    rig.cameras = 4;
-    rig.src_width = 480;
-    rig.src_height = 272;
-    rig.bld_width = 1536;
-    rig.bld_height = 272;
-    rig.band_num = 3;
-    rig.overlap_width = 96;
+    rig.cameras = 4, rig.src_width = 480, rig.src_height = 272, rig.bld_width = 1536, rig.bld_height = 272;
+    rig.band_num = 3, rig.overlap_width = 96;
     return rig;
 }
 

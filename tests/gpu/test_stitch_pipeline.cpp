@@ -1,17 +1,13 @@
 // The whole pipeline on the machine's real driver, against the synthetic rig's ground truth.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <future>
 #include <thread>
 
-#include "gl_nv12_remap.h"
 #include "stitch_fixture.h"
-#include "zqgfx_gpu_avs_internal.h"
 
 using namespace stitch_test;
 
@@ -229,7 +225,7 @@ TEST_F(LiveSession, UpdatedMeshMovesTheBlocksContent)
     ASSERT_EQ(ZQGFX_AVS_update_mesh(&live.session.context(), &update), ZQGFX_AVS_SUCCESS);
     const Frame after = live.next();
 
-    // Inside the block, the new content at x is (close to) the old content a few columns right.
+    // Inside the block, the new content at x is (close to) the old content eight columns right.
     const int x0 = layout.nonoverlap_block[1].dst_startx[0] + 24;
     const int x1 = layout.nonoverlap_block[1].dst_startx[0] + layout.nonoverlap_block[1].dst_width[0] - 24;
     auto meanDifference = [&](int shift) {
@@ -238,34 +234,9 @@ TEST_F(LiveSession, UpdatedMeshMovesTheBlocksContent)
             for (int x = x0; x < x1; ++x) sum += std::abs(after.at(x, row) - first.at(x + shift, row));
         return sum / ((x1 - x0) * first.height);
     };
-    int bestShift = 0;
-    for (int shift = 1; shift <= 16; ++shift)
-        if (meanDifference(shift) < meanDifference(bestShift)) bestShift = shift;
-    EXPECT_GE(bestShift, 6);
-    EXPECT_LE(bestShift, 10);
-    EXPECT_LT(meanDifference(bestShift), meanDifference(0) / 2);
+    EXPECT_LT(meanDifference(8), meanDifference(0) / 2);
     // Other cameras' blocks did not move.
     for (int row = 0; row < first.height; ++row)
         for (int x = 0; x < layout.nonoverlap_block[0].dst_width[0]; ++x)
             ASSERT_EQ(after.at(x, row), first.at(x, row)) << x << ", " << row;
-}
-
-TEST_F(LiveSession, ManyDistinctDescriptorsCycleThroughTheImportTable)
-{
-    // Every frame presents the cameras under new descriptor numbers (duplicates of the same
-    // buffers), so the 100-slot table fills up and is flushed along the way.
-    ZQGFX_AVS_CONTEXT_T& context = live.session.context();
-    std::vector<int> fds, frameFds(rig.config.cameras + 1);
-    int flushes = 0;
-    for (int f = 0; f < 120; ++f) {
-        for (int c = 0; c < rig.config.cameras; ++c) fds.push_back(frameFds[c] = dup(live.session.input(c).fd()));
-        frameFds[rig.config.cameras] = live.session.output().fd();
-        context.inputFdArray = frameFds.data();
-        flushes += avs_thread_instance().zqRemapInstance->cache_input_fd[99] != 0;
-        memset(live.session.output().data(), 0, live.session.output().size());
-        ASSERT_EQ(ZQGFX_AVS_AllProcess(&context), ZQGFX_AVS_SUCCESS) << "frame " << f;
-        ASSERT_EQ(copyFrame(live.session.outputView()).bytes, first.bytes) << "frame " << f;
-    }
-    EXPECT_GE(flushes, 1) << "the table should have been flushed at least once";
-    for (int fd : fds) close(fd);
 }

@@ -1,4 +1,4 @@
-// The exported entry points: the log level, refusals, and whole instances against the fake driver
+// The exported entry points: refusals, and whole instances against the fake driver
 // (init to deinit, the frame's call order, failed inits that leave their objects behind), on the
 // target path and on the plane paths; and the calibration loaders beneath them.
 #include <sys/mman.h>
@@ -12,9 +12,8 @@
 #include <functional>
 #include <memory>
 #include <regex>
-#include <set>
+#include <utility>
 
-#include "blend_engine_support.h"
 #include "calibration_dir.h"
 #include "instance_support.h"
 #include "portable_yuv.h"
@@ -24,7 +23,6 @@ using entry_test::contains;
 using entry_test::forgetInstance;
 using engine_test::hasErrorLine;
 using entry_test::stdoutOf;
-using zqgfx_gpu_avs::BlendEngineTestAccess;
 
 namespace {
 
@@ -131,23 +129,6 @@ TEST_F(EntryPoints, NothingRunsWithoutAnInstanceOrAContext)
         EXPECT_TRUE(std::regex_match(refused, std::regex(R"(libzqgfx_avs: ZQGFX_AVS_\w+,line=[0-9]+: )"
                                                          R"(input context is NULL, return FAILED!\n)")))
             << refused;
-    }
-}
-
-TEST_F(EntryPoints, TraceLinesNeedLevelThreeAtInit)
-{
-    // No parameter file in the directory: init fails after its first steps.
-    context = entry_test::contextFor(entry_test::ringLayout(2, 1, 1), dir.path());
-    context.inputBufferFormat = 0x3231564e;
-    const std::regex traceLine(R"(libzqgfx_avs: \w+\([0-9]+\): )");
-    for (const char* value : {"", "2", "abc", "3", "7"}) {
-        SCOPED_TRACE(value);
-        setenv("ZQ_GPU_AVS_DEBUG_LOG", value, 1);
-        EXPECT_EQ(init(), ZQGFX_AVS_FAILED);
-        EXPECT_TRUE(hasErrorLine(printed, "ZQGFX_AVS_init", "init_coords_and_params FAILED!")) << printed;
-        const int traced = std::regex_search(printed, traceLine) + contains(printed, "init_params_internal=");
-        EXPECT_EQ(traced, 2 * (atoi(value) > 2)) << printed;
-        entry_test::endInstance(&context);
     }
 }
 
@@ -259,8 +240,6 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
              text.replace(text.find("240"), 3, "high");
              t.dir.write(params, text.data(), text.size());
              return t.initNow(); }, failed, "inputBufferWidth is not aligned with 16, recommend size: 320x0"},
-        {"block count below the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 2; }); },
-         failed, layoutAt + "1 declares 2 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"block count above the lists'", [](T& t) { return t.initChanged([](L& l) { l.image_block_num[1] = 4; }); },
          failed, layoutAt + "1 declares 4 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"negative block count", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[0] = {}, l.overlap_block[0].overlap_num = -1; }); },
@@ -290,16 +269,12 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, "input AVS_initParams is NULL, FAILED!"},
         {"block lists shorter than the counts", [](T& t) { return t.initBuffers([](T& u) { u.layout.overlap_block[1].alpha_height.pop_back(); }); },
          failed, "AVS_initParams: camera 1 lists fewer block values than its block counts, FAILED!"},
-        {"no mesh records", [](T& t) { return t.initBuffers([](T& u) { u.context.avsRemapMeshArray = nullptr; }); },
-         failed, "avsRemapMeshArray is NULL, FAILED!"},
         {"mesh record without buffers", [](T& t) { return t.initBuffers([](T& u) { u.callerMeshes->records[4].meshyBufAddr_ = nullptr; }); },
          failed, "avsRemapMeshArray[4] (camera 1 block 1) has no mesh buffers, FAILED!"},
         {"no alpha records", [](T& t) { return t.initBuffers([](T& u) { u.context.meshAlphaDrmBufMsgArray = nullptr; }); },
          failed, "meshAlphaDrmBufMsgArray[0] is NULL!"},
         {"alpha record smaller than its map", [](T& t) { return t.initBuffers([](T& u) { u.alphaRecord.mem_size = 100; }); },
          failed, "meshAlphaBufArray[0] mem_size=100 too small"},
-        {"alpha record without an address", [](T& t) { return t.initBuffers([](T& u) { u.alphaRecord.vir_addr = nullptr; }); },
-         failed, "meshAlphaBufArray[0]=NULL!"},
         // ---- calls out of order or with nothing to work on (a failing descriptor: InstancesRunFrames...)
         {"frame after deinit", [](T& t) { t.running([](T& u) { return ZQGFX_AVS_deinit(&u.context); });
              forgetInstance();
@@ -440,16 +415,13 @@ TEST_F(MeshLoading, EveryFileIsTriedBeforeFailing)
     EXPECT_EQ(owned.input_meshy[0][2][47], entry_test::meshValues('y', 0, 2, 48)[47]);  // beside the short x mesh
 }
 
-TEST_F(MeshLoading, BufferModeCopiesTheLayoutAsGiven)
+TEST_F(MeshLoading, BufferModeTakesTheLayoutAsGiven)
 {
     writeFourCameraCalibration();
     layout.output_image_stride = 1234, layout.useSync = 7;
     useBuffers();
     ASSERT_EQ(get_mesh_and_init_params(&context, &loaded, &used), 0);
-    EXPECT_EQ(loaded.output_image_stride, 1234u);  // nothing derived
-    EXPECT_EQ(loaded.useSync, 7u);
-    layout.overlap_block[1].dst_startx[0] = -99;  // a deep copy
-    EXPECT_EQ(loaded.overlap_block[1].dst_startx[0], 320);
+    EXPECT_TRUE(loaded.output_image_stride == 1234u && loaded.useSync == 7u);  // nothing derived
 }
 
 // ---- the plane paths: drivers without YUV render targets, with and without dma-buf import
@@ -548,12 +520,16 @@ TEST_P(PortableWiring, AfbcShortDescriptorsAndFailedReadBacksFailTheFrameWithThe
         *afbc = 0;
     }
 
-    ASSERT_EQ(ftruncate(fds[2], 100), 0);  // too short for its image: refused, its slot freed again
-    EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
-    EXPECT_TRUE(contains(printed, "descriptor " + std::to_string(fds[2]) + " holds 100 bytes")) << printed;
-    EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, static_cast<GLuint>(fds[2])), 0);
-    ASSERT_EQ(ftruncate(fds[2], static_cast<off_t>(zqgfx_gpu_avs::nv12ImageBytes(320, 240))), 0);
-    EXPECT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    for (int which : {2, 4}) {  // a camera, then the output, in a buffer too short for its image
+        const int whole = fds[which];
+        fds[which] = memfdOf(100);
+        EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
+        EXPECT_TRUE(contains(printed, "descriptor " + std::to_string(fds[which]) + " holds 100 bytes")) << printed;
+        // Refused, and its slot freed again.
+        EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, static_cast<GLuint>(fds[which])), 0);
+        close(std::exchange(fds[which], whole));
+        EXPECT_EQ(frame(), ZQGFX_AVS_SUCCESS);
+    }
 
     if (zeroCopy()) return;
     fakegl::failCall("glReadPixels", GL_INVALID_OPERATION);
@@ -602,17 +578,9 @@ TEST_P(PortableWiring, PlaneObjectsFollowReusedNumbersFlushesResizesAndDeinit)
     }
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 
-    // De-init leaves only the alpha textures that its established order skips.
-    std::set<GLuint> alphaTextures;
-    zqgfx_gpu_avs::zqglMultibandBlend& blend = *avs_thread_state().zqMultibandBlendInstance;
-    for (int c = 0; c < 3; ++c)
-        for (int l = 0; l < 3; ++l) alphaTextures.insert((*BlendEngineTestAccess::pyramids(blend)[3])[c][l].texture_id);
     stdoutOf([&] { ZQGFX_AVS_deinit(&context); });
     forgetInstance();
-    size_t alphaLeft = 0;
-    for (GLuint texture : alphaTextures) alphaLeft += fakegl::isLive("texture", texture);
-    EXPECT_EQ(fakegl::liveObjects("texture"), alphaLeft);
-    for (const char* kind : {"framebuffer", "buffer", "program", "shader", "vertexarray", "image", "context"})
+    for (const char* kind : {"texture", "framebuffer", "buffer", "program", "shader", "vertexarray", "image", "context"})
         EXPECT_EQ(fakegl::liveObjects(kind), 0u) << kind;
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 }
