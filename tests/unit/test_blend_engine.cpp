@@ -73,15 +73,6 @@ struct BlendTest : ::testing::Test {
 
 // ---- programs and resources, made by init ----------------------------------------------------
 
-// Alpha files are read into buffers that cover every byte the level textures read: a U8 map's
-// last rows at a 4-byte stride, and float textures as high as a panorama taller than the map.
-TEST(BlendGeometry, AlphaReadsReachPastTheMapWhereTheTexturesReadMore)
-{
-    EXPECT_EQ(alphaReadExtentBytes(100, 40, 40, 3, FUSE_GPU_ALPHA_U8), 5000u + 28 * 9 + 25);
-    EXPECT_EQ(alphaReadExtentBytes(100, 40, 40, 3, FUSE_GPU_ALPHA_FLOAT), 5250u * 4);
-    EXPECT_EQ(alphaReadExtentBytes(100, 20, 40, 1, FUSE_GPU_ALPHA_FLOAT), 4000u * 4);
-}
-
 class BlendResources : public BlendTest {
 protected:
     // `record`: the seam's alpha map in caller memory; null: its alpha file.

@@ -139,10 +139,6 @@ TEST_F(RemapFence, OnlyASuccessfulWaitReleasesTheFence)
     EXPECT_EQ(engine->gles_wait_sync(sync), 0);
     EXPECT_EQ(fakegl::liveObjects("sync"), 0u);
 
-    out = stdoutOf([&] { EXPECT_EQ(engine->gles_wait_sync(nullptr), 1); });
-    EXPECT_TRUE(hasErrorLine(out, "gles_wait_sync", "GLProcess: error waiting on EGL fence: 0x300c"));
-    EXPECT_EQ(fakegl::countCalls("eglDestroySyncKHR"), 1u);
-
     fakegl::inject().noSync = true;
     out = stdoutOf([&] { EXPECT_EQ(engine->gles_create_sync(), nullptr); });
     EXPECT_TRUE(hasErrorLine(out, "gles_create_sync", "failed to create EGL native fence sync"));
@@ -217,19 +213,12 @@ TEST_F(RemapImport, FailedImportsAreRecordedAndTheFrameGoesOn)
     // The importers' all-bits-set failure passes the frame's test for 0.
     fakegl::inject().nullImageFrom = 1;
     int result = -1;
-    std::string log = stdoutOf([&] { result = frame({11, 12, 20}); });
+    const std::string log = stdoutOf([&] { result = frame({11, 12, 20}); });
     EXPECT_EQ(result, 0);
     EXPECT_TRUE(hasErrorLine(log, "create_egl_texture", "avs-debug eglCreateImageKHR NULL! stride=1008,height=720,fd=11\n"));
     EXPECT_TRUE(hasErrorLine(log, "create_fbo_output", "avs-debug eglCreateImageKHR NULL! stride=2048,height=720,fd=20\n"));
     EXPECT_EQ(engine->textureID[0], 0xFFFFFFFFu);
     EXPECT_EQ(outFbo, 0xFFFFFFFFu);
-
-    engine->destroy_texture_and_fbo();
-    fakegl::reset();
-    fakegl::inject().framebufferStatus = GL_FRAMEBUFFER_INCOMPLETE_ATTACHMENT;
-    log = stdoutOf([&] { result = frame({11, 12, 20}); });
-    EXPECT_TRUE(hasErrorLine(log, "create_fbo_output", "zq_debug create fbo failed!\n"));
-    EXPECT_TRUE(result == 0 && slot(2).fbo_id == 0xFFFFFFFFu);
 }
 
 }  // namespace

@@ -104,5 +104,4 @@ TEST(Synth, PsnrOverMaskedColumns)
     for (int row : {0, 2, 4, 6}) b[row * 64 + 25] = static_cast<uint8_t>(b[row * 64 + 25] + 10);
     b[3 * 64 + 40] = 0;  // outside the mask
     EXPECT_NEAR(psnr(pa, pb, mask), 10 * std::log10(255.0 * 255.0 / 5.0), 1e-9);
-    EXPECT_TRUE(std::isnan(psnr(pa, PlaneView{b.data(), 32, 8, 64}, {})));
 }
