@@ -520,11 +520,12 @@ TEST_P(PortableWiring, AfbcShortDescriptorsAndFailedReadBacksFailTheFrameWithThe
         *afbc = 0;
     }
 
-    for (int which : {2, 4}) {  // a camera, then the output, in a buffer too short for its image
-        const int whole = fds[which];
-        fds[which] = memfdOf(100);
+    for (int which : {2, 4}) {  // a camera, then the output, in a buffer one byte short of its image
+        const size_t bytes = zqgfx_gpu_avs::nv12ImageBytes(which == 4 ? 1280 : 320, 240) - 1;
+        const int whole = std::exchange(fds[which], memfdOf(bytes));
         EXPECT_EQ(frame(), ZQGFX_AVS_FAILED);
-        EXPECT_TRUE(contains(printed, "descriptor " + std::to_string(fds[which]) + " holds 100 bytes")) << printed;
+        EXPECT_TRUE(contains(printed, "descriptor " + std::to_string(fds[which]) + " holds " + std::to_string(bytes)))
+            << printed;
         // Refused, and its slot freed again.
         EXPECT_EQ(std::count(remap().cache_input_fd, remap().cache_input_fd + 100, static_cast<GLuint>(fds[which])), 0);
         close(std::exchange(fds[which], whole));
