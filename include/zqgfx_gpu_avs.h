@@ -118,14 +118,21 @@ typedef struct PSR_REMAP_MESH_S {
     int meshyFd_;
 } PSR_REMAP_MESH;
 
-// Per-stage wall-clock times of one profiled frame, in milliseconds.
+// Per-stage times of one profiled frame, in milliseconds, and the frame's GPU work.
+// On the plane paths the non-overlap blocks are drawn in the same passes as the blend's finest
+// level (one pass per output plane), so their time counts under blend_ms there.
 typedef struct ZQGFX_AVS_STAGE_TIMES_S {
     double import_ms;   // descriptor import / upload of the camera images
-    double remap_ms;    // non-overlap and overlap remap passes
+    double remap_ms;    // remap passes (plane paths: the blended seams' sides only)
     double pyramid_ms;  // Gaussian pyramids of the blended seams
-    double blend_ms;    // blend passes into the output
+    double blend_ms;    // blend passes into the output (plane paths: with the non-overlap blocks)
     double finish_ms;   // plane paths: read-back into the caller's buffer, or the wait for the GPU
-    bool gpu_timers;    // true when measured with GPU timer queries
+    bool gpu_timers;    // true when measured with GPU timer queries (GL_EXT_disjoint_timer_query),
+                        // false for wall clock with the GPU drained between stages
+    int64_t render_passes;  // draws into another framebuffer than the draw before them
+    int64_t draw_calls;
+    int64_t triangles;
+    int64_t fragments;      // pixels covered by the draws (their viewports or rectangles)
 } ZQGFX_AVS_STAGE_TIMES_T;
 
 extern "C" {
@@ -143,9 +150,12 @@ ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_deinit(void* context);
 // thread.
 ZQGFX_AVS_EXPORT const char* ZQGFX_AVS_get_path();
 
-// Profiling hook: runs one frame of the calling thread's instance like ZQGFX_AVS_AllProcess,
-// draining the GPU between stages to time each into `times`. Slower than a normal frame: for
-// benchmarks, not for production. ZQGFX_AVS_FAILED before init or without the frame's inputs.
+// Profiling hook: runs one frame of the calling thread's instance like ZQGFX_AVS_AllProcess and
+// fills `times`: each stage's GPU time from timer queries where the driver has
+// GL_EXT_disjoint_timer_query (gpu_timers set), else its wall-clock time with the GPU drained
+// between stages; and the frame's render passes, draw calls, triangles and fragments. Waits for
+// the GPU: for benchmarks, not for production. ZQGFX_AVS_FAILED before init or without the
+// frame's inputs.
 ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_profile_frame(void* context, ZQGFX_AVS_STAGE_TIMES_T* times);
 }
 

@@ -46,6 +46,14 @@ extern const char* const gPortableFragmentShader_blendYUV;
 extern const char* const gPortableFragmentShader_blendChroma;
 extern const char* const gPortableRemapFragmentShaderChroma;
 
+// Plane paths' frame passes: one quad per block with its mesh in a texture (gMesh*), and the seam
+// atlas's programs in the order of SeamAtlas::Program.
+extern const char* const gMeshQuadVertexShader;
+// [fetched][program]: four fetches of the nearest nodes, or one filtered fetch; luma, chroma, RGB.
+extern const char* const gMeshFragmentShaders[2][3];
+extern const char* const gSeamAtlasVertexShader;
+extern const char* const gSeamAtlasFragmentShaders[7];
+
 }  // namespace zqgfx_gpu_avs
 
 #endif  // ZQGFX_AVS_SHADER_TEXTS_H

@@ -278,6 +278,7 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
             blocks = made;
         }
         for (int bn = 0; bn < blocks; ++bn) {
+            if (overlapFramebuffer[cam][bn].fbo_id == 0) continue;  // the plane paths make none
             glDeleteFramebuffers(1, &overlapFramebuffer[cam][bn].fbo_id);
             glDeleteTextures(1, &overlapFramebuffer[cam][bn].texture_id);
         }
@@ -286,6 +287,7 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
     for (int i = 0; i < static_cast<int>(create_texture_fbo_status.size()); ++i) frameIo().releaseSlot(i, false);
     delete planeIo;
     planeIo = nullptr;
+    meshQuads.release();
 
     deleteCachedVbo();
     free(cache_input_fd);
@@ -413,6 +415,10 @@ int ZQGL_Remap::setUpFrameIo(const AvsGpuCaps& caps)
     planeIo = new (std::nothrow) PlaneIo(dpy, caps.path == GpuPath::planes);
     if (planeIo == nullptr) {
         AVS_LOGE("no memory for the plane input and output slots");
+        return -1;
+    }
+    if (!meshQuads.create(caps.has_GL_OES_texture_float_linear)) {
+        AVS_LOGE("the mesh remap programs cannot be made");
         return -1;
     }
     return 0;

@@ -9,6 +9,8 @@
 #include "avs_calib_core.h"
 #include "common_resource.h"
 #include "frame_io.h"
+#include "frame_counters.h"
+#include "remap_mesh_quads.h"
 #include "zqgfx_gpu_avs.h"
 
 namespace zqgfx_gpu_avs {
@@ -98,6 +100,11 @@ public:
     // remap passes
     int glesRemapNonoverlapNew();
     int glesRemapOverlapNew();
+    // Every output plane in turn: its non-overlap blocks, then `alsoOnPlane` (may be null) into the
+    // same plane while it is bound, so that a blend drawn there costs no render pass of its own.
+    // 0, or -1 at the first failure.
+    using PlaneFollowUp = int (*)(void* context, const OutputPlane& plane);
+    int drawOutputPlanes(PlaneFollowUp alsoOnPlane, void* context);
     // Binds camera `cam`'s image on texture unit 0 for the next draw; 0, or -1 on a GL error or
     // a camera without an imported image.
     int bindCameraTexture(int cam);
@@ -185,6 +192,12 @@ public:
     int const_blend_height;
     int const_blend_width;
 
+    // The plane paths draw every block as one quad with its mesh in a texture (made with the
+    // context when a plane path is chosen; empty on the target path, which draws the strips).
+    MeshQuadRemap meshQuads;
+    // This frame's work, kept in the shared record.
+    FrameCounters& frameCounters();
+
     // How frames get in and out: as YUV images, the target path's way, which needs nothing
     // made, until ZQ_EGL_Init chooses a plane path and makes `planeIo`, which then owns what the
     // slots hold.
@@ -199,6 +212,8 @@ public:
     multibandResource* blendResource;
 
 private:
+    int drawNonoverlapBlocks(const OutputPlane& plane);
+    int drawSeamSidesIntoAtlas();
     // Whatever an import slot holds goes, on either path; the table entry is left to the caller.
     void releaseImportSlot(int slot, bool textureFirst);
     int refreshInputSlot(int slot);

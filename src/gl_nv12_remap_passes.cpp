@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "gles_multiband_blend.h"
 #include "portable_yuv.h"
+#include "seam_atlas.h"
 
 
 namespace zqgfx_gpu_avs {
@@ -38,6 +40,14 @@ struct BlockViewport {
     int w;
     int h;
 };
+
+int bindBlockCamera(ZQGL_Remap& engine, const PassReports& reports, int cam)
+{
+    if (engine.bindCameraTexture(cam) == 0) return 0;
+    const GLuint texture = cam < static_cast<int>(engine.textureID.size()) ? engine.textureID[cam] : 0;
+    AVS_LOGE_IN(reports.pass, "glBindTexture textureID=%d failed!\n", texture);
+    return -1;
+}
 
 BlockViewport onPlane(const BlockViewport& view, const OutputPlane& plane)
 {
@@ -120,21 +130,31 @@ bool findBlockMeshes(ZQGL_Remap& engine, const char* pass, int index, RemapVboIn
     return true;
 }
 
-// The per-block step every pass shares: viewport, camera image, strip.
+// The per-block step every pass shares: viewport, camera image, strip; the strip's work is
+// counted against `fbo`.
 template <class DrawStrip>
 int drawBlock(ZQGL_Remap& engine, const PassReports& reports, GLuint program, const BlockViewport& view, int cam,
-              DrawStrip drawStrip)
+              GLuint fbo, int vertices, DrawStrip drawStrip)
 {
     if (!engine.setupGraphicsTest(program, view.x, 0, view.w, view.h)) {
         reportStep(reports, reports.setupOnStderr, kSetupFailed);
         return -1;
     }
-    if (engine.bindCameraTexture(cam) != 0) {
-        const GLuint texture = cam < static_cast<int>(engine.textureID.size()) ? engine.textureID[cam] : 0;
-        AVS_LOGE_IN(reports.pass, "glBindTexture textureID=%d failed!\n", texture);
+    if (bindBlockCamera(engine, reports, cam) != 0) return -1;
+    if (drawStrip() != 1) {
+        reportStep(reports, reports.renderOnStderr, kRenderFailed);
         return -1;
     }
-    if (drawStrip() != 1) {
+    engine.frameCounters().draw(fbo, GL_TRIANGLE_STRIP, vertices, static_cast<int64_t>(view.w) * view.h);
+    return 0;
+}
+
+// The plane paths' step: the camera image, then the block as one quad with its mesh texture.
+int drawBlockQuad(ZQGL_Remap& engine, const PassReports& reports, MeshQuadRemap::Program program, int index,
+                  const BlockViewport& view, int y, int cam, GLuint fbo)
+{
+    if (bindBlockCamera(engine, reports, cam) != 0) return -1;
+    if (!engine.meshQuads.draw(program, index, fbo, view.x, y, view.w, view.h, engine.frameCounters())) {
         reportStep(reports, reports.renderOnStderr, kRenderFailed);
         return -1;
     }
@@ -187,36 +207,102 @@ int ZQGL_Remap::bindCameraTexture(int cam)
     return frameIo().bindInput(slot, textureID[cam]) ? 0 : -1;
 }
 
-int ZQGL_Remap::glesRemapNonoverlapNew()
+FrameCounters& ZQGL_Remap::frameCounters()
 {
-    static constexpr PassReports reports{"glesRemapNonoverlapNew", false, false};
+    thread_local FrameCounters unshared;  // an engine used without a blend record counts here
+    return blendResource != nullptr ? blendResource->counters : unshared;
+}
+
+namespace {
+constexpr PassReports kNonoverlapReports{"glesRemapNonoverlapNew", false, false};
+}
+
+int ZQGL_Remap::drawNonoverlapBlocks(const OutputPlane& plane)
+{
+    const PassReports& reports = kNonoverlapReports;
+    const PSR_INITPARAMS_T& layout = _remap_init_params;
+    const GLuint program = outputProgram(plane);
+    const MeshQuadRemap::Program quadProgram =
+        plane.plane == 1 ? MeshQuadRemap::chromaProgram : MeshQuadRemap::lumaProgram;
+    for (int cam = 0; cam < layout.camera_num; ++cam) {
+        const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
+        for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
+            RemapVboInfo* vertex = nullptr;
+            RemapVboInfo* tex = nullptr;
+            const int index = meshIndexOf(cam, bn);
+            if (!findBlockMeshes(*this, reports.pass, index, &vertex, &tex)) return -1;
+            const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
+            AVS_LOGD("dst_x=%d,dst_w=%d,dst_h=%d,mesh_w=%d,mesh_h=%d\n", view.x, view.w, view.h, vertex->meshWidth,
+                     vertex->meshHeight);
+            const BlockViewport onTarget = onPlane(view, plane);
+            const int drawn =
+                meshQuads.ready()
+                    ? drawBlockQuad(*this, reports, quadProgram, index, onTarget, 0, cam, plane.fbo)
+                    : drawBlock(*this, reports, program, onTarget, cam, plane.fbo,
+                                stripVertexCount(vertex->meshWidth, vertex->meshHeight), [&] {
+                                    return renderFrameNew(program, vertex->meshWidth, vertex->meshHeight,
+                                                          vertex->mVboId, tex->mVboId);
+                                });
+            if (drawn != 0) return -1;
+        }
+    }
+    return 0;
+}
+
+int ZQGL_Remap::drawOutputPlanes(PlaneFollowUp alsoOnPlane, void* context)
+{
+    const PassReports& reports = kNonoverlapReports;
     if (!passInputsComplete(*this, reports.pass, false)) return -1;
     AvsTimer timer;
     if (checkOutputPass(*this, reports.pass) != 0) return -1;
-
-    const PSR_INITPARAMS_T& layout = _remap_init_params;
     auto drawPlane = [&](const OutputPlane& plane) {
-        const GLuint program = outputProgram(plane);
-        for (int cam = 0; cam < layout.camera_num; ++cam) {
-            const zqPSR_NONOVERLAP_BLOCK& blocks = layout.nonoverlap_block[cam];
-            for (int bn = 0; bn < blocks.nonoverlap_num; ++bn) {
-                RemapVboInfo* vertex = nullptr;
-                RemapVboInfo* tex = nullptr;
-                if (!findBlockMeshes(*this, reports.pass, meshIndexOf(cam, bn), &vertex, &tex)) return -1;
-                const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
-                AVS_LOGD("dst_x=%d,dst_w=%d,dst_h=%d,mesh_w=%d,mesh_h=%d\n", view.x, view.w, view.h,
-                         vertex->meshWidth, vertex->meshHeight);
-                if (drawBlock(*this, reports, program, onPlane(view, plane), cam, [&] {
-                        return renderFrameNew(program, vertex->meshWidth, vertex->meshHeight, vertex->mVboId,
-                                              tex->mVboId);
-                    }) != 0)
-                    return -1;
-            }
-        }
-        return 0;
+        if (drawNonoverlapBlocks(plane) != 0) return -1;
+        return alsoOnPlane != nullptr ? alsoOnPlane(context, plane) : 0;
     };
     if (drawOnOutputPlanes(*this, reports.pass, drawPlane) != 0) return -1;
     AVS_LOGD("ZQGL_Remap_Nonoverlap_VBO use time=%f ms \n", timer.elapsedMs());
+    return 0;
+}
+
+int ZQGL_Remap::glesRemapNonoverlapNew()
+{
+    return drawOutputPlanes(nullptr, nullptr);
+}
+
+// Plane paths: both sides of every blended seam into the seam atlas's finest level, in one pass.
+// Overlap blocks that no seam blends are never shown, so they are not drawn.
+int ZQGL_Remap::drawSeamSidesIntoAtlas()
+{
+    static constexpr PassReports reports{"glesRemapOverlapNew", true, false};
+    const SeamAtlas* atlas = blendResource != nullptr ? blendResource->seamAtlas : nullptr;
+    if (atlas == nullptr || atlas->finestFramebuffer() == 0) {
+        AVS_LOGE_IN(reports.pass, "no seam atlas: the blend was not set up for this layout");
+        return -1;
+    }
+    const PSR_INITPARAMS_T& layout = _remap_init_params;
+    const GLuint fbo = atlas->finestFramebuffer();
+    if (bindPassFramebuffer(reports.pass, fbo) != 0) return -1;
+    const SeamAtlasLayout& cells = atlas->layout();
+    for (int s = 0; s < cells.seamCount(); ++s) {
+        const int cams[2] = {cells.seam(s).camera, seamNextCamera(cells.seam(s).camera, layout.camera_num)};
+        for (int side = 0; side < 2; ++side) {
+            const int cam = cams[side];
+            const int overlaps = layout.overlap_block[cam].overlap_num;
+            if (overlaps <= 0) {
+                AVS_LOGE_IN(reports.pass, "camera %d has no overlap block to blend!", cam);
+                return -1;
+            }
+            // Side A: the camera's last overlap block; side B: the next camera's first one.
+            const int index = meshIndexOf(cam, layout.nonoverlap_block[cam].nonoverlap_num + (side == 0 ? overlaps - 1 : 0));
+            RemapVboInfo* vertex = nullptr;
+            RemapVboInfo* tex = nullptr;
+            if (!findBlockMeshes(*this, reports.pass, index, &vertex, &tex)) return -1;
+            const AtlasRect r = cells.sideRect(s, side == 0 ? SeamAtlasLayout::sideA : SeamAtlasLayout::sideB, 0);
+            if (drawBlockQuad(*this, reports, MeshQuadRemap::rgbProgram, index, BlockViewport{r.x, r.w, r.h}, r.y,
+                              cam, fbo) != 0)
+                return -1;
+        }
+    }
     return 0;
 }
 
@@ -225,6 +311,11 @@ int ZQGL_Remap::glesRemapOverlapNew()
     static constexpr PassReports reports{"glesRemapOverlapNew", true, false};
     if (!passInputsComplete(*this, reports.pass, true)) return -1;
     AvsTimer timer;
+    if (meshQuads.ready()) {
+        if (drawSeamSidesIntoAtlas() != 0) return -1;
+        AVS_LOGD("ZQGL_Remap_Overlap_VBO use time=%f ms \n", timer.elapsedMs());
+        return 0;
+    }
 
     const PSR_INITPARAMS_T& layout = _remap_init_params;
     for (int cam = 0; cam < layout.camera_num; ++cam) {
@@ -239,11 +330,13 @@ int ZQGL_Remap::glesRemapOverlapNew()
             const BlockViewport view{0, blocks.dst_width[bn], const_blend_height};
             AVS_LOGD("dst_x=%d,dst_w=%d,dst_h=%d,mesh_w=%d,mesh_h=%d\n", view.x, view.w, view.h, vertex->meshWidth,
                      vertex->meshHeight);
-            if (bindPassFramebuffer(reports.pass, overlapFramebuffer[cam][bn].fbo_id) != 0) return -1;
-            if (drawBlock(*this, reports, gProgramRGB, view, cam, [&] {
-                    return renderFrameNew(gProgramRGB, vertex->meshWidth, vertex->meshHeight, vertex->mVboId,
-                                          tex->mVboId);
-                }) != 0)
+            const GLuint fbo = overlapFramebuffer[cam][bn].fbo_id;
+            if (bindPassFramebuffer(reports.pass, fbo) != 0) return -1;
+            if (drawBlock(*this, reports, gProgramRGB, view, cam, fbo,
+                          stripVertexCount(vertex->meshWidth, vertex->meshHeight), [&] {
+                              return renderFrameNew(gProgramRGB, vertex->meshWidth, vertex->meshHeight,
+                                                    vertex->mVboId, tex->mVboId);
+                          }) != 0)
                 return -1;
         }
     }
@@ -277,7 +370,8 @@ int ZQGL_Remap::glesRemapNonoverlapVBO()
                 const BlockViewport view{blocks.dst_startx[bn], blocks.dst_width[bn], layout.bld_height};
                 AVS_LOGD("avs-debug bld_h=%d dst_x=%d,dst_w=%d,mesh_w=%d,mesh_h=%d\n", view.h, view.x, view.w,
                          mesh_w, mesh_h);
-                if (drawBlock(*this, reports, program, onPlane(view, plane), cam, [&] {
+                if (drawBlock(*this, reports, program, onPlane(view, plane), cam, plane.fbo,
+                              stripVertexCount(mesh_w, mesh_h), [&] {
                         return renderFrameVBO(program, mesh_w, mesh_h, floats, nonoverlapVertexesVBO,
                                               nonoverlapTexVertexesVBO);
                     }) != 0)
@@ -308,8 +402,9 @@ int ZQGL_Remap::glesRemapOverlapVBO()
             const BlockViewport view{0, blocks.dst_width[bn], const_blend_height};
             AVS_LOGD("avs-debug bld_h=%d dst_x=%d,dst_w=%d,mesh_w=%d,mesh_h=%d\n", view.h, view.x, view.w, mesh_w,
                      mesh_h);
-            if (bindPassFramebuffer(reports.pass, overlapFramebuffer[cam][bn].fbo_id) != 0) return -1;
-            if (drawBlock(*this, reports, gProgramRGB, view, cam, [&] {
+            const GLuint fbo = overlapFramebuffer[cam][bn].fbo_id;
+            if (bindPassFramebuffer(reports.pass, fbo) != 0) return -1;
+            if (drawBlock(*this, reports, gProgramRGB, view, cam, fbo, stripVertexCount(mesh_w, mesh_h), [&] {
                     return renderFrameVBO(gProgramRGB, mesh_w, mesh_h, floats, overlapVertexesVBO,
                                           overlapTexVertexesVBO);
                 }) != 0)

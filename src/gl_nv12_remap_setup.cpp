@@ -138,6 +138,7 @@ void deleteOverlapFramebuffers(const PSR_INITPARAMS_T& layout, std::vector<std::
         const size_t made = std::min(static_cast<size_t>(std::max(layout.overlap_block[cam].overlap_num, 0)),
                                      blocks.size());
         for (size_t bn = 0; bn < made; ++bn) {
+            if (blocks[bn].fbo_id == 0) continue;  // the plane paths make none
             AVS_LOGD("fbo_temp=%d,texture_temp=%d\n", blocks[bn].fbo_id, blocks[bn].texture_id);
             glDeleteFramebuffers(1, &blocks[bn].fbo_id);
             glDeleteTextures(1, &blocks[bn].texture_id);
@@ -228,6 +229,14 @@ int ZQGL_Remap::glesRemapInit(PSR_INITPARAMS_S* params, multibandResource* resou
         resource->overlap_remap_fbo[cam].resize(count);
         resource->overlap_num[cam] = count;
         for (int bn = 0; bn < count; ++bn) {
+            if (meshQuads.ready()) {
+                // The plane paths draw the blended sides straight into the blend's atlas: no
+                // framebuffer of its own, only the size the atlas gives it.
+                overlapFramebuffer[cam][bn] = drmSharedFramebuffer{0, 0, nullptr, 0, 0, blocks.dst_width[bn],
+                                                                   params->bld_height};
+                resource->overlap_remap_fbo[cam][bn] = overlapFramebuffer[cam][bn];
+                continue;
+            }
             // Each overlap block fills a framebuffer as wide as the block and as high as the blend.
             GLuint texture = 0;
             const GLuint fbo =

@@ -202,6 +202,10 @@ int ZQGL_Remap::creatVbo(int index, float* meshx, float* meshy, int addr_offset,
 
     vertexVboCache.emplace_back(index, step_x, step_y, mesh_w, mesh_h, vertexes, vertexesVBO);
     texVertexVboCache.emplace_back(index, step_x, step_y, mesh_w, mesh_h, texVertexes, texVertexesVBO);
+    if (meshQuads.ready() && !meshQuads.storeMesh(index, meshx, meshy, mesh_w, mesh_h, src_width, src_height)) {
+        AVS_LOGE("no mesh texture for index=%d (%dx%d)", index, mesh_w, mesh_h);
+        return -1;
+    }
     return 0;
 }
 

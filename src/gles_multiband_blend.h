@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "common_resource.h"
+#include "frame_counters.h"
+#include "seam_atlas.h"
 #include "zqgfx_gpu_avs.h"
 
 namespace zqgfx_gpu_avs {
@@ -44,6 +46,10 @@ struct multibandResource {
 
     // Driver capabilities and the path chosen, written by ZQ_EGL_Init; read by both engines.
     AvsGpuCaps caps;
+    // Plane paths: the blend engine's seam atlas, which the remap draws the seams' sides into.
+    SeamAtlas* seamAtlas = nullptr;
+    // The work of the frame in flight (or the last one), for the profiling hook.
+    FrameCounters counters;
 };
 
 // Level l of a pyramid whose level 0 is `size` wide or high: size / 2^l, truncated.
@@ -86,6 +92,10 @@ public:
     int glesMultibandBlend(GLuint out_fbo, int* do_blend_array);
     // The same into `out`'s planes: the finest level is drawn once per plane.
     int glesMultibandBlend(const OutputPlanes& out, int* do_blend_array);
+    // Plane paths, for a frame whose finest level shares the output's passes with the remap:
+    // the collapse down to level 1, then level 0 of every seam into one bound output plane.
+    int collapseSeams();
+    int blendSeamsIntoPlane(const OutputPlane& plane);
     int updateMultibandBlend(multibandResource* init_resource, int* do_blend_array);
     int updateMultibandAlpha(int* do_blend_array);
     int deinitMultibandBlend(int* do_blend_array);
@@ -178,6 +188,7 @@ private:
     bool fillSeamBaseLevels(int camera);
     int bindBlendTarget(int camera, int level, const OutputPlane& out);
     int useLowestLevelInputs(int camera, int level);
+    void countBlendDraw(int camera, int level, const OutputPlane& out);
     // `plane`: the output plane a level-0 draw writes (1 chroma; anything else the whole image or luma).
     int useBlendLevelInputs(int camera, int level, int plane);
     int createColourLevel(drmSharedFramebuffer& level, int index, int w, int h);
@@ -200,6 +211,11 @@ private:
     bool portablePath() const;
     bool alphaLevelShared(int levelWidth) const;
     std::vector<std::vector<uint8_t>> alphaFileBytes;
+    // Plane paths: all seams' pyramids and alpha levels, one target per level.
+    SeamAtlas seamAtlas;
+    std::vector<SeamAtlas::Window> seamWindows;  // per camera, refreshed every frame
+    int createSeamAtlas(int* do_blend_array);
+    FrameCounters& frameCounters();
 
     friend struct BlendEngineTestAccess;  // tests inspect the pyramids
 };

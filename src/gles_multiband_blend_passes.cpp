@@ -51,9 +51,23 @@ bool zqglMultibandBlend::fillSeamBaseLevels(int camera)
     return true;
 }
 
+FrameCounters& zqglMultibandBlend::frameCounters()
+{
+    thread_local FrameCounters unshared;  // an engine used without a record counts here
+    return _multiResource != nullptr ? _multiResource->counters : unshared;
+}
+
 int zqglMultibandBlend::glesMultibandDrawGauss(int* do_blend_array)
 {
     AvsTimer timer;
+    if (portablePath()) {  // every seam's pyramids at once, one pass a level
+        if (seamAtlas.reduce(frameCounters()) < 0) {
+            AVS_LOGE("seam atlas pyramids failed!");
+            return -1;
+        }
+        AVS_LOG_TIME(timer);
+        return 0;
+    }
     for (int i = 0; i < cameraNum; ++i) {
         if (do_blend_array[i] <= 0) continue;
         if (!fillSeamBaseLevels(i)) return -1;
@@ -99,6 +113,8 @@ int zqglMultibandBlend::draw_gauss_multi_texture(int multiNum, drmSharedFramebuf
         glUniform1i(static_cast<GLint>(gvTextureSamplerHandle), 0);
         glDrawArrays(GL_TRIANGLES, 0, kQuadVertexCount);
         if (!checkGlError("glDrawArrays")) return -1;
+        frameCounters().draw(gaussFboAttr[l].fbo_id, GL_TRIANGLES, kQuadVertexCount,
+                             static_cast<int64_t>(pyramidLevelSize(multiW, l)) * pyramidLevelSize(multiH, l));
     }
     AVS_LOG_TIME(timer);
     return 0;
@@ -127,6 +143,19 @@ int zqglMultibandBlend::bindBlendTarget(int camera, int level, const OutputPlane
     glClearColor(0.0f, 0.0f, 1.0f, 1.0f);
     glClear(GL_COLOR_BUFFER_BIT);
     return 0;
+}
+
+void zqglMultibandBlend::countBlendDraw(int camera, int level, const OutputPlane& out)
+{
+    const multibandResource& r = *_multiResource;
+    if (level == 0) {
+        const PlaneRect rect = onPlane(out, r.resize_startx[camera], 0, r.resize_width[camera], r.resize_height[camera]);
+        frameCounters().draw(out.fbo, GL_TRIANGLES, kQuadVertexCount, static_cast<int64_t>(rect.w) * rect.h);
+        return;
+    }
+    frameCounters().draw(outFboAttr[camera][level].fbo_id, GL_TRIANGLES, kQuadVertexCount,
+                         static_cast<int64_t>(pyramidLevelSize(r.output_width[camera], level)) *
+                             pyramidLevelSize(r.bld_height, level));
 }
 
 int zqglMultibandBlend::useLowestLevelInputs(int camera, int level)
@@ -174,9 +203,35 @@ int zqglMultibandBlend::glesMultibandBlend(GLuint out_fbo, int* do_blend_array)
     return glesMultibandBlend(wholeYuvOutput(out_fbo), do_blend_array);
 }
 
+int zqglMultibandBlend::collapseSeams()
+{
+    if (seamAtlas.collapse(frameCounters()) == 0) return 0;
+    AVS_LOGE("seam atlas collapse failed!");
+    return -1;
+}
+
+int zqglMultibandBlend::blendSeamsIntoPlane(const OutputPlane& plane)
+{
+    for (size_t i = 0; i < seamWindows.size(); ++i)
+        seamWindows[i] = {_multiResource->resize_startx[i], _multiResource->resize_width[i],
+                          _multiResource->resize_height[i]};
+    if (seamAtlas.blendIntoPlane(plane, seamWindows, frameCounters()) == 0) return 0;
+    AVS_LOGE("seam atlas blend into plane %d failed!", plane.plane);
+    return -1;
+}
+
 int zqglMultibandBlend::glesMultibandBlend(const OutputPlanes& out, int* do_blend_array)
 {
     AvsTimer timer;
+    if (portablePath()) {
+        if (collapseSeams() < 0) return -1;
+        for (int p = 0; p < out.count; ++p) {
+            glBindFramebuffer(GL_FRAMEBUFFER, out.planes[p].fbo);
+            if (!checkGlError("glBindFramebuffer") || blendSeamsIntoPlane(out.planes[p]) < 0) return -1;
+        }
+        AVS_LOG_TIME(timer);
+        return 0;
+    }
     for (int i = 0; i < cameraNum; ++i) {
         if (do_blend_array[i] <= 0) continue;
         if (gaussFboAttrA[i] == nullptr || gaussFboAttrB[i] == nullptr || outFboAttr[i] == nullptr ||
@@ -195,6 +250,7 @@ int zqglMultibandBlend::glesMultibandBlend(const OutputPlanes& out, int* do_blen
                 if (!bindQuadAttributes(true)) return -1;
                 glDrawArrays(GL_TRIANGLES, 0, kQuadVertexCount);
                 if (!checkGlError("glDrawArrays")) return -1;
+                countBlendDraw(i, l, out.planes[p]);
             }
         }
     }

@@ -175,12 +175,16 @@ int zqglMultibandBlend::init_multibandBlend_resource(multibandResource* init_res
         alphaBufferFdArray[i].mem_fd = 0;
     }
 
-    if (create_multi_fbo_and_texture(cameraNum, gaussFboAttrA, init_resource->output_width, bld_height,
-                                     do_blend_array) < 0 ||
-        create_multi_fbo_and_texture(cameraNum, gaussFboAttrB, init_resource->output_width, bld_height,
-                                     do_blend_array) < 0 ||
-        create_multi_fbo_and_texture(cameraNum, outFboAttr, init_resource->output_width, bld_height,
-                                     do_blend_array) < 0 ||
+    // The plane paths keep every seam's pyramids in one atlas a level instead of targets per seam.
+    const bool perSeamPyramids = !portablePath();
+    if ((perSeamPyramids &&
+         (create_multi_fbo_and_texture(cameraNum, gaussFboAttrA, init_resource->output_width, bld_height,
+                                       do_blend_array) < 0 ||
+          create_multi_fbo_and_texture(cameraNum, gaussFboAttrB, init_resource->output_width, bld_height,
+                                       do_blend_array) < 0 ||
+          create_multi_fbo_and_texture(cameraNum, outFboAttr, init_resource->output_width, bld_height,
+                                       do_blend_array) < 0)) ||
+        (!perSeamPyramids && createSeamAtlas(do_blend_array) < 0) ||
         create_muti_alpha_texture_test(cameraNum, alphaAttr, init_resource->output_width,
                                        init_resource->output_height, init_resource->meshAlphaDrmBufMsgArray,
                                        do_blend_array) < 0)
@@ -190,6 +194,39 @@ int zqglMultibandBlend::init_multibandBlend_resource(multibandResource* init_res
 }
 
 // ---- colour pyramids -------------------------------------------------------------------------
+
+// One shape per blended seam: level 0 of each side is its remapped overlap block, the levels
+// below follow the seam's window and the blend height, as the alpha levels do.
+int zqglMultibandBlend::createSeamAtlas(int* do_blend_array)
+{
+    const multibandResource& r = *_multiResource;
+    std::vector<SeamShape> shapes;
+    for (int i = 0; i < cameraNum; ++i) {
+        if (do_blend_array[i] <= 0) continue;
+        const int next = seamNextCamera(i, cameraNum);
+        if (r.overlap_remap_fbo[i].empty() || r.overlap_remap_fbo[next].empty()) {
+            AVS_LOGE("camera %d or %d has no overlap block to blend!", i, next);
+            return -1;
+        }
+        const drmSharedFramebuffer& a = r.overlap_remap_fbo[i].back();
+        const drmSharedFramebuffer& b = r.overlap_remap_fbo[next].front();
+        shapes.push_back(SeamShape{i, r.multi_band_num[i], {a.width, b.width}, {a.height, b.height},
+                                   r.output_width[i], bld_height});
+    }
+    GLint limit = 0;
+    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &limit);
+    if (limit <= 0 || limit > zqavs_calib_core::kMaxTextureSize) limit = zqavs_calib_core::kMaxTextureSize;
+    SeamAtlasLayout layout;
+    std::string why;
+    if (!layout.plan(shapes, limit, &why)) {
+        AVS_LOGE("seam atlas refused: %s", why.c_str());
+        return -1;
+    }
+    if (!seamAtlas.create(layout, !isU8Alpha(r.avsAlphaType))) return -1;
+    seamWindows.assign(static_cast<size_t>(cameraNum), SeamAtlas::Window{});
+    _multiResource->seamAtlas = &seamAtlas;
+    return 0;
+}
 
 int zqglMultibandBlend::create_multi_fbo_and_texture(int camera_num, std::vector<drmSharedFramebuffer*>& gaussFboArray,
                                                      std::vector<int32_t>& mutiW, int mutiH, int* do_blend_array)
@@ -451,6 +488,7 @@ int zqglMultibandBlend::createAlphaLevel(int camera, int level, int mapWidth, in
         }
         uploaded = uploadAlphaTexture(GL_R32F, GL_FLOAT, w, h, pixels, &element.texture_id);
     }
+    if (uploaded && portablePath()) uploaded = seamAtlas.uploadAlpha(seamAtlas.seamOfCamera(camera), level, w, h, pixels);
     if (!uploaded) {
         AVS_LOGE("glTexImage2D error! fboW=%d fboH=%d alphaBufAddress=%p alphaBufOffset=%d buf_offset=%d", w, h,
                  static_cast<void*>(source.data), source.elementOffset, bufOffset);
@@ -526,7 +564,9 @@ int zqglMultibandBlend::updateMultibandAlpha(int* do_blend_array)
             glDeleteTextures(1, &element.texture_id);
             const uint8_t* pixels = alphaUploadBytes(i, l, static_cast<const uint8_t*>(element.vir_addr));
             if (!uploadAlphaTexture(GL_R8, GL_UNSIGNED_BYTE, element.width, element.height, pixels,
-                                    &element.texture_id)) {
+                                    &element.texture_id) ||
+                (portablePath() &&
+                 !seamAtlas.uploadAlpha(seamAtlas.seamOfCamera(i), l, element.width, element.height, pixels))) {
                 AVS_LOGE("glTexImage2D error! tex_w=%d tex_h=%d vir_addr=%p", element.width, element.height,
                          element.vir_addr);
                 return -1;
@@ -575,6 +615,8 @@ void zqglMultibandBlend::delete_multibandBlend_resource(int* do_blend_array)
         if (static_cast<size_t>(i) < alphaFileBytes.size()) std::vector<uint8_t>().swap(alphaFileBytes[i]);
     }
     paddedAlphaLevels.clear();
+    seamAtlas.release();
+    if (_multiResource->seamAtlas == &seamAtlas) _multiResource->seamAtlas = nullptr;
 }
 
 }  // namespace zqgfx_gpu_avs

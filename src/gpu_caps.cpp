@@ -154,6 +154,8 @@ AvsGpuCaps detectGpuCaps(EGLDisplay dpy)
     caps.has_EGL_MESA_platform_surfaceless = hasExtension(client, "EGL_MESA_platform_surfaceless");
     caps.has_GL_OES_EGL_image_external = hasExtension(gl, "GL_OES_EGL_image_external");
     caps.has_GL_EXT_YUV_target = hasExtension(gl, "GL_EXT_YUV_target");
+    caps.has_GL_EXT_disjoint_timer_query = hasExtension(gl, "GL_EXT_disjoint_timer_query");
+    caps.has_GL_OES_texture_float_linear = hasExtension(gl, "GL_OES_texture_float_linear");
     // Only where the target path is out of reach: its drivers need no probe.
     if (caps.has_EGL_EXT_image_dma_buf_import && !caps.has_GL_EXT_YUV_target)
         caps.imports_plane_images = probePlaneImport(dpy);

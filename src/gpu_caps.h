@@ -27,6 +27,8 @@ struct AvsGpuCaps {
     bool has_EGL_MESA_platform_surfaceless;
     bool has_GL_OES_EGL_image_external;
     bool has_GL_EXT_YUV_target;
+    bool has_GL_EXT_disjoint_timer_query;
+    bool has_GL_OES_texture_float_linear;
     bool imports_plane_images;
     GpuPath path;
     const char* reason;  // why `path` was chosen, a static text

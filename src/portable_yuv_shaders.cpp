@@ -105,6 +105,158 @@ const char* const gPortableRemapFragmentShaderRGBtoYUV =
 const char* const gPortableFragmentShader_blendYUV = AVS_GLSL_BLEND_INTO_PLANE(AVS_GLSL_LUMA_WRITE);
 const char* const gPortableFragmentShader_blendChroma = AVS_GLSL_BLEND_INTO_PLANE(AVS_GLSL_CHROMA_WRITE);
 
+// ---- one quad per block: the mesh is a texture, interpolated per pixel --------------------
+
+// Two floats of quad corner, two of the block's own coordinates (0..1 across, 0..1 up).
+const char* const gMeshQuadVertexShader =
+    "#version 310 es \n"
+    "layout(location = 0) in vec2 aPosition;\n"
+    "layout(location = 1) in vec2 aLocal;\n"
+    "out vec2 vLocal;\n"
+    "void main()\n"
+    "{\n"
+    "    vLocal = aLocal;\n"
+    "    gl_Position = vec4(aPosition, 0.0, 1.0);\n"
+    "}\n";
+
+// The block's mesh holds one normalised source position per node, nodes spread evenly over the
+// block; between them the position is bilinear in the four nodes around the pixel.
+#define AVS_GLSL_MESH_SOURCE                                                               \
+    "layout(binding = 2) uniform highp sampler2D meshCoords;\n"                          \
+    "in vec2 vLocal;\n"                                                                   \
+    "vec2 sourceCoords()\n"                                                               \
+    "{\n"                                                                                 \
+    "    ivec2 nodes = textureSize(meshCoords, 0);\n"                                     \
+    "    vec2 m = vLocal * vec2(nodes - 1);\n"                                            \
+    "    ivec2 i = clamp(ivec2(floor(m)), ivec2(0), max(nodes - 2, ivec2(0)));\n"         \
+    "    vec2 f = m - vec2(i);\n"                                                         \
+    "    ivec2 j = min(i + 1, nodes - 1);\n"                                              \
+    "    vec2 top = mix(texelFetch(meshCoords, i, 0).xy, texelFetch(meshCoords, ivec2(j.x, i.y), 0).xy, f.x);\n" \
+    "    vec2 bottom = mix(texelFetch(meshCoords, ivec2(i.x, j.y), 0).xy, texelFetch(meshCoords, j, 0).xy, f.x);\n" \
+    "    return mix(top, bottom, f.y);\n"                                                 \
+    "}\n"
+
+// Where the driver filters float textures, the same bilinear interpolation is one filtered fetch.
+#define AVS_GLSL_MESH_SOURCE_FILTERED                                                      \
+    "layout(binding = 2) uniform highp sampler2D meshCoords;\n"                          \
+    "in vec2 vLocal;\n"                                                                   \
+    "vec2 sourceCoords()\n"                                                               \
+    "{\n"                                                                                 \
+    "    vec2 nodes = vec2(textureSize(meshCoords, 0));\n"                                \
+    "    return texture(meshCoords, (vLocal * (nodes - 1.0) + 0.5) / nodes).xy;\n"        \
+    "}\n"
+
+#define AVS_GLSL_MESH_PROGRAMS(SOURCE)                                                        \
+    {"#version 310 es \n"                                                                   \
+     "precision highp float;\n"                                                             \
+     "uniform sampler2D outTexture;\n"                                                      \
+     AVS_GLSL_LUMA_OUTPUT                                                                   \
+     SOURCE                                                                                 \
+     "void main()\n"                                                                        \
+     "{\n"                                                                                  \
+     "    writePlane(vec3(texture(outTexture, sourceCoords()).r, 0.0, 0.0));\n"             \
+     "}\n",                                                                                 \
+     "#version 310 es \n"                                                                   \
+     "precision highp float;\n"                                                             \
+     "layout(binding = 1) uniform sampler2D outTextureUV;\n"                                \
+     AVS_GLSL_CHROMA_OUTPUT                                                                 \
+     SOURCE                                                                                 \
+     "void main()\n"                                                                        \
+     "{\n"                                                                                  \
+     "    writePlane(vec3(0.0, texture(outTextureUV, sourceCoords()).rg));\n"               \
+     "}\n",                                                                                 \
+     "#version 310 es \n"                                                                   \
+     "precision highp float;\n"                                                             \
+     AVS_GLSL_BT601_FULL_RANGE                                                              \
+     AVS_GLSL_CAMERA_SAMPLERS                                                               \
+     SOURCE                                                                                 \
+     "out vec4 FragColor;\n"                                                                \
+     "void main()\n"                                                                        \
+     "{\n"                                                                                  \
+     "    FragColor = vec4(yuvToRgb601Full(cameraYuv(sourceCoords())), 1.0);\n"            \
+     "}\n"}
+
+const char* const gMeshFragmentShaders[2][3] = {AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_MESH_SOURCE),
+                                                AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
+
+// ---- the seam atlas: every seam of a level in one draw --------------------------------------
+
+// Each quad carries the rectangles it reads, in texels of their textures, in the order
+// A(l), B(l), A(l+1), B(l+1), result(l+1), alpha(l).
+const char* const gSeamAtlasVertexShader =
+    "#version 310 es \n"
+    "layout(location = 0) in vec2 aPosition;\n"
+    "layout(location = 1) in vec2 aLocal;\n"
+    "layout(location = 2) in vec4 aRect0;\n"
+    "layout(location = 3) in vec4 aRect1;\n"
+    "layout(location = 4) in vec4 aRect2;\n"
+    "layout(location = 5) in vec4 aRect3;\n"
+    "layout(location = 6) in vec4 aRect4;\n"
+    "layout(location = 7) in vec4 aRect5;\n"
+    "out vec2 vLocal;\n"
+    "flat out vec4 vRect[6];\n"
+    "void main()\n"
+    "{\n"
+    "    vLocal = aLocal;\n"
+    "    vRect[0] = aRect0; vRect[1] = aRect1; vRect[2] = aRect2;\n"
+    "    vRect[3] = aRect3; vRect[4] = aRect4; vRect[5] = aRect5;\n"
+    "    gl_Position = vec4(aPosition, 0.0, 1.0);\n"
+    "}\n";
+
+// A rectangle read as an edge-clamped texture of its own size would be; alpha nearest.
+#define AVS_GLSL_ATLAS_READS                                                                  \
+    "in vec2 vLocal;\n"                                                                      \
+    "flat in vec4 vRect[6];\n"                                                               \
+    "layout(binding = 0) uniform sampler2D levelN0;\n"                                       \
+    "layout(binding = 1) uniform sampler2D levelN1;\n"                                       \
+    "layout(binding = 2) uniform sampler2D resultN1;\n"                                      \
+    "layout(binding = 3) uniform highp sampler2D alphaN0;\n"                                 \
+    "vec4 inRect(sampler2D s, vec4 r)\n"                                                     \
+    "{\n"                                                                                    \
+    "    vec2 p = clamp(r.xy + vLocal * r.zw, r.xy + 0.5, r.xy + r.zw - 0.5);\n"             \
+    "    return texture(s, p / vec2(textureSize(s, 0)));\n"                                  \
+    "}\n"                                                                                    \
+    "float alphaAt(vec4 r)\n"                                                                \
+    "{\n"                                                                                    \
+    "    ivec2 p = ivec2(r.xy) + min(ivec2(vLocal * r.zw), ivec2(r.zw) - 1);\n"              \
+    "    return texelFetch(alphaN0, p, 0).r;\n"                                              \
+    "}\n"                                                                                    \
+    "vec4 lowestLevel()\n"                                                                   \
+    "{\n"                                                                                    \
+    "    float alpha = alphaAt(vRect[5]);\n"                                                 \
+    "    return inRect(levelN0, vRect[0]) * alpha + inRect(levelN0, vRect[1]) * (1.0 - alpha);\n" \
+    "}\n"                                                                                    \
+    "vec4 collapsedLevel()\n"                                                                \
+    "{\n"                                                                                    \
+    "    float alpha = alphaAt(vRect[5]);\n"                                                 \
+    "    vec4 laplacA = (inRect(levelN0, vRect[0]) - inRect(levelN1, vRect[2])) * alpha;\n"  \
+    "    vec4 laplacB = (inRect(levelN0, vRect[1]) - inRect(levelN1, vRect[3])) * (1.0 - alpha);\n" \
+    "    return inRect(resultN1, vRect[4]) + laplacA + laplacB;\n"                           \
+    "}\n"
+
+#define AVS_GLSL_ATLAS_PROGRAM(OUTPUT, BODY) \
+    "#version 310 es \n"                     \
+    "precision highp float;\n"               \
+    AVS_GLSL_BT601_FULL_RANGE                \
+    AVS_GLSL_ATLAS_READS                     \
+    OUTPUT                                   \
+    "void main()\n"                          \
+    "{\n"                                    \
+    BODY                                     \
+    "}\n"
+
+#define AVS_GLSL_RGB_OUTPUT "out vec4 FragColor;\n"
+
+const char* const gSeamAtlasFragmentShaders[7] = {
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_RGB_OUTPUT, "    FragColor = inRect(levelN0, vRect[0]);\n"),
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_RGB_OUTPUT, "    FragColor = lowestLevel();\n"),
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_RGB_OUTPUT, "    FragColor = collapsedLevel();\n"),
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_LUMA_OUTPUT, "    writePlane(rgbToYuv601Full(collapsedLevel().xyz));\n"),
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, "    writePlane(rgbToYuv601Full(collapsedLevel().xyz));\n"),
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_LUMA_OUTPUT, "    writePlane(rgbToYuv601Full(lowestLevel().xyz));\n"),
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, "    writePlane(rgbToYuv601Full(lowestLevel().xyz));\n"),
+};
+
 RemapShaderTexts remapShaderTexts(bool portable)
 {
     if (portable)

@@ -96,22 +96,92 @@ void deinit_coords_and_params()
     AVS_LOG_TIME(timer);
 }
 
-// Drains the GPU after a stage and books its time when a frame is profiled; idle otherwise.
+// Books each stage's time when a frame is profiled; idle otherwise. With GPU timer queries a
+// stage is the GPU time of its commands; without, the wall clock with the GPU drained after it.
 class StageClock {
 public:
-    explicit StageClock(AvsStageTimes* times) : times_(times) {}
+    StageClock(AvsStageTimes* times, bool gpuTimers) : times_(times), gpu_(times != nullptr && gpuTimers)
+    {
+        if (!gpu_) return;
+        glGenQueries(kStages, queries_);
+        glBeginQuery(GL_TIME_ELAPSED_EXT, queries_[0]);
+    }
+    ~StageClock()
+    {
+        if (!gpu_) return;
+        if (laps_ < kStages) glEndQuery(GL_TIME_ELAPSED_EXT);  // a failed frame stops early
+        glDeleteQueries(kStages, queries_);
+    }
+    StageClock(const StageClock&) = delete;
+    StageClock& operator=(const StageClock&) = delete;
+
     void lap(double AvsStageTimes::*stage)
     {
-        if (times_ == nullptr) return;
+        if (times_ == nullptr || laps_ >= kStages) return;
+        if (gpu_) {
+            glEndQuery(GL_TIME_ELAPSED_EXT);
+            stages_[laps_++] = stage;
+            if (laps_ < kStages) glBeginQuery(GL_TIME_ELAPSED_EXT, queries_[laps_]);
+            return;
+        }
         glFinish();
         times_->*stage = timer_.elapsedMs();
         timer_ = AvsTimer();
+        ++laps_;
+    }
+    // Reads the GPU times back (waiting for them) once every stage has been booked.
+    void collect()
+    {
+        if (!gpu_) return;
+        for (int i = 0; i < laps_; ++i) {
+            GLuint ns = 0;
+            glGetQueryObjectuiv(queries_[i], GL_QUERY_RESULT, &ns);
+            times_->*stages_[i] = ns / 1e6;
+        }
+        GLint disjoint = 0;
+        glGetIntegerv(GL_GPU_DISJOINT_EXT, &disjoint);
+        times_->gpu_timers = disjoint == 0;  // a disjoint operation makes the times meaningless
     }
 
 private:
+    static constexpr int kStages = 5;
     AvsStageTimes* times_;
+    bool gpu_;
+    int laps_ = 0;
+    GLuint queries_[kStages] = {};
+    double AvsStageTimes::*stages_[kStages] = {};
     AvsTimer timer_;
 };
+
+int blendIntoPlane(void* blend, const zqgfx_gpu_avs::OutputPlane& plane)
+{
+    return static_cast<zqglMultibandBlend*>(blend)->blendSeamsIntoPlane(plane);
+}
+
+// The plane paths' frame: the seams' sides into the blend's atlas, their pyramids, and then one
+// pass per output plane for the non-overlap blocks and the seams' finest level together.
+int drawPlaneFrame(ZQGL_Remap* remap, zqglMultibandBlend* blend, int* doBlendArray, StageClock& clock)
+{
+    if (remap->glesRemapOverlapNew() < 0) return -1;
+    clock.lap(&AvsStageTimes::remap_ms);
+    if (blend->glesMultibandDrawGauss(doBlendArray) < 0) return -1;
+    clock.lap(&AvsStageTimes::pyramid_ms);
+    if (blend->collapseSeams() < 0 || remap->drawOutputPlanes(blendIntoPlane, blend) < 0) return -1;
+    clock.lap(&AvsStageTimes::blend_ms);
+    return 0;
+}
+
+// The target path's frame, in the interface's order of passes.
+int drawYuvFrame(ZQGL_Remap* remap, zqglMultibandBlend* blend, int* doBlendArray, StageClock& clock)
+{
+    if (remap->glesRemapNonoverlapNew() < 0 || remap->glesRemapOverlapNew() < 0) return -1;
+    clock.lap(&AvsStageTimes::remap_ms);
+    if (blend->glesMultibandDrawGauss(doBlendArray) < 0) return -1;
+    clock.lap(&AvsStageTimes::pyramid_ms);
+    if (blend->glesMultibandBlend(remap->outputPlanes(), doBlendArray) < 0) return -1;
+    clock.lap(&AvsStageTimes::blend_ms);
+    return 0;
+}
 
 // One frame's steps in order; the first failing step ends the frame. 0 or -1.
 int runFrameSteps(const ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times)
@@ -119,21 +189,27 @@ int runFrameSteps(const ZQGFX_AVS_CONTEXT_T* context, AvsStageTimes* times)
     AvsThreadInstance& state = t_instance;
     ZQGL_Remap* remap = state.zqRemapInstance;
     zqglMultibandBlend* blend = state.zqMultibandBlendInstance;
-    StageClock clock(times);
+    multibandResource& shared = *state.multiband_resource;
+    shared.counters.startFrame();
+    StageClock clock(times, shared.caps.has_GL_EXT_disjoint_timer_query);
     GLuint outFBO_id = 0;
     if (remap->create_texture_and_fbo(context->inputFdArray, context->inputIsAFBC, context->outputIsAFBC,
                                       &outFBO_id) < 0)
         return -1;
     clock.lap(&AvsStageTimes::import_ms);
-    if (remap->glesRemapNonoverlapNew() < 0 || remap->glesRemapOverlapNew() < 0) return -1;
-    clock.lap(&AvsStageTimes::remap_ms);
-    if (blend->glesMultibandDrawGauss(state.doBlendArray) < 0) return -1;
-    clock.lap(&AvsStageTimes::pyramid_ms);
-    if (blend->glesMultibandBlend(remap->outputPlanes(), state.doBlendArray) < 0) return -1;
-    clock.lap(&AvsStageTimes::blend_ms);
+    const int drawn = shared.caps.drawsPlanes() ? drawPlaneFrame(remap, blend, state.doBlendArray, clock)
+                                                : drawYuvFrame(remap, blend, state.doBlendArray, clock);
+    if (drawn < 0) return -1;
     // Plane paths: the frame reaches the caller's buffer (read-back or a wait); nothing on the target path.
     if (remap->finishOutputFrame() < 0) return -1;
     clock.lap(&AvsStageTimes::finish_ms);
+    clock.collect();
+    if (times != nullptr) {
+        times->render_passes = shared.counters.passes;
+        times->draw_calls = shared.counters.draws;
+        times->triangles = shared.counters.triangles;
+        times->fragments = shared.counters.fragments;
+    }
     return 0;
 }
 

@@ -78,6 +78,10 @@ void glGenFramebuffers(GLsizei n, GLuint* fbos) { genNames("glGenFramebuffers", 
 void glDeleteFramebuffers(GLsizei n, const GLuint* fbos) { deleteNames("glDeleteFramebuffers", "framebuffer", n, fbos); }
 void glGenBuffers(GLsizei n, GLuint* buffers) { genNames("glGenBuffers", "buffer", n, buffers, inj().zeroBufferName); }
 void glDeleteBuffers(GLsizei n, const GLuint* buffers) { deleteNames("glDeleteBuffers", "buffer", n, buffers); }
+void glGenVertexArrays(GLsizei n, GLuint* arrays) { genNames("glGenVertexArrays", "vertexarray", n, arrays); }
+void glDeleteVertexArrays(GLsizei n, const GLuint* arrays) { deleteNames("glDeleteVertexArrays", "vertexarray", n, arrays); }
+void glGenQueries(GLsizei n, GLuint* ids) { genNames("glGenQueries", "query", n, ids); }
+void glDeleteQueries(GLsizei n, const GLuint* ids) { deleteNames("glDeleteQueries", "query", n, ids); }
 
 GLuint glCreateShader(GLenum type) {
     record("glCreateShader", type);

@@ -27,13 +27,13 @@ struct BenchRow {
 // A rig of `cameras` cameras at the given source size; the panorama keeps 4/5 of each camera's
 // width and the seams are 1/5 of it, rounded to the mesh step (4 x 1280x720 gives 4096x720 with
 // seams of 256 columns).
-zqavs_synth::RigConfig benchRig(int cameras, int width, int height)
+zqavs_synth::RigConfig benchRig(int cameras, int width, int height, int step)
 {
     zqavs_synth::RigConfig rig;
     rig.cameras = cameras;
     rig.src_width = width;
     rig.src_height = height;
-    rig.step_x = rig.step_y = 16;
+    rig.step_x = rig.step_y = step;
     rig.bld_width = (cameras * width * 4 / 5) / 16 * 16;
     rig.bld_height = height / 16 * 16;
     rig.overlap_width = width / 5 / 16 * 16;
@@ -62,9 +62,9 @@ double opencvFrameMs(const zqavs_synth::Calibration& calib, const std::vector<zq
     return medianOf(times);
 }
 
-void runRow(BenchRow& row, int frames, bool opencv)
+void runRow(BenchRow& row, int frames, bool opencv, int step)
 {
-    zqavs_synth::RigConfig rig = benchRig(row.cameras, row.srcWidth, row.srcHeight);
+    zqavs_synth::RigConfig rig = benchRig(row.cameras, row.srcWidth, row.srcHeight, step);
     row.bldWidth = rig.bld_width;
     row.bldHeight = rig.bld_height;
     zqavs_synth::Calibration calib;
@@ -96,6 +96,11 @@ void runRow(BenchRow& row, int frames, bool opencv)
         blends.push_back(stages.blend_ms);
         finishes.push_back(stages.finish_ms);
         row.stages.gpu_timers = stages.gpu_timers;
+        // The work is the same every frame of a rig; the last frame's counts stand for all.
+        row.stages.render_passes = stages.render_passes;
+        row.stages.draw_calls = stages.draw_calls;
+        row.stages.triangles = stages.triangles;
+        row.stages.fragments = stages.fragments;
     }
     row.frameMs = medianOf(times);
     row.stages.import_ms = medianOf(imports);
@@ -117,10 +122,14 @@ void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result)
     cmd->add_option("--cameras", options.cameras, "camera counts")->delimiter(',')->check(CLI::Range(2, 10));
     cmd->add_option("--sizes", options.sizes, "camera image sizes WxH")->delimiter(',');
     cmd->add_option("--json", options.json, "also write the table as JSON into this file");
+    cmd->add_option("--step", options.step, "mesh node spacing of the rigs, in panorama pixels")
+        ->check(CLI::Range(4, 64))
+        ->capture_default_str();
     cmd->add_flag("--opencv", options.opencv,
                   "also time the OpenCV pipeline (cv::remap per camera, MultiBandBlender per seam) on each rig");
-    cmd->footer("Stages are finish-bracketed (the GPU is drained between stages), so their sum exceeds a "
-                "pipelined frame.\nExample: zqavs bench --cameras 4 --sizes 1280x720 --frames 20");
+    cmd->footer("Stages are timed with GPU timer queries where the driver has them, else finish-bracketed (the "
+                "GPU is drained between stages, so their sum exceeds a pipelined frame).\nExample: zqavs bench "
+                "--cameras 4 --sizes 1280x720 --frames 20 --opencv");
     cmd->callback([&options, &result] { result.code = runBench(options); });
 }
 
@@ -143,13 +152,14 @@ int runBench(const BenchOptions& options)
     }
     Progress progress("benchmarking rig");
     for (size_t i = 0; i < rows.size(); ++i) {
-        runRow(rows[i], options.frames, options.opencv);
+        runRow(rows[i], options.frames, options.opencv, options.step);
         progress.update(static_cast<int>(i + 1), static_cast<int>(rows.size()));
     }
     printf("%s, %d frames per rig, medians in ms\n", pathLine(rows.empty() ? nullptr : rows[0].path.c_str()).c_str(),
            options.frames);
     printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s", "cams", "source", "panorama", "frame", "fps", "import",
            "remap", "pyramid", "blend", "finish");
+    printf(" %6s %5s %9s %11s", "passes", "draws", "triangles", "fragments");
     printf(options.opencv ? " %8s %7s %7s\n" : "\n", "opencv", "ratio", "same dB");
     nlohmann::json json = nlohmann::json::array();
     bool failed = false;
@@ -165,6 +175,9 @@ int runBench(const BenchOptions& options)
         printf("%-4d %-10s %-11s %8.2f %7.1f %8.2f %8.2f %8.2f %8.2f %8.2f", row.cameras, source.c_str(),
                pano.c_str(), row.frameMs, fps, row.stages.import_ms, row.stages.remap_ms, row.stages.pyramid_ms,
                row.stages.blend_ms, row.stages.finish_ms);
+        printf(" %6lld %5lld %9lld %11lld", static_cast<long long>(row.stages.render_passes),
+               static_cast<long long>(row.stages.draw_calls), static_cast<long long>(row.stages.triangles),
+               static_cast<long long>(row.stages.fragments));
         if (options.opencv)
             printf(" %8.2f %7.2f %7.1f", row.opencvMs, row.frameMs / row.opencvMs, row.opencvAgreementDb);
         printf("\n");
@@ -178,7 +191,12 @@ int runBench(const BenchOptions& options)
                                 {"pyramid_ms", row.stages.pyramid_ms},
                                 {"blend_ms", row.stages.blend_ms},
                                 {"finish_ms", row.stages.finish_ms},
-                                {"gpu_timers", row.stages.gpu_timers}};
+                                {"gpu_timers", row.stages.gpu_timers},
+                                {"render_passes", row.stages.render_passes},
+                                {"draw_calls", row.stages.draw_calls},
+                                {"triangles", row.stages.triangles},
+                                {"fragments", row.stages.fragments},
+                                {"mesh_step", options.step}};
         if (options.opencv) {
             entry["opencv_ms"] = row.opencvMs;
             entry["ratio"] = row.frameMs / row.opencvMs;
@@ -189,8 +207,8 @@ int runBench(const BenchOptions& options)
     if (options.opencv)
         printf("ratio: the library's frame over the OpenCV pipeline's, both medians of this run; same dB: PSNR of "
                "the two panoramas' luma\n");
-    printf("stage times: %s\n", rows.empty() || !rows[0].stages.gpu_timers ? "finish-bracketed wall clock"
-                                                                           : "GPU timer queries");
+    printf("stage times: %s; passes, draws, triangles and fragments (pixels drawn) of one frame\n",
+           rows.empty() || !rows[0].stages.gpu_timers ? "finish-bracketed wall clock" : "GPU timer queries");
     if (!options.json.empty()) {
         std::ofstream out(options.json);
         out << json.dump(2) << "\n";

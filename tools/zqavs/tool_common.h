@@ -86,6 +86,7 @@ struct BenchOptions {
     std::vector<std::string> sizes{"1280x720", "1920x1080"};
     std::string json;
     bool opencv = false;
+    int step = 16;  // mesh node spacing of the bench rigs, in panorama pixels
 };
 
 void addCheckCommand(CLI::App& app, CheckOptions& options, ToolResult& result);

@@ -1,0 +1,49 @@
+// The plane paths' remap: one quad per block, its mesh held in a texture and interpolated per
+// pixel, bilinear in the four nodes around it. A rasteriser then pays per pixel, not per mesh
+// triangle, and a denser mesh costs texture memory only.
+#ifndef ZQGFX_AVS_REMAP_MESH_QUADS_H
+#define ZQGFX_AVS_REMAP_MESH_QUADS_H
+
+#include <map>
+
+#include "common_resource.h"
+#include "frame_counters.h"
+#include "gl_owners.h"
+
+namespace zqgfx_gpu_avs {
+
+class MeshQuadRemap {
+public:
+    enum Program { lumaProgram, chromaProgram, rgbProgram, programCount };
+
+    // Programs and the quad; false (nothing kept) when they cannot be made. `filtered`: the driver
+    // filters float textures (GL_OES_texture_float_linear), so one fetch interpolates the mesh.
+    bool create(bool filtered);
+    void release();
+    bool ready() const { return static_cast<bool>(quad_); }
+
+    // The mesh of block `index` (mesh_w x mesh_h nodes of source pixels) as normalised source
+    // positions, replacing any earlier one. False when the texture cannot be made.
+    bool storeMesh(int index, const float* meshx, const float* meshy, int mesh_w, int mesh_h, int src_w, int src_h);
+    bool hasMesh(int index) const { return meshes_.count(index) != 0; }
+
+    // Draws block `index` with `program` into the viewport (x, y, w, h) of the bound `framebuffer`;
+    // the camera's textures are bound by the caller. A mesh of fewer than 2 x 2 nodes covers
+    // nothing and draws nothing. False on a GL error.
+    bool draw(Program program, int index, GLuint framebuffer, int x, int y, int w, int h, FrameCounters& counters);
+
+private:
+    struct Mesh {
+        GlTexture texture;
+        int width = 0, height = 0;
+    };
+    GlProgram programs_[programCount];
+    GlBuffer vertices_;
+    GlVertexArray quad_;
+    std::map<int, Mesh> meshes_;
+    bool filtered_ = false;
+};
+
+}  // namespace zqgfx_gpu_avs
+
+#endif  // ZQGFX_AVS_REMAP_MESH_QUADS_H
