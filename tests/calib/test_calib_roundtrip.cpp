@@ -8,6 +8,7 @@
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
@@ -342,6 +343,12 @@ TEST_P(SeamPaths, AnObjectOneCameraSeesIsWholeOrAbsent)
     const RigCalibration calib = withSeams(rig, object, param.finder, &choices);
     printf("[ seams ] %s, camera %d alone sees a disc:\n%s", param.name, window.left_camera,
            seamReport(choices, param.finder).c_str());
+    // Every row keeps side A on the left of its path and side B on the right.
+    for (const SeamChoice& choice : choices) {
+        const auto [first, last] = std::minmax_element(choice.path.begin(), choice.path.end());
+        EXPECT_GT(*first, 0);
+        EXPECT_LT(*last, choice.window.width);
+    }
     const cv::Mat stitched = stitchedLuma(calib, object);
     const double weight = weightOfSideA(rig, window, object, stitched);
     printf("[ seams ] %s: the panorama shows %.2f of camera %d's view where the cameras disagree\n", param.name,
