@@ -5,6 +5,7 @@
 #include <opencv2/imgproc.hpp>
 #include <opencv2/stitching/detail/seam_finders.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <sstream>
 
@@ -102,13 +103,19 @@ std::vector<double> finestWeights(const cv::Mat& sideA)
     return std::vector<double>(weights.begin<double>(), weights.end<double>());
 }
 
-// Mean grey-level difference of the two views at the pixels on either side of a path.
-double disagreementAlong(const SeamViews& views, const std::vector<int>& path)
+// How far the two views' grey levels lie apart at each pixel of the window.
+cv::Mat greyDifference(const SeamViews& views)
 {
     cv::Mat greyA, greyB, difference;
     cv::cvtColor(views.a, greyA, cv::COLOR_RGB2GRAY);
     cv::cvtColor(views.b, greyB, cv::COLOR_RGB2GRAY);
     cv::absdiff(greyA, greyB, difference);
+    return difference;
+}
+
+// The mean difference at the pixels on either side of a path (those its transition spans).
+double disagreementAlong(const cv::Mat& difference, const std::vector<int>& path)
+{
     const int last = difference.cols - 1;
     double sum = 0.0;
     for (int row = 0; row < difference.rows; ++row) {
@@ -175,9 +182,10 @@ bool chooseSeams(const Rig& rig, const std::vector<cv::Mat>& images, SeamFinder 
         SeamChoice choice;
         choice.window = window;
         choice.path = alphaPath(alpha);
-        choice.pathDisagreement = disagreementAlong(views, choice.path);
+        const cv::Mat difference = greyDifference(views);
+        choice.pathDisagreement = disagreementAlong(difference, choice.path);
         choice.straightDisagreement =
-            disagreementAlong(views, std::vector<int>(choice.path.size(), window.width / 2));
+            disagreementAlong(difference, std::vector<int>(choice.path.size(), window.width / 2));
         chosen.push_back(std::move(choice));
     }
     *choices = std::move(chosen);

@@ -21,8 +21,9 @@ namespace zqavs_calib {
 // Straight keeps the ramp across the window that a calibration without images gets.
 enum class SeamFinder { GraphCut, DynamicProgramming, Straight };
 
-// What the two cameras of a seam show in its window, as their meshes remap them: 8-bit, three
-// channels (the images' own order), window-sized. `images` holds one image per camera.
+// What the two cameras of a seam show in its window, as their meshes remap them (the exact
+// models the meshes interpolate): window-sized, of the images' type. `images` holds one image
+// per camera.
 struct SeamViews {
     cv::Mat a;
     cv::Mat b;
