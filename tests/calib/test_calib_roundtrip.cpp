@@ -2,17 +2,20 @@
 // models, calibrated (from the true rotations, or from perturbed ones refined on the images),
 // stitched by the library, and compared with the scene seen directly. Against an exact per-pixel
 // remap of the same images, the library may lose no more than 1 dB of Y PSNR from the true rig
-// (only the mesh step's interpolation may cost anything), 1.5 dB from the refined one.
+// (only the mesh step's interpolation may cost anything), 1.5 dB from the refined one. Seams
+// chosen from the images keep an object one camera alone sees whole or leave it out.
 #include <gtest/gtest.h>
 #include <opencv2/calib3d.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
 #include "gpu/stitch_fixture.h"
 #include "rig_layout.h"
 #include "rig_refine.h"
+#include "rig_seams.h"
 #include "scene_render.h"
 
 namespace {
@@ -102,33 +105,46 @@ cv::Mat exactRemap(const Rig& rig, const RigCalibration& calib, const std::vecto
 struct Views {
     std::vector<zqavs_synth::Nv12Image> nv12;
     std::vector<cv::Mat> y;
+    std::vector<cv::Mat> rgb;
 };
 
-Views renderViews(const Rig& rig, const zqavs_synth::RgbImage& scene)
+// Camera `odd` (when given) sees `oddScene` instead.
+Views renderViews(const Rig& rig, const zqavs_synth::RgbImage& scene, int odd = -1,
+                  const zqavs_synth::RgbImage* oddScene = nullptr)
 {
     Views views;
-    for (const CameraSpec& cam : rig.cameras) {
-        const zqavs_synth::RgbImage image = renderCameraImage(cam, scene);
+    for (size_t c = 0; c < rig.cameras.size(); ++c) {
+        zqavs_synth::RgbImage image = renderCameraImage(rig.cameras[c], static_cast<int>(c) == odd ? *oddScene : scene);
         views.nv12.push_back(zqavs_synth::rgbToNv12(image));
         views.y.push_back(lumaOf(image));
+        views.rgb.push_back(cv::Mat(image.height, image.width, CV_8UC3, image.rgb.data()).clone());
     }
     return views;
 }
 
-// Y PSNR against `seen` of the panorama the library stitches from `views` with a calibration
-// written to a scratch directory.
-double stitchedPsnr(const RigCalibration& calib, const Views& views, const cv::Mat& seen)
+// The luma of the panorama the library stitches from `views` with a calibration written to a
+// scratch directory; empty when it cannot.
+cv::Mat stitchedLuma(const RigCalibration& calib, const Views& views)
 {
     stitch_test::RigSession live;
     std::string error;
     if (!zqavs_synth::writeCalibration(calib.calibration, live.dir.path, &error) ||
         !live.session.init({live.dir.path, nullptr, calib.calibration.rig}, &error)) {
         ADD_FAILURE() << error;
-        return 0.0;
+        return cv::Mat();
     }
     for (size_t c = 0; c < views.nv12.size(); ++c) live.session.setInput(static_cast<int>(c), views.nv12[c]);
     const stitch_test::Frame stitched = live.next();
-    return stitched.bytes.empty() ? 0.0 : zqavs_synth::psnr(stitched.luma(), planeOf(seen), {});
+    if (stitched.bytes.empty()) return cv::Mat();
+    const zqavs_synth::PlaneView y = stitched.luma();
+    return cv::Mat(y.height, y.width, CV_8UC1, const_cast<uint8_t*>(y.data), y.stride).clone();
+}
+
+// Y PSNR of the stitched panorama against `seen`.
+double stitchedPsnr(const RigCalibration& calib, const Views& views, const cv::Mat& seen)
+{
+    const cv::Mat stitched = stitchedLuma(calib, views);
+    return stitched.empty() ? 0.0 : zqavs_synth::psnr(planeOf(stitched), planeOf(seen), {});
 }
 
 double angleDeg(const cv::Matx33d& a, const cv::Matx33d& b)
@@ -261,5 +277,102 @@ TEST(RigRefine, FallsBackOrRefusesImagesItCannotUse)
         EXPECT_LT(angleDeg(refined.rig.cameras[1].R, truth.cameras[1].R), 0.05) << c.what;
     }
 }
+
+// ---- seams chosen from the images ---------------------------------------------------------
+
+// The scene with a white disc where panorama pixel `at` looks.
+zqavs_synth::RgbImage withDisc(zqavs_synth::RgbImage scene, const PanoramaSpec& pano, cv::Point2d at, int radius)
+{
+    const cv::Vec3d d = panoramaRay(pano, at.x, at.y);
+    const double azimuth = std::atan2(d[0], d[2]), elevation = std::asin(d[1]);
+    const cv::Point centre(cvRound((azimuth / CV_PI + 1.0) / 2.0 * scene.width - 0.5),
+                           cvRound((elevation / CV_PI + 0.5) * scene.height - 0.5));
+    cv::Mat image(scene.height, scene.width, CV_8UC3, scene.rgb.data());
+    cv::circle(image, centre, radius, cv::Scalar::all(255), cv::FILLED, cv::LINE_AA);
+    return scene;
+}
+
+// Where the seam's two views disagree strongly (the object one camera alone sees), how much of
+// side A's view the stitched panorama shows: 1 all of it, 0 none (side B's view), a double
+// image in between. NaN when the views nowhere disagree.
+double weightOfSideA(const Rig& rig, const zqavs_synth::Seam& window, const Views& views, const cv::Mat& stitched)
+{
+    const SeamViews seen = warpSeamViews(rig, window, views.y);
+    double sum = 0.0;
+    int pixels = 0;
+    for (int row = 0; row < seen.a.rows; ++row)
+        for (int x = 0; x < seen.a.cols; ++x) {
+            const double a = seen.a.at<uint8_t>(row, x), b = seen.b.at<uint8_t>(row, x);
+            if (std::abs(a - b) < 60) continue;
+            sum += (stitched.at<uint8_t>(row, window.startx + x) - b) / (a - b);
+            ++pixels;
+        }
+    return pixels ? sum / pixels : std::nan("");
+}
+
+RigCalibration withSeams(const Rig& rig, const Views& views, SeamFinder finder, std::vector<SeamChoice>* choices)
+{
+    RigCalibration calib = calibrated(rig);
+    std::string error;
+    EXPECT_TRUE(chooseSeams(rig, views.rgb, finder, &calib, choices, &error)) << error;
+    return calib;
+}
+
+struct SeamRow {
+    const char* name;
+    SeamFinder finder;
+    bool doubleImage;   // the straight ramp shows the object half from each camera
+};
+
+class SeamPaths : public testing::TestWithParam<SeamRow> {};
+
+// Camera 0 alone sees a disc a little left of seam 0-1's centre line. A path around it shows it
+// whole or not at all; the straight ramp mixes both views there. With nothing in the seams, the
+// chosen paths cost no more than half a decibel against the straight seams.
+TEST_P(SeamPaths, AnObjectOneCameraSeesIsWholeOrAbsent)
+{
+    const SeamRow& param = GetParam();
+    const Rig rig = pinholeFan();
+    const zqavs_synth::RgbImage scene = makeTexturedScene(1440, 720, 21);
+    const zqavs_synth::Seam window = calibrated(rig).seams[0].window;
+    const cv::Point2d disc(window.startx + window.width / 2 - 6, rig.panorama.height / 2);
+    const zqavs_synth::RgbImage sceneOfA = withDisc(scene, rig.panorama, disc, 7);
+    const Views object = renderViews(rig, scene, window.left_camera, &sceneOfA);
+
+    std::vector<SeamChoice> choices;
+    const RigCalibration calib = withSeams(rig, object, param.finder, &choices);
+    printf("[ seams ] %s, camera %d alone sees a disc:\n%s", param.name, window.left_camera,
+           seamReport(choices, param.finder).c_str());
+    // Every row keeps side A on the left of its path and side B on the right.
+    for (const SeamChoice& choice : choices) {
+        const auto [first, last] = std::minmax_element(choice.path.begin(), choice.path.end());
+        EXPECT_GT(*first, 0);
+        EXPECT_LT(*last, choice.window.width);
+    }
+    const cv::Mat stitched = stitchedLuma(calib, object);
+    const double weight = weightOfSideA(rig, window, object, stitched);
+    printf("[ seams ] %s: the panorama shows %.2f of camera %d's view where the cameras disagree\n", param.name,
+           weight, window.left_camera);
+    if (param.doubleImage) {
+        EXPECT_GT(weight, 0.3);
+        EXPECT_LT(weight, 0.7);
+    } else {
+        EXPECT_TRUE(weight < 0.12 || weight > 0.88) << weight;
+        EXPECT_LT(choices[0].pathDisagreement, choices[0].straightDisagreement / 2);
+    }
+
+    const Views plain = renderViews(rig, scene);
+    const cv::Mat seen = lumaOf(renderPanorama(rig.panorama, scene));
+    const double straight = stitchedPsnr(calibrated(rig), plain, seen);
+    const double chosen = stitchedPsnr(withSeams(rig, plain, param.finder, &choices), plain, seen);
+    printf("[ seams ] %s, nothing in the seams: Y PSNR %.2f dB, straight %.2f dB\n", param.name, chosen, straight);
+    EXPECT_GE(chosen, straight - 0.5);
+}
+
+INSTANTIATE_TEST_SUITE_P(Finders, SeamPaths,
+                         testing::Values(SeamRow{"graphCut", SeamFinder::GraphCut, false},
+                                         SeamRow{"dynamicProgramming", SeamFinder::DynamicProgramming, false},
+                                         SeamRow{"straight", SeamFinder::Straight, true}),
+                         [](const testing::TestParamInfo<SeamRow>& info) { return std::string(info.param.name); });
 
 }  // namespace

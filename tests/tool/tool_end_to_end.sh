@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The zqavs tool end to end: demo, synth then check, chessboard refusals, a real rig from rig file to
-# panorama stitched from PNG inputs, rotations refined from images, bench, a short soak, broken calibrations.
+# panorama stitched from PNG inputs, rotations refined and seams chosen from images, bench, a short soak,
+# broken calibrations.
 set -uo pipefail
 ZQAVS=$1
 WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
@@ -60,15 +61,27 @@ expect 0 "wrote" -- "$ZQAVS" synth --rig "$WORK/pair.json" --scene "$WORK/blocks
 written "$WORK"/pairsyn/{camera0.nv12,camera1.png,panorama.png}
 sed 's/0.906308, 0, -0.422618, 0, 1, 0, 0.422618, 0, 0.906308/0.882948, 0, -0.469472, 0, 1, 0, 0.469472, 0, 0.882948/' \
     "$WORK/pair.json" >"$WORK/pairoff.json"
-expect 0 "camera 1: .*corrected by (2\.99|3\.00)" "mesh interpolation error" -- "$ZQAVS" calib "$WORK/pairoff.json" \
-    -o "$WORK/paircal" --overlay "$WORK/rig.png" --refine "$WORK/pairsyn/camera0.png" "$WORK/pairsyn/camera1.nv12"
+expect 0 "camera 1: .*corrected by (2\.99|3\.00)" "mesh interpolation error" \
+    "seam 0-1: graph cut path through columns [0-9]+\.\.[0-9]+; mean disagreement [0-9.]+ along it" -- \
+    "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal" --overlay "$WORK/rig.png" \
+    --refine "$WORK/pairsyn/camera0.png" "$WORK/pairsyn/camera1.nv12" --seams
 written "$WORK/paircal/rig.json" "$WORK/rig.png"
 grep -q '0.9063' "$WORK/paircal/rig.json" 2>/dev/null || fail "calib --refine did not write the refined rig"
-expect 0 "0 errors" -- "$ZQAVS" check "$WORK/paircal"
+expect 0 "0 errors" -- "$ZQAVS" check "$WORK/paircal" --overlay "$WORK/paircheck.png"
+written "$WORK/paircheck.png"
 expect 0 "wrote .*rigpano.png" -- "$ZQAVS" stitch "$WORK/paircal" "$WORK"/pairsyn/camera{0,1}.png -o "$WORK/rigpano.png"
 expect 1 "camera0.png: 320x240, expected 240x180" -- "$ZQAVS" calib "$WORK/pairoff.json" -o "$WORK/paircal2" \
     --refine "$WORK/pairsyn/camera0.png" "$CAL/camera0.png"
 [[ ! -e $WORK/paircal2 ]] || fail "calib --refine left a directory behind after refusing"
+# --seams refuses images that do not fit the rig as --refine does, and writes nothing
+while IFS='|' read -r pattern images; do
+    # shellcheck disable=SC2086 # the image list splits into its paths
+    expect 1 "$pattern" -- "$ZQAVS" calib "$WORK/pair.json" -o "$WORK/seamcal" --seams $images
+    [[ ! -e $WORK/seamcal ]] || fail "calib --seams left a directory behind after refusing $images"
+done <<EOF
+--seams: 1 images for 2 cameras|$WORK/pairsyn/camera0.png
+camera0.png: 320x240, expected 240x180|$WORK/pairsyn/camera0.png $CAL/camera0.png
+EOF
 
 # stitch: a camera count other than the calibration's is a usage error
 expect 2 "3 cameras" -- "$ZQAVS" stitch "$CAL" "$CAL/camera0.png" -o "$WORK/c.png"

@@ -1,5 +1,5 @@
-// The layout drawn as a picture: one band per camera, its blocks, the blended seams, the column
-// of every boundary and a legend.
+// The layout drawn as a picture: one band per camera, its blocks, the blended seams (with their
+// paths when known), the column of every boundary and a legend.
 #include <opencv2/imgproc.hpp>
 
 #include <algorithm>
@@ -27,9 +27,11 @@ struct Geometry {
     double scale;     // picture pixels per panorama column
     int bandsTop;     // y of camera 0's band
     int cameras;
+    int seamBand;     // height of the seams' band: taller when it shows their paths
 
     int x(int column) const { return left + static_cast<int>(column * scale + 0.5); }
     int bandTop(int band) const { return bandsTop + band * kBand; }
+    int legendTop() const { return bandTop(cameras) + seamBand + 14; }
 };
 
 void text(cv::Mat& image, const std::string& s, cv::Point at, const cv::Scalar& colour = kInk)
@@ -79,15 +81,37 @@ void drawCameraBands(cv::Mat& image, const Geometry& g, const PSR_INITPARAMS_T& 
     }
 }
 
-void drawSeams(cv::Mat& image, const Geometry& g, const std::vector<zqavs_synth::Seam>& seams)
+// A seam's path inside its box, the panorama's rows squeezed into the box's height: the straight
+// centre line in grey, the path in white.
+void drawPath(cv::Mat& image, const Geometry& g, const cv::Rect& box, const zqavs_synth::Seam& s,
+              const std::vector<int>& path)
+{
+    const double rowScale = static_cast<double>(box.height - 1) / std::max<size_t>(path.size() - 1, 1);
+    auto at = [&](int column, size_t row) {
+        return cv::Point(g.x(s.startx + column), box.y + static_cast<int>(row * rowScale + 0.5));
+    };
+    cv::line(image, at(s.width / 2, 0), at(s.width / 2, path.size() - 1), cv::Scalar(130, 130, 130), 1);
+    std::vector<cv::Point> points;
+    for (size_t row = 0; row < path.size(); ++row) points.push_back(at(path[row], row));
+    cv::polylines(image, points, false, kPaper, 2, cv::LINE_AA);
+}
+
+void drawSeams(cv::Mat& image, const Geometry& g, const std::vector<zqavs_synth::Seam>& seams,
+               const std::vector<std::vector<int>>& paths)
 {
     const int top = g.bandTop(g.cameras) + 4;
-    text(image, "blended", {8, top + kBand / 2});
-    for (const zqavs_synth::Seam& s : seams) {
-        const cv::Rect r(g.x(s.startx), top, std::max(g.x(s.startx + s.width) - g.x(s.startx), 1), kBand - 8);
+    text(image, "blended", {8, top + g.seamBand / 2});
+    for (size_t i = 0; i < seams.size(); ++i) {
+        const zqavs_synth::Seam& s = seams[i];
+        const cv::Rect r(g.x(s.startx), top, std::max(g.x(s.startx + s.width) - g.x(s.startx), 1), g.seamBand - 8);
         cv::rectangle(image, r, kInk, cv::FILLED);
+        const bool withPath = i < paths.size() && !paths[i].empty();
+        if (withPath) drawPath(image, g, r, s, paths[i]);
         const std::string label = formatText("%d|%d", s.left_camera, s.right_camera);
-        text(image, label, {r.x + r.width / 2 - textWidth(label) / 2, r.y + r.height / 2 + 5}, kPaper);
+        // In the top left corner when a path runs down the middle.
+        const cv::Point labelAt = withPath ? cv::Point(r.x + 4, r.y + 16)
+                                           : cv::Point(r.x + r.width / 2 - textWidth(label) / 2, r.y + r.height / 2 + 5);
+        text(image, label, labelAt, kPaper);
         for (int x : {r.x, r.x + r.width})
             cv::line(image, {x, g.bandTop(0)}, {x, top}, kInk, 1, cv::LINE_4);
     }
@@ -119,10 +143,10 @@ void drawRuler(cv::Mat& image, const Geometry& g, const PSR_INITPARAMS_T& layout
     }
 }
 
-void drawLegend(cv::Mat& image, const Geometry& g)
+void drawLegend(cv::Mat& image, const Geometry& g, bool withPaths)
 {
     int x = 8;
-    const int top = g.bandTop(g.cameras + 1) + 14;
+    const int top = g.legendTop();
     auto entry = [&](const std::string& label, auto drawSwatch) {
         drawSwatch(cv::Rect(x, top, 28, 16));
         text(image, label, {x + 34, top + 13});
@@ -133,25 +157,31 @@ void drawLegend(cv::Mat& image, const Geometry& g)
     entry("blended seam A|B (A's last overlap block with B's first)",
           [&](const cv::Rect& r) { cv::rectangle(image, r, kInk, cv::FILLED); });
     text(image, "numbers above: panorama column of each boundary", {8, top + 38});
+    if (withPaths)
+        text(image, "white in a seam: its path, camera A on the left of it (grey: the straight centre line)",
+             {8, top + 58});
 }
 
 }  // namespace
 
-cv::Mat drawLayoutOverlay(const PSR_INITPARAMS_T& layout, const std::vector<zqavs_synth::Seam>& blendedSeams, int width)
+cv::Mat drawLayoutOverlay(const PSR_INITPARAMS_T& layout, const std::vector<zqavs_synth::Seam>& blendedSeams,
+                          const std::vector<std::vector<int>>& paths, int width)
 {
+    const bool withPaths = !paths.empty();
     Geometry g;
     g.left = kLabelWidth;
     g.scale = static_cast<double>(width - kLabelWidth - 24) / std::max(layout.bld_width, 1);
     g.bandsTop = 30 + kRulerRows * kRulerRow + 8;
     g.cameras = layout.camera_num;
-    cv::Mat image(g.bandTop(layout.camera_num + 1) + 64, width, CV_8UC3, kPaper);
+    g.seamBand = withPaths ? 4 * kBand : kBand;
+    cv::Mat image(g.legendTop() + (withPaths ? 70 : 50), width, CV_8UC3, kPaper);
     text(image, formatText("panorama %d x %d, %d cameras, mesh step %d", layout.bld_width, layout.bld_height,
                            layout.camera_num, layout.step_x),
          {8, 20});
     drawRuler(image, g, layout);
     drawCameraBands(image, g, layout);
-    drawSeams(image, g, blendedSeams);
-    drawLegend(image, g);
+    drawSeams(image, g, blendedSeams, paths);
+    drawLegend(image, g, withPaths);
     return image;
 }
 

@@ -48,9 +48,11 @@ int columnOwner(const RigCalibration& calib, int u);
 std::string calibrationReport(const RigCalibration& calib);
 
 // The layout as a picture a person can read on its own: one band per camera with its blocks,
-// the seams, the columns of every boundary and a legend. BGR, `width` pixels wide.
+// the seams, the columns of every boundary and a legend. `paths` (empty, or one per seam: per
+// panorama row the first window column of side B) are drawn into the seams. BGR, `width`
+// pixels wide.
 cv::Mat drawLayoutOverlay(const PSR_INITPARAMS_T& layout, const std::vector<zqavs_synth::Seam>& blendedSeams,
-                          int width = 1600);
+                          const std::vector<std::vector<int>>& paths = {}, int width = 1600);
 
 }  // namespace zqavs_calib
 

@@ -1,4 +1,4 @@
-// Seam alpha maps: one weight profile across the seam, reduced level by level.
+// Seam alpha maps: the finest level's weights, reduced level by level.
 #include <cmath>
 #include <cstring>
 
@@ -26,49 +26,65 @@ static std::vector<double> seamProfile(int width, SeamProfile profile)
     return weights;
 }
 
-static std::vector<double> reduceProfile(const std::vector<double>& finer, int width)
+// The 2x2 box the library's pyramid applies between levels (a bilinear sample at each coarser
+// pixel's centre); an odd last column or row is dropped as the level sizes truncate. Rows are
+// averaged first so that identical rows reduce to exactly their own pairwise means.
+static std::vector<double> reduceLevel(const std::vector<double>& finer, LevelSize finerSize, LevelSize size)
 {
-    std::vector<double> coarser(static_cast<size_t>(width));
-    for (int x = 0; x < width; ++x) coarser[x] = (finer[2 * x] + finer[2 * x + 1]) / 2.0;
+    std::vector<double> coarser(static_cast<size_t>(size.width) * size.height);
+    for (int y = 0; y < size.height; ++y) {
+        const double* top = &finer[static_cast<size_t>(2 * y) * finerSize.width];
+        const double* bottom = top + finerSize.width;
+        for (int x = 0; x < size.width; ++x)
+            coarser[static_cast<size_t>(y) * size.width + x] =
+                ((top[2 * x] + top[2 * x + 1]) / 2.0 + (bottom[2 * x] + bottom[2 * x + 1]) / 2.0) / 2.0;
+    }
     return coarser;
 }
 
-static void appendLevel(const std::vector<double>& row, int height, AlphaType type, std::vector<uint8_t>* bytes)
+static void appendLevel(const std::vector<double>& weights, AlphaType type, std::vector<uint8_t>* bytes)
 {
-    for (int y = 0; y < height; ++y) {
-        for (double weight : row) {
-            if (type == AlphaType::U8) {
-                bytes->push_back(static_cast<uint8_t>(std::lround(weight * 255.0)));
-            } else {
-                float value = static_cast<float>(weight);
-                uint8_t raw[sizeof value];
-                std::memcpy(raw, &value, sizeof value);
-                bytes->insert(bytes->end(), raw, raw + sizeof value);
-            }
+    for (double weight : weights) {
+        if (type == AlphaType::U8) {
+            bytes->push_back(static_cast<uint8_t>(std::lround(weight * 255.0)));
+        } else {
+            float value = static_cast<float>(weight);
+            uint8_t raw[sizeof value];
+            std::memcpy(raw, &value, sizeof value);
+            bytes->insert(bytes->end(), raw, raw + sizeof value);
         }
     }
+}
+
+AlphaMap buildAlphaMap(const AlphaSeam& seam, AlphaType type, std::vector<double> finest)
+{
+    AlphaMap map;
+    map.camera = seam.camera;
+    map.next = seam.next;
+    map.width = seam.width;
+    map.height = seam.height;
+    map.levels = seam.levels;
+    map.type = type;
+    const size_t elementBytes = type == AlphaType::U8 ? 1 : sizeof(float);
+    map.bytes.reserve(alphaElementCount(seam.width, seam.height, seam.levels) * elementBytes);
+    const std::vector<LevelSize> sizes = alphaLevelSizes(seam.width, seam.height, seam.levels);
+    std::vector<double> level = std::move(finest);
+    for (int l = 0; l < seam.levels; ++l) {
+        if (l > 0) level = reduceLevel(level, sizes[l - 1], sizes[l]);
+        appendLevel(level, type, &map.bytes);
+    }
+    return map;
 }
 
 AlphaMap buildAlphaMap(int camera, int next, int width, int height, int levels, AlphaType type,
                        SeamProfile profile)
 {
-    AlphaMap map;
-    map.camera = camera;
-    map.next = next;
-    map.width = width;
-    map.height = height;
-    map.levels = levels;
-    map.type = type;
-    const size_t elementBytes = type == AlphaType::U8 ? 1 : sizeof(float);
-    map.bytes.reserve(alphaElementCount(width, height, levels) * elementBytes);
-    // Rows of a level are identical: the weight only varies across the seam.
-    std::vector<double> row = seamProfile(width, profile);
-    const std::vector<LevelSize> sizes = alphaLevelSizes(width, height, levels);
-    for (int l = 0; l < levels; ++l) {
-        if (l > 0) row = reduceProfile(row, sizes[l].width);
-        appendLevel(row, sizes[l].height, type, &map.bytes);
-    }
-    return map;
+    // Every row of the finest level carries the same profile across the seam.
+    const std::vector<double> row = seamProfile(width, profile);
+    std::vector<double> finest;
+    finest.reserve(row.size() * static_cast<size_t>(height));
+    for (int y = 0; y < height; ++y) finest.insert(finest.end(), row.begin(), row.end());
+    return buildAlphaMap({camera, next, width, height, levels}, type, std::move(finest));
 }
 
 }  // namespace zqavs_synth

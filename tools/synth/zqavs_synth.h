@@ -129,6 +129,16 @@ std::vector<LevelSize> alphaLevelSizes(int width, int height, int levels);
 // level above it (an odd last column or row is dropped).
 AlphaMap buildAlphaMap(int camera, int next, int width, int height, int levels, AlphaType type,
                        SeamProfile profile);
+// The same from any finest level: `finest` holds side A's weight (0..1) of each of its
+// width x height elements, row by row.
+struct AlphaSeam {
+    int camera = 0;   // side A
+    int next = 0;     // side B
+    int width = 0;
+    int height = 0;
+    int levels = 0;
+};
+AlphaMap buildAlphaMap(const AlphaSeam& seam, AlphaType type, std::vector<double> finest);
 
 // ---- calibration --------------------------------------------------------------------------
 

@@ -1,4 +1,6 @@
 // zqavs calib: a calibration directory from a rig file, and camera models from chessboard photos.
+#include <algorithm>
+
 #include "tool_common.h"
 
 namespace zqavs {
@@ -10,12 +12,33 @@ void addCalibCommand(CLI::App& app, CalibOptions& options, IntrinsicsOptions& in
     cmd->add_option("--refine", options.refineImages,
                     "recover the cameras' rotations from one image each (PNG/JPEG or raw NV12), in the rig's order")
         ->check(CLI::ExistingFile);
+    CLI::Option* seams =
+        cmd->add_option("--seams", options.seamImages,
+                        "choose each seam's path where the cameras agree, from one image per camera taken at one "
+                        "instant (PNG/JPEG or raw NV12), in the rig's order; without images, those of --refine")
+            ->expected(0, CLI::detail::expected_max_vector_size)
+            ->check(CLI::ExistingFile);
+    cmd->add_option("--seam-finder", options.seamFinder,
+                    "with --seams: gc (graph cut on colour and gradient), dp (dynamic programming) or straight "
+                    "(keep the ramp across the window, only measure)")
+        ->check(CLI::IsMember({"gc", "dp", "straight"}))
+        ->capture_default_str();
+    cmd->add_option("--seam-width", options.seamWidth,
+                    "blend window per seam for this run, in panorama columns, where the overlap allows (default: "
+                    "the rig file's seam_width)")
+        ->check(CLI::PositiveNumber);
     cmd->add_option("-o,--out", options.out, "calibration directory to write (created when missing)");
-    cmd->add_option("--overlay", options.overlay, "also draw the layout (cameras, blocks, seams) as a PNG");
-    cmd->callback([cmd, &options, &result] {
+    cmd->add_option("--overlay", options.overlay, "also draw the layout (cameras, blocks, seams and their paths) as a PNG");
+    cmd->callback([cmd, seams, &options, &result] {
         if (cmd->got_subcommand("intrinsics")) return;
         if (options.rig.empty() || options.out.empty())
             throw CLI::ValidationError("calib", "needs RIG and -o DIR (or the intrinsics subcommand)");
+        options.seams = seams->count() > 0;
+        // Given without images, CLI11 stores one empty value.
+        options.seamImages.erase(std::remove(options.seamImages.begin(), options.seamImages.end(), std::string()),
+                                 options.seamImages.end());
+        if (options.seams && options.seamImages.empty() && options.refineImages.empty())
+            throw CLI::ValidationError("--seams", "needs one image per camera, or those of --refine");
         result.code = runCalib(options);
     });
 

@@ -2,12 +2,35 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include <cstdio>
+#include <fstream>
+#include <iterator>
 
 #include "calib_check.h"
 #include "rig_layout.h"
+#include "rig_seams.h"
 #include "tool_common.h"
 
 namespace zqavs {
+
+namespace {
+
+// A blended seam's path, where its alpha map's finest level crosses one half; empty when the
+// file holds neither a U8 nor a float map of the seam.
+std::vector<int> seamPath(const std::string& dir, const SeamPlan& seam)
+{
+    std::ifstream in(dir + "/" + zqavs_calib_core::alphaFileName(seam.camera, seam.neighbour), std::ios::binary);
+    zqavs_synth::AlphaMap map{seam.camera, seam.neighbour, seam.width, seam.height, seam.levels,
+                              zqavs_synth::AlphaType::U8,
+                              {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()}};
+    const size_t elements = zqavs_calib_core::alphaElementCount(seam.width, seam.height, seam.levels);
+    if (map.bytes.size() == elements * sizeof(float))
+        map.type = zqavs_synth::AlphaType::Float;
+    else if (map.bytes.size() != elements)
+        return {};
+    return zqavs_calib::alphaPath(map);
+}
+
+}  // namespace
 
 void addCheckCommand(CLI::App& app, CheckOptions& options, ToolResult& result)
 {
@@ -40,11 +63,16 @@ int runCheck(const CheckOptions& options)
             printf("  camera %d -> %d: not blended: %s\n", seam.camera, seam.neighbour, seam.reason.c_str());
     }
     if (!options.overlay.empty()) {
-        // The same picture as `zqavs calib --overlay`, with the seams the library will blend.
+        // The same picture as `zqavs calib --overlay`, with the seams the library will blend and
+        // their paths as the alpha maps draw them.
         std::vector<zqavs_synth::Seam> blended;
-        for (const SeamPlan& seam : report.plan)
-            if (seam.blended) blended.push_back({seam.camera, seam.neighbour, seam.startx, seam.width});
-        if (!cv::imwrite(options.overlay, zqavs_calib::drawLayoutOverlay(report.layout, blended))) {
+        std::vector<std::vector<int>> paths;
+        for (const SeamPlan& seam : report.plan) {
+            if (!seam.blended) continue;
+            blended.push_back({seam.camera, seam.neighbour, seam.startx, seam.width});
+            paths.push_back(seamPath(options.dir, seam));
+        }
+        if (!cv::imwrite(options.overlay, zqavs_calib::drawLayoutOverlay(report.layout, blended, paths))) {
             fprintf(stderr, "zqavs check: cannot write %s\n", options.overlay.c_str());
             return kExitFailure;
         }

@@ -49,10 +49,14 @@ struct DemoOptions {
     int frames = 10;
 };
 
-// zqavs calib RIG.json [--refine IMG...] -o DIR [--overlay PNG]
+// zqavs calib RIG.json [--refine IMG...] [--seams [IMG...]] -o DIR [--overlay PNG]
 struct CalibOptions {
     std::string rig;
     std::vector<std::string> refineImages;
+    bool seams = false;                    // --seams was given, with or without images
+    std::vector<std::string> seamImages;   // empty: those of --refine
+    std::string seamFinder = "gc";
+    int seamWidth = 0;                     // 0: the rig file's seam_width
     std::string out;
     std::string overlay;
 };
