@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "gl_nv12_remap.h"
 #include "gles_multiband_blend.h"
 #include "portable_yuv.h"
+#include "remap_mesh_quads.h"
 #include "stitch_fixture.h"
 #include "zqgfx_gpu_avs_internal.h"
 
@@ -141,6 +143,66 @@ TEST_P(PortableYuv, DrawnPlanesReachTheBufferOverTheCoveredColumns)
         io->releaseSlot(4, false);
     }
     for (GLuint program : programs) glDeleteProgram(program);
+}
+
+// One block drawn as a quad with its mesh in a texture, with one filtered fetch of the mesh and
+// with four fetches of its nodes: every pixel samples the camera where the bilinear interpolation
+// of the four nodes around it points. The camera's luma is x + y, so the sample tells the source
+// position to a code value; the mesh bends in both axes, so a linear interpolation would not do.
+TEST(MeshQuads, EveryPixelSamplesTheBilinearInterpolationOfItsMesh)
+{
+    stitch_test::Rig rig{stitch_test::smallRig()};
+    stitch_test::RigSession live;
+    ASSERT_EQ(live.open(rig), "");
+    const int camW = 128, camH = 96, meshW = 5, meshH = 4, blockW = 64, blockH = 48;
+    Bytes camera(camW * camH);
+    for (int y = 0; y < camH; ++y)
+        for (int x = 0; x < camW; ++x) camera[y * camW + x] = static_cast<uint8_t>(x + y);
+    std::vector<float> mx(meshW * meshH), my(meshW * meshH);
+    for (int r = 0; r < meshH; ++r)
+        for (int c = 0; c < meshW; ++c) {
+            mx[r * meshW + c] = 10.0f + 20.0f * c + 3.0f * r * r;
+            my[r * meshW + c] = 5.0f + 15.0f * r + 2.0f * c * c;
+        }
+    GlTexture source = makeTexture(GL_R8, camW, camH, true);
+    glBindTexture(GL_TEXTURE_2D, source.get());
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
+    glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, camW, camH, GL_RED, GL_UNSIGNED_BYTE, camera.data());
+    glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    GlTexture target = makeTexture(GL_R8, blockW, blockH, false);
+    GlFramebuffer fbo = makeFramebuffer(target.get());
+    ASSERT_TRUE(fbo);
+
+    for (bool filtered : {true, false}) {
+        SCOPED_TRACE(filtered ? "filtered" : "four fetches");
+        MeshQuadRemap quads;
+        ASSERT_TRUE(quads.create(filtered));
+        ASSERT_TRUE(quads.storeMesh(7, mx.data(), my.data(), meshW, meshH, camW, camH));
+        glBindFramebuffer(GL_FRAMEBUFFER, fbo.get());
+        glActiveTexture(GL_TEXTURE0);
+        glBindTexture(GL_TEXTURE_2D, source.get());
+        FrameCounters counters;
+        ASSERT_TRUE(quads.draw(MeshQuadRemap::lumaProgram, 7, fbo.get(), 0, 0, blockW, blockH, counters));
+        Bytes drawn(blockW * blockH);
+        glPixelStorei(GL_PACK_ALIGNMENT, 1);
+        glReadPixels(0, 0, blockW, blockH, GL_RED, GL_UNSIGNED_BYTE, drawn.data());
+        int worst = 0;
+        for (int y = 0; y < blockH; ++y)
+            for (int x = 0; x < blockW; ++x) {
+                const double u = (x + 0.5) / blockW * (meshW - 1), v = (y + 0.5) / blockH * (meshH - 1);
+                const int c = std::min(static_cast<int>(u), meshW - 2), r = std::min(static_cast<int>(v), meshH - 2);
+                auto at = [&](const std::vector<float>& m, double fu, double fv) {
+                    const double top = m[r * meshW + c] * (1 - fu) + m[r * meshW + c + 1] * fu;
+                    const double bottom = m[(r + 1) * meshW + c] * (1 - fu) + m[(r + 1) * meshW + c + 1] * fu;
+                    return top * (1 - fv) + bottom * fv;
+                };
+                const double expected = at(mx, u - c, v - r) + at(my, u - c, v - r);
+                worst = std::max(worst, static_cast<int>(std::lround(std::abs(drawn[y * blockW + x] - expected))));
+            }
+        EXPECT_LE(worst, 1);
+        quads.release();
+    }
+    glBindFramebuffer(GL_FRAMEBUFFER, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Imports, PortableYuv, testing::Bool(),
