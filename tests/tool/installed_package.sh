@@ -21,7 +21,7 @@ if [[ $1 == --debs ]]; then
         ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed" ||
             die "$package is installed already: not replacing it"
     done
-    trap 'dpkg -r "${PACKAGES[@]}" >/dev/null; rm -rf "$WORK"' EXIT
+    trap 'dpkg --purge "${PACKAGES[@]}" >/dev/null; rm -rf "$WORK"' EXIT
     RUN=()
     arch=$(dpkg --print-architecture)
     debs=()
@@ -81,5 +81,8 @@ plugin=$(find "$LIBDIR" -name libgstzqavs.so -path "*/gstreamer-1.0/*")
 # packages put the plugin where GStreamer looks without being told.
 inspected=$(GST_REGISTRY="$WORK/registry-installed.bin" GST_PLUGIN_PATH=${BUILD:+$(dirname "$plugin")} \
     gst-inspect-1.0 zqavsstitch)
-grep -q "Filename.*$plugin" <<<"$inspected" || die "gst-inspect-1.0 finds no plugin in $(dirname "$plugin")"
+# (/lib may be /usr/lib under another name: the files are compared, not the names.)
+found=$(sed -n 's/^ *Filename *//p' <<<"$inspected")
+[[ -n $found && $(readlink -f "$found") == $(readlink -f "$plugin") ]] ||
+    die "gst-inspect-1.0 finds no plugin in $(dirname "$plugin") (found: ${found:-none})"
 echo "installed package: ok"
