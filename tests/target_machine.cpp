@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/utsname.h>
 
-TEST(TargetMachine, TheTestsRunAsTheMachineTheBuildTargets)
+// One name per test program (ZQAVS_TEST_PROGRAM), so that CTest keeps both.
+TEST(ZQAVS_TEST_PROGRAM, RunsAsTheMachineTheBuildTargets)
 {
     utsname name{};
     ASSERT_EQ(uname(&name), 0);
