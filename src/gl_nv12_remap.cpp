@@ -93,6 +93,44 @@ EGLDisplay initializeSurfacelessDisplay(EGLint* major, EGLint* minor)
     return display;
 }
 
+// NVIDIA without a window system (Jetson boards, headless servers) offers neither a default
+// display that initialises nor Mesa's surfaceless platform, but its GPUs as EGL devices.
+// Returns the first device's display that initialises, or EGL_NO_DISPLAY.
+EGLDisplay initializeDeviceDisplay(EGLint* major, EGLint* minor)
+{
+    if (!hasExtension(eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS), "EGL_EXT_platform_device")) {
+        AVS_LOGD("no device platform offered either");
+        return EGL_NO_DISPLAY;
+    }
+    auto queryDevices = reinterpret_cast<PFNEGLQUERYDEVICESEXTPROC>(eglGetProcAddress("eglQueryDevicesEXT"));
+    constexpr EGLint kMaxDevices = 16;
+    EGLDeviceEXT devices[kMaxDevices];
+    EGLint count = 0;
+    if (queryDevices == nullptr || queryDevices(kMaxDevices, devices, &count) != EGL_TRUE) count = 0;
+    for (EGLint i = 0; i < count; ++i) {
+        EGLDisplay display = eglGetPlatformDisplay(EGL_PLATFORM_DEVICE_EXT, devices[i], nullptr);
+        if (display != EGL_NO_DISPLAY && eglInitialize(display, major, minor) == EGL_TRUE) {
+            AVS_LOGD("falling back on EGL device %d of %d", i, count);
+            return display;
+        }
+    }
+    AVS_LOGD("device platform offered, but none of its %d devices initialised", count);
+    return EGL_NO_DISPLAY;
+}
+
+// The ordered choice for a machine without a window system: surfaceless, then devices.
+EGLDisplay initializeHeadlessDisplay(EGLint* major, EGLint* minor)
+{
+    EGLDisplay display = initializeSurfacelessDisplay(major, minor);
+    return display != EGL_NO_DISPLAY ? display : initializeDeviceDisplay(major, minor);
+}
+
+bool offersHeadlessPlatform()
+{
+    const char* client = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
+    return hasExtension(client, "EGL_MESA_platform_surfaceless") || hasExtension(client, "EGL_EXT_platform_device");
+}
+
 void logRendererAndPath(const AvsGpuCaps& caps)
 {
     const GLubyte* renderer = glGetString(GL_RENDERER);
@@ -169,17 +207,16 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     }
 
     EGLBoolean result = eglInitialize(dpy, &majorVersion, &minorVersion);
-    EGLDisplay surfaceless = EGL_NO_DISPLAY;
-    if (result != EGL_TRUE &&
-        hasExtension(eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS), "EGL_MESA_platform_surfaceless")) {
+    EGLDisplay headless = EGL_NO_DISPLAY;
+    if (result != EGL_TRUE && offersHeadlessPlatform()) {
         // A machine without a window system: the default display's failure is expected there
-        // and reported only when the surfaceless platform cannot stand in for it.
+        // and reported only when no headless platform can stand in for it.
         while (eglGetError() != EGL_SUCCESS) {
         }
-        surfaceless = initializeSurfacelessDisplay(&majorVersion, &minorVersion);
+        headless = initializeHeadlessDisplay(&majorVersion, &minorVersion);
     }
-    if (surfaceless != EGL_NO_DISPLAY) {
-        dpy = surfaceless;
+    if (headless != EGL_NO_DISPLAY) {
+        dpy = headless;
         result = EGL_TRUE;
     } else {
         checkEglError("eglInitialize", result);

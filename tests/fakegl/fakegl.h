@@ -43,6 +43,7 @@ struct Injection {
     std::string eglExtensions = "EGL_KHR_image_base EGL_EXT_image_dma_buf_import "
                                 "EGL_EXT_image_dma_buf_import_modifiers EGL_KHR_fence_sync";
     std::string eglClientExtensions = "EGL_EXT_platform_base";
+    int devices = 1;                   // EGL devices listed by eglQueryDevicesEXT
     bool noClientExtensions = false;   // EGL 1.4: the EGL_NO_DISPLAY query fails with EGL_BAD_DISPLAY
     std::string glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external GL_EXT_YUV_target";
 };

@@ -64,6 +64,16 @@ EGLBoolean eglDestroySyncKHR(EGLDisplay dpy, EGLSyncKHR sync) {
     return destroyEglObject("sync", nameOf(sync), EGL_BAD_PARAMETER);
 }
 
+// Devices are the handles 1..n; writes at most `max_devices` of them.
+EGLBoolean eglQueryDevicesEXT(EGLint max_devices, EGLDeviceEXT* devices, EGLint* num_devices) {
+    record("eglQueryDevicesEXT", max_devices, devices, num_devices);
+    if (num_devices == nullptr || (devices != nullptr && max_devices <= 0)) return fail(EGL_BAD_PARAMETER);
+    const EGLint count = devices ? std::min(max_devices, inj().devices) : inj().devices;
+    for (EGLint i = 0; devices && i < count; ++i) devices[i] = handle<EGLDeviceEXT>(static_cast<uint64_t>(i) + 1);
+    *num_devices = count;
+    return EGL_TRUE;
+}
+
 using ProcAddress = __eglMustCastToProperFunctionPointerType;
 const std::pair<const char*, ProcAddress> kExtensionProcs[] = {
     {"eglCreateImageKHR", reinterpret_cast<ProcAddress>(eglCreateImageKHR)},
@@ -71,6 +81,7 @@ const std::pair<const char*, ProcAddress> kExtensionProcs[] = {
     {"eglCreateSyncKHR", reinterpret_cast<ProcAddress>(eglCreateSyncKHR)},
     {"eglClientWaitSyncKHR", reinterpret_cast<ProcAddress>(eglClientWaitSyncKHR)},
     {"eglDestroySyncKHR", reinterpret_cast<ProcAddress>(eglDestroySyncKHR)},
+    {"eglQueryDevicesEXT", reinterpret_cast<ProcAddress>(eglQueryDevicesEXT)},
     {"glEGLImageTargetTexture2DOES", reinterpret_cast<ProcAddress>(glEGLImageTargetTexture2DOES)},
 };
 

@@ -101,6 +101,7 @@ public:
     std::vector<float> alpha = std::vector<float>(32 * 240 + 16 * 120, 0.5f);  // float maps of 32 x 240, 16 x 120
     ZQGFX_AVS_CONTEXT_T context{};
     int fds[5] = {11, 12, 13, 14, 15};
+    std::vector<int> manyFds;  // for layouts of more cameras
     std::string printed;
     std::unique_ptr<entry_test::CallerMeshes> callerMeshes;
     PSR_DRM_BUF_MSG_S alphaRecord{};
@@ -244,17 +245,8 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
          failed, layoutAt + "1 declares 4 blocks but has nonoverlap_num=1 + overlap_num=2, FAILED!"},
         {"negative block count", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[0] = {}, l.overlap_block[0].overlap_num = -1; }); },
          failed, layoutAt + "0 has nonoverlap_num=1 overlap_num=-1, FAILED!"},
-        {"eleven blocks in a camera", [](T& t) { return t.initChanged([](L& l) { l = entry_test::ringLayout(4, 9, 2); }); },
-         failed, layoutAt + "0 has 11 blocks, at most 10 are supported, FAILED!"},
-        {"negative mesh size", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].mesh_height[0] = -3; }); },
-         failed, layoutAt + "1 block 1 has a negative size, FAILED!"},
         {"alpha map wider than its block", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].alpha_width[0] = 64; }); },
          failed, "zq_ps_gpu_alpha01.bin elements=9600 expected=19200"},
-        {"band count too deep for the seam", [](T& t) { return t.initChanged([](L& l) { l.overlap_block[1].band_num[0] = 16; }); },
-         failed, "multi_band_num[0]=17 is illegal!"},
-        {"panorama wider than the texture limit", [](T& t) { t.initChanged([&t](L& l) {
-             l.bld_width = 20000; t.context.outputBufferWidth = 20000; });
-             return ZQGFX_AVS_AllProcess(&t.context); }, failed, "bld_width=20000 or bld_height=240 is exceed the gpu max texture size limit!"},
         // ---- what the GPU only draws: meshes and blocks placed anywhere
         {"not-a-number meshes, and meshes far outside the image", [](T& t) {
              const std::vector<float> nan(17 * 16, std::nanf("")), far(3 * 16, -1e30f);
@@ -333,6 +325,92 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
         });
         EXPECT_EQ(recovered, ok) << again;
         EXPECT_FALSE(contains(again, "FAILED")) << again;
+    }
+}
+
+// Every limit the library enforces, exactly at the limit (accepted) and one past it (refused with
+// its line), where it is enforced: cameras, blocks and the texture limit by init and a frame;
+// levels and block sizes by init, which reads them. The import table's 100 slots recycle rather
+// than refuse: RemapImport.TableIsFlushedOnceTheLastSlotIsUsed.
+TEST_F(EntryPoints, EveryLimitAcceptsItsEdgeAndRefusesOnePast)
+{
+    using T = EntryPoints;
+    using L = PSR_INITPARAMS_T;
+    const ZQGFX_AVS_STATUS ok = ZQGFX_AVS_SUCCESS, failed = ZQGFX_AVS_FAILED;
+    const std::string layoutAt = "zq_ps_gpu_mesh_params.txt: camera ";
+    // `cameras` in a ring without seams, each with one block.
+    const auto cameras = [](T& t, int count) {
+        t.layout = entry_test::ringLayout(count, 1, 0);
+        t.dir.writeCalibration(t.layout);
+        t.context = entry_test::contextFor(t.layout, t.dir.path());
+        t.context.inputBufferFormat = 0x3231564e;
+        t.manyFds.resize(static_cast<size_t>(count) + 1);
+        for (size_t i = 0; i < t.manyFds.size(); ++i) t.manyFds[i] = 11 + static_cast<int>(i);
+        t.context.inputFdArray = t.manyFds.data();
+        return t.initAndFrame();
+    };
+    // The four-camera ring with `nonoverlap` + 2 blocks per camera.
+    const auto blocks = [](T& t, int nonoverlap) {
+        t.initChanged([nonoverlap](L& l) {
+            const L seams = l;
+            l = entry_test::ringLayout(4, nonoverlap, 2);
+            for (int c = 0; c < 4; ++c) l.overlap_block[c] = seams.overlap_block[c];
+        });
+        return ZQGFX_AVS_AllProcess(&t.context);
+    };
+    // The seam between cameras 0 and 1 with `levels` pyramid levels and an alpha map to match;
+    // on planes (the target path keeps level 2 in a DRM buffer, and there is no DRM device here).
+    const auto levels = [](T& t, int count) {
+        fakegl::inject().glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external";
+        const std::vector<float> map(zqavs_calib_core::alphaElementCount(32, 240, count), 0.5f);
+        t.dir.write(zqavs_calib_core::alphaFileName(0, 1), map.data(), map.size() * sizeof(float));
+        return t.initChanged([count](L& l) { l.overlap_block[0].band_num[1] = l.overlap_block[1].band_num[0] = count - 1; });
+    };
+    const auto panoramaWidth = [](T& t, int width) {
+        t.initChanged([&t, width](L& l) { l.bld_width = width, t.context.outputBufferWidth = (width + 15) & ~15; });
+        return ZQGFX_AVS_AllProcess(&t.context);
+    };
+    // Camera 1's first non-overlap block (block 0) or first overlap block (block 1) `size` high.
+    const auto meshHeight = [](T& t, bool overlap, int size) {
+        return t.initChanged([overlap, size](L& l) {
+            (overlap ? l.overlap_block[1].mesh_height : l.nonoverlap_block[1].mesh_height)[0] = size;
+        });
+    };
+    struct Row {
+        const char* name;
+        std::function<ZQGFX_AVS_STATUS(T&)> call;
+        ZQGFX_AVS_STATUS expected;
+        std::string line;  // in the output; on success: no FAILED line at all
+    };
+    const Row rows[] = {
+        {"10 cameras", [&](T& t) { return cameras(t, 10); }, ok, ""},
+        {"11 cameras", [&](T& t) { return cameras(t, 11); }, failed, "input cam_num=11 is illegal"},
+        {"10 blocks in a camera", [&](T& t) { return blocks(t, 8); }, ok, ""},
+        {"11 blocks in a camera", [&](T& t) { return blocks(t, 9); }, failed,
+         layoutAt + "0 has 11 blocks, at most 10 are supported, FAILED!"},
+        {"16 pyramid levels", [&](T& t) { return levels(t, 16); }, ok, ""},
+        {"17 pyramid levels", [&](T& t) { return levels(t, 17); }, failed, "multi_band_num[0]=17 is illegal!"},
+        {"panorama one below the texture limit", [&](T& t) { return panoramaWidth(t, 16383); }, ok, ""},
+        {"panorama at the texture limit", [&](T& t) { return panoramaWidth(t, 16384); }, failed,
+         "bld_width=16384 or bld_height=240 is exceed the gpu max texture size limit!"},
+        {"non-overlap block of height 0", [&](T& t) { return meshHeight(t, false, 0); }, ok, ""},
+        {"non-overlap block of height -1", [&](T& t) { return meshHeight(t, false, -1); }, failed,
+         layoutAt + "1 block 0 has a negative size, FAILED!"},
+        {"overlap block of height 0", [&](T& t) { return meshHeight(t, true, 0); }, ok, ""},
+        {"overlap block of height -1", [&](T& t) { return meshHeight(t, true, -1); }, failed,
+         layoutAt + "1 block 1 has a negative size, FAILED!"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        fakegl::reset();
+        std::filesystem::remove_all(dir.path());
+        std::filesystem::create_directory(dir.path());
+        writeFourCameraCalibration();
+        ZQGFX_AVS_STATUS status = ZQGFX_AVS_SUCCESS;
+        const std::string out = stdoutOf([&] { status = row.call(*this); });
+        EXPECT_EQ(status, row.expected) << out;
+        EXPECT_TRUE(row.expected == ok ? !contains(out, "FAILED") : contains(out, row.line)) << out;
+        stdoutOf([&] { entry_test::endInstance(&context); });
     }
 }
 

@@ -82,14 +82,42 @@ TEST_F(RemapContext, EachFailedStepFailsInitWithItsMessage)
     }
 }
 
-TEST_F(RemapContext, WithoutAWindowSystemFallsBackToSurfacelessAndPbuffer)
+// Without a window system the default display does not initialise: Mesa's surfaceless platform
+// stands in, else the first EGL device that initialises (NVIDIA), else init fails as before.
+TEST_F(RemapContext, WithoutAWindowSystemFallsBackToAHeadlessPlatformAndPbuffer)
 {
-    fakegl::inject().initializeFailsOnDefaultDisplay = true;
-    fakegl::inject().noWindowConfigs = true;
-    fakegl::inject().eglClientExtensions = "EGL_EXT_platform_base EGL_MESA_platform_surfaceless";
-    ASSERT_EQ(init(), 0) << out << err;
-    EXPECT_EQ(engine->dpy, eglGetPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, nullptr, nullptr));
-    EXPECT_EQ(fakegl::attribValue(fakegl::callsTo("eglChooseConfig").back(), EGL_SURFACE_TYPE), EGL_PBUFFER_BIT);
+    const auto surfaceless = [] { return eglGetPlatformDisplay(EGL_PLATFORM_SURFACELESS_MESA, nullptr, nullptr); };
+    const auto firstDevice = [] {
+        EGLDeviceEXT device = reinterpret_cast<EGLDeviceEXT>(uintptr_t{1});
+        return eglGetPlatformDisplay(EGL_PLATFORM_DEVICE_EXT, device, nullptr);
+    };
+    struct Row {
+        const char* clientExtensions;
+        int devices;
+        EGLDisplay (*expected)();  // null: init fails
+    } rows[] = {
+        {"EGL_EXT_platform_base EGL_MESA_platform_surfaceless EGL_EXT_platform_device", 1, surfaceless},
+        {"EGL_EXT_platform_base EGL_EXT_device_enumeration EGL_EXT_platform_device", 2, firstDevice},
+        {"EGL_EXT_platform_base EGL_EXT_device_enumeration EGL_EXT_platform_device", 0, nullptr},
+        {"EGL_EXT_platform_base", 1, nullptr},
+    };
+    for (const Row& row : rows) {
+        fakegl::reset();
+        fakegl::inject().initializeFailsOnDefaultDisplay = true;
+        fakegl::inject().noWindowConfigs = true;
+        fakegl::inject().eglClientExtensions = row.clientExtensions;
+        fakegl::inject().devices = row.devices;
+        const int result = init();
+        SCOPED_TRACE(std::string(row.clientExtensions) + ", devices " + std::to_string(row.devices));
+        if (row.expected == nullptr) {
+            EXPECT_EQ(result, 1);
+            EXPECT_EQ(out, "eglInitialize failed\n");
+            continue;
+        }
+        ASSERT_EQ(result, 0) << out << err;
+        EXPECT_EQ(engine->dpy, row.expected());
+        EXPECT_EQ(fakegl::attribValue(fakegl::callsTo("eglChooseConfig").back(), EGL_SURFACE_TYPE), EGL_PBUFFER_BIT);
+    }
 }
 
 TEST_F(RemapContext, DeinitDeletesEveryObjectOnceInOrder)
