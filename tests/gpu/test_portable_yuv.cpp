@@ -199,7 +199,8 @@ TEST(MeshQuads, EveryPixelSamplesTheBilinearInterpolationOfItsMesh)
                 const double expected = at(mx, u - c, v - r) + at(my, u - c, v - r);
                 worst = std::max(worst, static_cast<int>(std::lround(std::abs(drawn[y * blockW + x] - expected))));
             }
-        EXPECT_LE(worst, 1);
+        // llvmpipe lands within one code on amd64 and two on arm64; a wrong interpolation is tens off.
+        EXPECT_LE(worst, 2);
         quads.release();
     }
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
