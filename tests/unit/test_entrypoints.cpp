@@ -208,6 +208,26 @@ TEST_F(EntryPoints, AFailedInitKeepsWhatItMadeAndDeinitLeavesIt)
     }
 }
 
+// One row of a refusal table: what it does to a fresh instance, what that returns, and the line
+// it prints (for a success without a line: no FAILED line at all).
+struct EntryRow {
+    const char* name;
+    std::function<ZQGFX_AVS_STATUS(EntryPoints&)> call;
+    ZQGFX_AVS_STATUS expected;
+    std::string line;
+};
+
+// Runs `row`, checks its status and line, and ends whatever instance it left.
+void expectRowOutcome(EntryPoints& t, const EntryRow& row)
+{
+    ZQGFX_AVS_STATUS status = ZQGFX_AVS_SUCCESS;
+    const std::string out = stdoutOf([&] { status = row.call(t); });
+    EXPECT_EQ(status, row.expected) << out;
+    const bool quiet = row.expected == ZQGFX_AVS_SUCCESS && row.line.empty();
+    EXPECT_TRUE(quiet ? !contains(out, "FAILED") : contains(out, row.line)) << out;
+    stdoutOf([&] { entry_test::endInstance(&t.context); });
+}
+
 // What callers hand over by mistake or malice, at every entry point. Each row is refused with its
 // line (or gets what the interface documents), the sanitizers stay quiet, and the same thread
 // then starts a valid instance.
@@ -218,12 +238,7 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
     const ZQGFX_AVS_STATUS ok = ZQGFX_AVS_SUCCESS, failed = ZQGFX_AVS_FAILED;
     const std::string params = "zq_ps_gpu_mesh_params.txt";
     const std::string layoutAt = params + ": camera ";
-    struct Row {
-        const char* name;
-        std::function<ZQGFX_AVS_STATUS(T&)> call;
-        ZQGFX_AVS_STATUS expected;
-        std::string line;  // in the output; on success: no FAILED line at all
-    };
+    using Row = EntryRow;
     const Row rows[] = {
         // ---- the context (a null one: NothingRunsWithoutAnInstanceOrAContext; buffer sizes: MeshLoading)
         {"no calibration directory", [](T& t) { t.context.meshFilePath = nullptr; return t.initNow(); }, failed,
@@ -311,11 +326,7 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         fresh();
-        ZQGFX_AVS_STATUS status = ZQGFX_AVS_SUCCESS;
-        const std::string out = stdoutOf([&] { status = row.call(*this); });
-        EXPECT_EQ(status, row.expected) << out;
-        EXPECT_TRUE(row.expected == ok && row.line.empty() ? !contains(out, "FAILED") : contains(out, row.line)) << out;
-        stdoutOf([&] { entry_test::endInstance(&context); });
+        expectRowOutcome(*this, row);
 
         fresh();
         ZQGFX_AVS_STATUS recovered = failed;
@@ -376,12 +387,7 @@ TEST_F(EntryPoints, EveryLimitAcceptsItsEdgeAndRefusesOnePast)
             (overlap ? l.overlap_block[1].mesh_height : l.nonoverlap_block[1].mesh_height)[0] = size;
         });
     };
-    struct Row {
-        const char* name;
-        std::function<ZQGFX_AVS_STATUS(T&)> call;
-        ZQGFX_AVS_STATUS expected;
-        std::string line;  // in the output; on success: no FAILED line at all
-    };
+    using Row = EntryRow;
     const Row rows[] = {
         {"10 cameras", [&](T& t) { return cameras(t, 10); }, ok, ""},
         {"11 cameras", [&](T& t) { return cameras(t, 11); }, failed, "input cam_num=11 is illegal"},
@@ -406,11 +412,7 @@ TEST_F(EntryPoints, EveryLimitAcceptsItsEdgeAndRefusesOnePast)
         std::filesystem::remove_all(dir.path());
         std::filesystem::create_directory(dir.path());
         writeFourCameraCalibration();
-        ZQGFX_AVS_STATUS status = ZQGFX_AVS_SUCCESS;
-        const std::string out = stdoutOf([&] { status = row.call(*this); });
-        EXPECT_EQ(status, row.expected) << out;
-        EXPECT_TRUE(row.expected == ok ? !contains(out, "FAILED") : contains(out, row.line)) << out;
-        stdoutOf([&] { entry_test::endInstance(&context); });
+        expectRowOutcome(*this, row);
     }
 }
 
