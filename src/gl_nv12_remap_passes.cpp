@@ -209,8 +209,7 @@ int ZQGL_Remap::bindCameraTexture(int cam)
 
 FrameCounters& ZQGL_Remap::frameCounters()
 {
-    thread_local FrameCounters unshared;  // an engine used without a blend record counts here
-    return blendResource != nullptr ? blendResource->counters : unshared;
+    return frameCountersOf(blendResource);
 }
 
 namespace {

@@ -52,6 +52,14 @@ struct multibandResource {
     FrameCounters counters;
 };
 
+// The frame counters of `resource`; an engine used without a record counts into a spare of its
+// thread's.
+inline FrameCounters& frameCountersOf(multibandResource* resource)
+{
+    thread_local FrameCounters unshared;
+    return resource != nullptr ? resource->counters : unshared;
+}
+
 // Level l of a pyramid whose level 0 is `size` wide or high: size / 2^l, truncated.
 inline int pyramidLevelSize(int size, int level)
 {

@@ -53,8 +53,7 @@ bool zqglMultibandBlend::fillSeamBaseLevels(int camera)
 
 FrameCounters& zqglMultibandBlend::frameCounters()
 {
-    thread_local FrameCounters unshared;  // an engine used without a record counts here
-    return _multiResource != nullptr ? _multiResource->counters : unshared;
+    return frameCountersOf(_multiResource);
 }
 
 int zqglMultibandBlend::glesMultibandDrawGauss(int* do_blend_array)
