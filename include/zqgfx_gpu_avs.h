@@ -157,6 +157,25 @@ ZQGFX_AVS_EXPORT const char* ZQGFX_AVS_get_path();
 // the GPU: for benchmarks, not for production. ZQGFX_AVS_FAILED before init or without the
 // frame's inputs.
 ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_profile_frame(void* context, ZQGFX_AVS_STAGE_TIMES_T* times);
+
+// Exposure and white-balance compensation: every frame the two sides of each blended seam are
+// compared (mean R, G, B over a coarse grid of the overlap, leaving out samples near black or
+// white and samples where the sides disagree far more than the rest), gains are solved from all
+// seams at once, and the applied gains follow them smoothly in the log domain. The measurement
+// is read back without waiting for the frame, so an estimate acts one frame later.
+//   mode 0: off (the output is exactly that of an instance without compensation);
+//   mode 1: one gain per camera; mode 2: one gain per camera and colour channel.
+//   smoothing in (0, 1]: the share of the way to the new estimate taken per frame (1: at once;
+//   0.1 follows an exposure change within about a second at 30 frames per second).
+// Gains are clamped to [0.5, 2]; a camera without a blended seam keeps gain 1. On the calling
+// thread, after ZQGFX_AVS_init and between frames. Planes and portable paths; ZQGFX_AVS_FAILED
+// with an error line for a bad mode or smoothing, before init, or on the target path.
+// In buffer mode, PSR_INITPARAMS_S::use_gain 1 or 2 turns the mode on at init (smoothing 0.1).
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_set_compensation(void* context, int mode, float smoothing);
+
+// The gains applied to the last frame: numView x 3 floats (R, G, B per camera, in camera order);
+// all 1 with compensation off. ZQGFX_AVS_FAILED when `count` is smaller than numView x 3.
+ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_get_compensation(void* context, float* gains, int count);
 }
 
 #endif  // ZQGFX_GPU_AVS_H

@@ -51,6 +51,8 @@ extern const char* const gPortableRemapFragmentShaderChroma;
 extern const char* const gMeshQuadVertexShader;
 // [fetched][program]: four fetches of the nearest nodes, or one filtered fetch; luma, chroma, RGB.
 extern const char* const gMeshFragmentShaders[2][3];
+// The same with exposure compensation (uniform mat3 yuvGain); built only when it is turned on.
+extern const char* const gMeshGainFragmentShaders[2][3];
 extern const char* const gSeamAtlasVertexShader;
 extern const char* const gSeamAtlasFragmentShaders[7];
 

@@ -154,7 +154,12 @@ int drawBlockQuad(ZQGL_Remap& engine, const PassReports& reports, MeshQuadRemap:
                   const BlockViewport& view, int y, int cam, GLuint fbo)
 {
     if (bindBlockCamera(engine, reports, cam) != 0) return -1;
-    if (!engine.meshQuads.draw(program, index, fbo, view.x, y, view.w, view.h, engine.frameCounters())) {
+    const ExposureCompensation* compensation =
+        engine.blendResource != nullptr ? engine.blendResource->compensation : nullptr;
+    std::array<GLfloat, 9> gain{};
+    if (compensation != nullptr && compensation->active()) gain = yuvGainMatrix(compensation->gains(cam));
+    if (!engine.meshQuads.draw(program, index, fbo, view.x, y, view.w, view.h, engine.frameCounters(),
+                               compensation != nullptr && compensation->active() ? &gain : nullptr)) {
         reportStep(reports, reports.renderOnStderr, kRenderFailed);
         return -1;
     }

@@ -6,6 +6,8 @@
 
 #include <GLES3/gl31.h>
 
+#include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace zqgfx_gpu_avs {
@@ -53,6 +55,11 @@ using GlFramebuffer = GlName<gl_owner_detail::deleteFramebuffer>;
 using GlBuffer = GlName<gl_owner_detail::deleteBuffer>;
 using GlProgram = GlName<gl_owner_detail::deleteProgram>;
 using GlVertexArray = GlName<gl_owner_detail::deleteVertexArray>;
+
+struct GlFenceDelete {
+    void operator()(GLsync fence) const { glDeleteSync(fence); }
+};
+using GlFence = std::unique_ptr<std::remove_pointer_t<GLsync>, GlFenceDelete>;
 
 // A new texture of `internalFormat` and `w` x `h`, nearest or linear filtered, clamped to its edges.
 GlTexture makeTexture(GLenum internalFormat, int w, int h, bool linear);

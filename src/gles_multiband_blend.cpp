@@ -264,6 +264,8 @@ int zqglMultibandBlend::deinitMultibandBlend(int* do_blend_array)
 {
     AvsTimer timer;
     delete_multibandBlend_resource(do_blend_array);
+    compensation.release();
+    if (_multiResource != nullptr && _multiResource->compensation == &compensation) _multiResource->compensation = nullptr;
     for (GLuint* program : {&gProgram, &gProgram_blend, &gProgram_blendYUV, &gProgram_lowest}) {
         glDeleteProgram(*program);
         *program = 0;

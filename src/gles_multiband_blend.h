@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common_resource.h"
+#include "exposure_compensation.h"
 #include "frame_counters.h"
 #include "seam_atlas.h"
 #include "zqgfx_gpu_avs.h"
@@ -48,6 +49,8 @@ struct multibandResource {
     AvsGpuCaps caps;
     // Plane paths: the blend engine's seam atlas, which the remap draws the seams' sides into.
     SeamAtlas* seamAtlas = nullptr;
+    // Plane paths: the blend engine's exposure compensation, whose gains the remap applies.
+    ExposureCompensation* compensation = nullptr;
     // The work of the frame in flight (or the last one), for the profiling hook.
     FrameCounters counters;
 };
@@ -222,6 +225,14 @@ private:
     // Plane paths: all seams' pyramids and alpha levels, one target per level.
     SeamAtlas seamAtlas;
     std::vector<SeamAtlas::Window> seamWindows;  // per camera, refreshed every frame
+public:
+    // Measured on the seam atlas; its GL objects live until deinitMultibandBlend.
+    ExposureCompensation compensation;
+    // Plane paths: a finished measurement in before the frame's remap, the next one queued after
+    // its pyramid. Neither waits for the GPU.
+    void collectExposure() { compensation.collect(seamAtlas); }
+    bool measureExposure() { return compensation.measure(seamAtlas); }
+private:
     int createSeamAtlas(int* do_blend_array);
     FrameCounters& frameCounters();
 

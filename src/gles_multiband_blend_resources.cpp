@@ -225,6 +225,7 @@ int zqglMultibandBlend::createSeamAtlas(int* do_blend_array)
     if (!seamAtlas.create(layout, !isU8Alpha(r.avsAlphaType))) return -1;
     seamWindows.assign(static_cast<size_t>(cameraNum), SeamAtlas::Window{});
     _multiResource->seamAtlas = &seamAtlas;
+    _multiResource->compensation = &compensation;
     return 0;
 }
 

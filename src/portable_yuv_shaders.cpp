@@ -179,6 +179,41 @@ const char* const gMeshQuadVertexShader =
 const char* const gMeshFragmentShaders[2][3] = {AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_MESH_SOURCE),
                                                 AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
 
+// The same three with exposure compensation: RGB gains as a matrix on centred YUV. Luma then
+// depends on chroma too, so every program reads both planes.
+#define AVS_GLSL_GAIN                                                  \
+    "uniform mat3 yuvGain;\n"                                          \
+    "vec3 compensated(vec3 yuv)\n"                                     \
+    "{\n"                                                              \
+    "    vec3 centre = vec3(0.0, kChromaOffset, kChromaOffset);\n"     \
+    "    return yuvGain * (yuv - centre) + centre;\n"                  \
+    "}\n"
+
+#define AVS_GLSL_MESH_GAIN_PROGRAM(OUTPUT, SOURCE)                                   \
+    "#version 310 es \n"                                                           \
+    "precision highp float;\n"                                                     \
+    AVS_GLSL_BT601_FULL_RANGE                                                      \
+    AVS_GLSL_CAMERA_SAMPLERS                                                       \
+    AVS_GLSL_GAIN                                                                  \
+    OUTPUT                                                                         \
+    SOURCE                                                                         \
+    "void main()\n"                                                                \
+    "{\n"                                                                          \
+    "    writePlane(compensated(cameraYuv(sourceCoords())));\n"                    \
+    "}\n"
+
+#define AVS_GLSL_RGB_WRITE \
+    "out vec4 FragColor;\n" \
+    "void writePlane(vec3 yuv) { FragColor = vec4(yuvToRgb601Full(yuv), 1.0); }\n"
+
+#define AVS_GLSL_MESH_GAIN_PROGRAMS(SOURCE)                              \
+    {AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_LUMA_OUTPUT, SOURCE),           \
+     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, SOURCE),         \
+     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_RGB_WRITE, SOURCE)}
+
+const char* const gMeshGainFragmentShaders[2][3] = {AVS_GLSL_MESH_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE),
+                                                    AVS_GLSL_MESH_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
+
 // ---- the seam atlas: every seam of a level in one draw --------------------------------------
 
 // Each quad carries the rectangles it reads, in texels of their textures, in the order

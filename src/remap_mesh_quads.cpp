@@ -41,8 +41,23 @@ bool MeshQuadRemap::create(bool filtered)
     return ready();
 }
 
+bool MeshQuadRemap::createGainPrograms()
+{
+    for (int p = 0; p < programCount; ++p) {
+        if (gainPrograms_[p]) continue;
+        gainPrograms_[p] = makeProgram(gMeshQuadVertexShader, gMeshGainFragmentShaders[filtered_ ? 1 : 0][p]);
+        if (!gainPrograms_[p]) {
+            AVS_LOGE("mesh remap program %d with exposure compensation does not build", p);
+            return false;
+        }
+        gainLocations_[p] = glGetUniformLocation(gainPrograms_[p].get(), "yuvGain");
+    }
+    return true;
+}
+
 void MeshQuadRemap::release()
 {
+    for (GlProgram& program : gainPrograms_) program.reset();
     meshes_.clear();
     quad_.reset();
     vertices_.reset();
@@ -74,7 +89,7 @@ bool MeshQuadRemap::storeMesh(int index, const float* meshx, const float* meshy,
 }
 
 bool MeshQuadRemap::draw(Program program, int index, GLuint framebuffer, int x, int y, int w, int h,
-                         FrameCounters& counters)
+                         FrameCounters& counters, const std::array<GLfloat, 9>* yuvGain)
 {
     const auto found = meshes_.find(index);
     if (found == meshes_.end()) {
@@ -83,7 +98,12 @@ bool MeshQuadRemap::draw(Program program, int index, GLuint framebuffer, int x, 
     }
     if (found->second.width < 2 || found->second.height < 2) return true;
     glViewport(x, y, w, h);
-    glUseProgram(programs_[program].get());
+    if (yuvGain != nullptr && gainPrograms_[program]) {
+        glUseProgram(gainPrograms_[program].get());
+        glUniformMatrix3fv(gainLocations_[program], 1, GL_FALSE, yuvGain->data());
+    } else {
+        glUseProgram(programs_[program].get());
+    }
     glActiveTexture(GL_TEXTURE0 + kMeshUnit);
     glBindTexture(GL_TEXTURE_2D, found->second.texture.get());
     glActiveTexture(GL_TEXTURE0);

@@ -4,6 +4,7 @@
 #ifndef ZQGFX_AVS_REMAP_MESH_QUADS_H
 #define ZQGFX_AVS_REMAP_MESH_QUADS_H
 
+#include <array>
 #include <map>
 
 #include "common_resource.h"
@@ -30,7 +31,11 @@ public:
     // Draws block `index` with `program` into the viewport (x, y, w, h) of the bound `framebuffer`;
     // the camera's textures are bound by the caller. A mesh of fewer than 2 x 2 nodes covers
     // nothing and draws nothing. False on a GL error.
-    bool draw(Program program, int index, GLuint framebuffer, int x, int y, int w, int h, FrameCounters& counters);
+    // `yuvGain`: the camera's exposure compensation (see yuvGainMatrix), or null for none.
+    bool draw(Program program, int index, GLuint framebuffer, int x, int y, int w, int h, FrameCounters& counters,
+              const std::array<GLfloat, 9>* yuvGain = nullptr);
+    // The programs that apply a gain matrix, made on first call; false when they cannot be made.
+    bool createGainPrograms();
 
 private:
     struct Mesh {
@@ -38,6 +43,8 @@ private:
         int width = 0, height = 0;
     };
     GlProgram programs_[programCount];
+    GlProgram gainPrograms_[programCount];
+    GLint gainLocations_[programCount] = {};
     GlBuffer vertices_;
     GlVertexArray quad_;
     std::map<int, Mesh> meshes_;

@@ -146,6 +146,14 @@ bool SeamAtlas::create(const SeamAtlasLayout& layout, bool floatAlpha)
     return true;
 }
 
+int SeamAtlas::measuredLevel() const
+{
+    constexpr int kCoarsest = 3;  // 8 x 8 pixels of the overlap per sample
+    int level = kCoarsest;
+    for (int s = 0; s < layout_.seamCount(); ++s) level = std::min(level, layout_.seam(s).levels - 1);
+    return std::max(level, 0);
+}
+
 bool SeamAtlas::createLevel(int l, bool floatAlpha)
 {
     Level& level = levels_[static_cast<size_t>(l)];

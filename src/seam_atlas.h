@@ -69,6 +69,14 @@ public:
     int seamOfCamera(int camera) const;
     // Level 0 of the Gaussian atlas: the remap draws both sides of every seam into it.
     GLuint finestFramebuffer() const { return levels_.empty() ? 0 : levels_[0].gaussFbo.get(); }
+    // Gaussian level `level` of both sides of every seam; 0 when there is no such level.
+    GLuint gaussFramebuffer(int level) const
+    {
+        return level >= 0 && level < static_cast<int>(levels_.size()) ? levels_[level].gaussFbo.get() : 0;
+    }
+    // The level the exposure is measured on: coarse enough to average noise and detail away,
+    // held by every seam.
+    int measuredLevel() const;
     // Alpha level `level` of seam s, w x h elements from `pixels` (rows as GL unpacks them).
     bool uploadAlpha(int s, int level, int w, int h, const void* pixels);
 

@@ -162,9 +162,10 @@ int blendIntoPlane(void* blend, const zqgfx_gpu_avs::OutputPlane& plane)
 // pass per output plane for the non-overlap blocks and the seams' finest level together.
 int drawPlaneFrame(ZQGL_Remap* remap, zqglMultibandBlend* blend, int* doBlendArray, StageClock& clock)
 {
+    blend->collectExposure();
     if (remap->glesRemapOverlapNew() < 0) return -1;
     clock.lap(&AvsStageTimes::remap_ms);
-    if (blend->glesMultibandDrawGauss(doBlendArray) < 0) return -1;
+    if (blend->glesMultibandDrawGauss(doBlendArray) < 0 || !blend->measureExposure()) return -1;
     clock.lap(&AvsStageTimes::pyramid_ms);
     if (blend->collapseSeams() < 0 || remap->drawOutputPlanes(blendIntoPlane, blend) < 0) return -1;
     clock.lap(&AvsStageTimes::blend_ms);
@@ -232,6 +233,40 @@ bool frameInputsPresent(const ZQGFX_AVS_CONTEXT_T* context)
     if (context->inputFdArray != nullptr) return true;
     AVS_LOGE("inputFdArray is NULL, FAILED!");
     return false;
+}
+
+// Compensation is measured on the plane paths' seam atlas and applied by their remap programs.
+int applyCompensation(int mode, float smoothing, const char* caller)
+{
+    AvsThreadInstance& state = t_instance;
+    if (mode < 0 || mode > 2) {
+        AVS_LOGE_IN(caller, "compensation mode %d is none of 0 (off), 1 (gain), 2 (channels), FAILED!", mode);
+        return -1;
+    }
+    if (!(smoothing > 0.0f && smoothing <= 1.0f)) {
+        AVS_LOGE_IN(caller, "compensation smoothing %g is not in (0, 1], FAILED!", static_cast<double>(smoothing));
+        return -1;
+    }
+    if (!state.multiband_resource->caps.drawsPlanes()) {
+        AVS_LOGE_IN(caller, "exposure compensation needs the planes or portable path; this instance runs %s, FAILED!",
+                    gpuPathName(state.multiband_resource->caps.path));
+        return -1;
+    }
+    if (mode != 0 && !state.zqRemapInstance->meshQuads.createGainPrograms()) return -1;
+    state.zqMultibandBlendInstance->compensation.configure(static_cast<zqgfx_gpu_avs::CompensationMode>(mode),
+                                                           smoothing, state.init_params->camera_num);
+    AVS_LOGD("exposure compensation: mode %d, smoothing %g", mode, static_cast<double>(smoothing));
+    return 0;
+}
+
+// In buffer mode the caller's layout can turn compensation on at init; files never do.
+void applyCompensationOfLayout(const ZQGFX_AVS_CONTEXT_T* context)
+{
+    const uint32_t mode = t_instance.init_params->use_gain;
+    if (!context->useMeshBufAddress || mode == 0) return;
+    if (applyCompensation(static_cast<int>(mode), static_cast<float>(zqgfx_gpu_avs::ExposureCompensation::kDefaultSmoothing),
+                          "ZQGFX_AVS_init") != 0)
+        AVS_LOGE("use_gain=%u is ignored: the frames are stitched without compensation", mode);
 }
 
 }  // namespace
@@ -322,6 +357,7 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context)
         return ZQGFX_AVS_FAILED;
     }
     state.if_init_avs = 1;
+    applyCompensationOfLayout(ctx);
     AVS_LOGE("Init success! Version:%s, use_time=%fms\n", kLibraryVersion, timer.elapsedMs());
     return ZQGFX_AVS_SUCCESS;
 }
@@ -415,6 +451,29 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_profile_frame(void* context, ZQGFX_AVS_STAGE_TIMES_T*
 {
     return avs_profile_frame(static_cast<ZQGFX_AVS_CONTEXT_T*>(context), times) == 0 ? ZQGFX_AVS_SUCCESS
                                                                                      : ZQGFX_AVS_FAILED;
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_set_compensation(void* context, int mode, float smoothing)
+{
+    if (!frameCallReady(context, __FUNCTION__)) return ZQGFX_AVS_FAILED;
+    return applyCompensation(mode, smoothing, __FUNCTION__) == 0 ? ZQGFX_AVS_SUCCESS : ZQGFX_AVS_FAILED;
+}
+
+ZQGFX_AVS_STATUS ZQGFX_AVS_get_compensation(void* context, float* gains, int count)
+{
+    if (!frameCallReady(context, __FUNCTION__)) return ZQGFX_AVS_FAILED;
+    const int cameras = t_instance.init_params->camera_num;
+    if (gains == nullptr || count < 3 * cameras) {
+        AVS_LOGE("%d gains asked for, the %d cameras have %d, FAILED!", gains == nullptr ? 0 : count, cameras,
+                 3 * cameras);
+        return ZQGFX_AVS_FAILED;
+    }
+    const zqgfx_gpu_avs::ExposureCompensation& compensation = t_instance.zqMultibandBlendInstance->compensation;
+    for (int camera = 0; camera < cameras; ++camera)
+        for (int c = 0; c < 3; ++c)
+            gains[3 * camera + c] =
+                camera < compensation.cameraCount() ? static_cast<float>(compensation.gains(camera)[c]) : 1.0f;
+    return ZQGFX_AVS_SUCCESS;
 }
 
 const char* ZQGFX_AVS_get_path()

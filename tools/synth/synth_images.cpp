@@ -181,6 +181,8 @@ Nv12Image renderCamera(const Calibration& calib, int camera, const RgbImage& sce
     const CameraModel& cam = geo.cameras[camera];
     const int width = calib.rig.src_width;
     const double gain = calib.rig.gains.empty() ? 1.0 : calib.rig.gains[camera];
+    double channelGain[3] = {gain, gain, gain};
+    for (int k = 0; k < 3 && !calib.rig.casts.empty(); ++k) channelGain[k] *= calib.rig.casts[3 * camera + k];
     // The azimuth of a camera column does not depend on the row: work it out once per column.
     std::vector<double> panoX(static_cast<size_t>(width)), cosAlpha(static_cast<size_t>(width));
     for (int x = 0; x < width; ++x) {
@@ -200,7 +202,7 @@ Nv12Image renderCamera(const Calibration& calib, int camera, const RgbImage& sce
                 continue;
             }
             sampleBilinear(scene, px, py, out);
-            for (int k = 0; k < 3; ++k) out[k] = static_cast<float>(out[k] * gain);
+            for (int k = 0; k < 3; ++k) out[k] = static_cast<float>(out[k] * channelGain[k]);
         }
     };
     return encodeNv12(width, calib.rig.src_height, row);

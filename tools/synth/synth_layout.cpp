@@ -119,6 +119,10 @@ static std::string validateSizes(const RigConfig& rig)
         return "gains must be empty or one per camera";
     for (double gain : rig.gains)
         if (!(gain > 0.0)) return "gains must be positive";
+    if (!rig.casts.empty() && static_cast<int>(rig.casts.size()) != 3 * rig.cameras)
+        return "casts must be empty or three (R, G, B) per camera";
+    for (double cast : rig.casts)
+        if (!(cast > 0.0)) return "casts must be positive";
     if (rig.hfov_deg < 0.0 || rig.hfov_deg > 360.0) return "hfov_deg must be 0 (automatic) or up to 360";
     // At least a pixel, so that the bilinear taps of every mesh node lie on the image.
     if (!(rig.edge_margin_px >= 1.0) || rig.edge_margin_px * 4 >= std::min(rig.src_width, rig.src_height))

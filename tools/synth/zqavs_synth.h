@@ -55,6 +55,8 @@ struct RigConfig {
     AlphaType alpha_type = AlphaType::U8;
     int overlap_width = 128;
     std::vector<double> gains;        // per camera exposure gain; empty means all 1.0
+    std::vector<double> casts;        // per camera R, G, B factors (a white-balance cast), 3 per
+                                      // camera one after the other; empty means none
     SeamProfile seam_profile = SeamProfile::LinearRamp;
     double hfov_deg = 0.0;            // field of view of the whole panorama; 0 picks 40 per camera
     double edge_margin_px = 4.0;      // mesh nodes stay this far inside the camera image

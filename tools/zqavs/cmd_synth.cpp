@@ -46,12 +46,13 @@ void addSynthCommand(CLI::App& app, SynthOptions& options, ToolResult& result)
                            ->check(CLI::ExistingFile);
     // A rig file describes everything the synthetic rig's options would.
     for (const char* name : {"--cameras", "--source-size", "--panorama-size", "--step-x", "--step-y", "--bands",
-                             "--alpha", "--overlap", "--gains", "--profile"})
+                             "--alpha", "--overlap", "--gains", "--casts", "--profile"})
         rig->excludes(cmd->get_option(name));
     cmd->footer("Writes zq_ps_gpu_mesh_params.txt, the mesh and alpha files, camera<i>.nv12 / .png and scene.png.\n"
                 "With --rig: camera<i>.nv12 / .png as the rig's cameras see the scene, and panorama.png, the\n"
                 "panorama an ideal stitcher would show (no calibration: that is zqavs calib's job).\n"
                 "Examples: zqavs synth calib --cameras 4 --gains 1,1.2,0.8,1\n"
+                "          zqavs synth calib --cameras 2 --casts 1.05,1,0.95,1,1,1\n"
                 "          zqavs synth --rig rig.json --scene sphere.jpg -o trial");
     cmd->callback([&options, &result] {
         if (options.dir.empty()) throw CLI::ValidationError("synth", "needs an output directory (DIR or -o DIR)");

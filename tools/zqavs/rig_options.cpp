@@ -28,6 +28,8 @@ void addRigOptions(CLI::App* cmd, RigOptions& options)
         ->capture_default_str();
     cmd->add_option("--overlap", rig.overlap_width, "overlap width in panorama pixels")->capture_default_str();
     cmd->add_option("--gains", rig.gains, "per-camera exposure gains, e.g. 1,1.2,0.9,1")->delimiter(',');
+    cmd->add_option("--casts", rig.casts, "per-camera white-balance casts, R,G,B for each camera in turn")
+        ->delimiter(',');
     cmd->add_option("--profile", options.profile, "seam alpha profile")
         ->check(CLI::IsMember({"ramp", "step"}))
         ->capture_default_str();
@@ -58,6 +60,11 @@ bool resolveRig(RigOptions& options, std::string* error)
     if (!rig.gains.empty() && static_cast<int>(rig.gains.size()) != rig.cameras) {
         *error = "--gains: " + std::to_string(rig.gains.size()) + " values for " + std::to_string(rig.cameras) +
                  " cameras";
+        return false;
+    }
+    if (!rig.casts.empty() && static_cast<int>(rig.casts.size()) != 3 * rig.cameras) {
+        *error = "--casts: " + std::to_string(rig.casts.size()) + " values for " + std::to_string(rig.cameras) +
+                 " cameras (R, G, B each)";
         return false;
     }
     const std::string problem = zqavs_synth::validateRig(rig);
