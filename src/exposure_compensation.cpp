@@ -22,6 +22,8 @@ constexpr double kSpreadFactor = 4.0 * 1.4826, kMinSpread = 0.1;
 // solving again on the images as that solution would draw them converges on agreement.
 constexpr int kSolveRounds = 200;
 constexpr double kSolveDone = 1e-5;
+// Half a percent, in the log domain: about one code at the top of the range.
+constexpr double kStill = 0.005;
 
 double luma(const ChannelGains& rgb)
 {
@@ -276,12 +278,14 @@ void ExposureCompensation::collect(const SeamAtlas& atlas)
 
 // The estimate depends on the scene alone (the applied gains are divided out of the samples), so
 // following it cannot oscillate; the log domain makes a step up and a step down equally fast.
+// Within kStill of the estimate a gain stays where it is: any change of gain flips roundings in
+// the 8-bit pyramid levels, so a static scene only gives still frames once the gains stop.
 void ExposureCompensation::follow(const std::vector<ChannelGains>& estimate)
 {
     for (size_t i = 0; i < applied_.size(); ++i)
         for (int c = 0; c < 3; ++c) {
-            const double now = std::log(applied_[i][c]);
-            applied_[i][c] = std::exp(now + smoothing_ * (std::log(estimate[i][c]) - now));
+            const double now = std::log(applied_[i][c]), gap = std::log(estimate[i][c]) - now;
+            if (std::fabs(gap) >= kStill) applied_[i][c] = std::exp(now + smoothing_ * gap);
         }
 }
 

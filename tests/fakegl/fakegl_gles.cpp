@@ -127,6 +127,20 @@ GLint glGetUniformLocation(GLuint program, const GLchar* name) {
     return locations.emplace(name, static_cast<GLint>(locations.size())).first->second;
 }
 
+// Fences are handles that never signal: a caller that polls them sees work still in flight.
+GLsync glFenceSync(GLenum condition, GLbitfield flags) {
+    record("glFenceSync", condition, flags);
+    return reinterpret_cast<GLsync>(static_cast<uintptr_t>(createObject("sync")));
+}
+GLenum glClientWaitSync(GLsync sync, GLbitfield flags, GLuint64 timeout) {
+    record("glClientWaitSync", sync, flags, timeout);
+    return GL_TIMEOUT_EXPIRED;
+}
+void glDeleteSync(GLsync sync) {
+    record("glDeleteSync", sync);
+    state().live["sync"].erase(static_cast<uint64_t>(reinterpret_cast<uintptr_t>(sync)));
+}
+
 GLenum glCheckFramebufferStatus(GLenum target) {
     record("glCheckFramebufferStatus", target);
     return inj().framebufferStatus;

@@ -738,6 +738,38 @@ TEST_P(FrameWork, AWarmFrameMakesItsPathsPassesAndTheProfileHookCountsThem)
     EXPECT_EQ(recorded, expected);
     EXPECT_EQ((FrameWorkCount{times.render_passes, times.draw_calls, times.triangles}), recorded);
     EXPECT_GT(times.fragments, 0);
+
+    // Compensation on: no pass more, and its measurement goes into a pack buffer behind a fence
+    // that is only ever polled. Off again: the calls of a frame that never compensated.
+    const std::string plainFrame = remap_test::callSequence(".", from);
+    const ZQGFX_AVS_STATUS on = ZQGFX_AVS_set_compensation(&context, 2, 0.1f);
+    EXPECT_EQ(on, path == "target" ? ZQGFX_AVS_FAILED : ZQGFX_AVS_SUCCESS);
+    for (int f = 0; f < 2 && on == ZQGFX_AVS_SUCCESS; ++f) {
+        const size_t start = fakegl::calls().size();
+        ASSERT_EQ(ZQGFX_AVS_profile_frame(&context, &times), ZQGFX_AVS_SUCCESS);
+        EXPECT_EQ(recordedWork(start), expected);
+        int64_t packBuffer = 0;
+        int packedReads = 0, polls = 0;
+        for (size_t i = start; i < fakegl::calls().size(); ++i) {
+            const fakegl::Call& call = fakegl::calls()[i];
+            if (call.fn == "glBindBuffer" && call.args[0] == GL_PIXEL_PACK_BUFFER) packBuffer = call.args[1];
+            packedReads += call.fn == "glReadPixels" && packBuffer != 0;
+            if (call.fn == "glClientWaitSync") EXPECT_EQ(call.args[2], 0) << "a wait on the GPU";
+            polls += call.fn == "glClientWaitSync";
+            EXPECT_NE(call.fn, "glMapBufferRange") << "a measurement whose fence never passed was read";
+        }
+        EXPECT_EQ(packedReads, 1);
+        EXPECT_EQ(fakegl::countCalls("glFenceSync"), static_cast<size_t>(f + 1));
+        EXPECT_EQ(polls, f);  // the first frame has nothing in flight
+        EXPECT_EQ(packBuffer, 0);  // unbound again
+    }
+    if (on == ZQGFX_AVS_SUCCESS) {
+        ASSERT_EQ(ZQGFX_AVS_set_compensation(&context, 0, 0.1f), ZQGFX_AVS_SUCCESS);
+        const size_t start = fakegl::calls().size();
+        ASSERT_EQ(ZQGFX_AVS_profile_frame(&context, &times), ZQGFX_AVS_SUCCESS);
+        EXPECT_EQ(remap_test::callSequence(".", start), plainFrame);
+        EXPECT_EQ(fakegl::liveObjects("sync"), 0u);
+    }
     for (int fd : fds) close(fd);
 }
 
