@@ -27,6 +27,9 @@ extern const char* const gRemapVertexShader;
 extern const char* const gRemapFragmentShaderYUV;       // gProgram: YUV image in, YUV out
 extern const char* const gRemapFragmentShaderRGB;       // gProgramRGB: YUV image in, RGB out
 extern const char* const gRemapFragmentShaderRGBtoYUV;  // gProgramRGBtoYUV: RGB in, YUV out
+// Twins of the first two that apply exposure compensation (uniform mat3 yuvGain).
+extern const char* const gRemapGainFragmentShaderYUV;
+extern const char* const gRemapGainFragmentShaderRGB;
 
 // Blend engine (src/gles_multiband_blend*.cpp). Only gFragmentShader_blendYUV needs GL_EXT_YUV_target.
 extern const char* const gVertexShader;

@@ -6,7 +6,6 @@
 
 #include "DebugLog.h"
 #include "gles_multiband_blend.h"
-#include "seam_atlas.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -219,15 +218,13 @@ void ExposureCompensation::configure(CompensationMode mode, double smoothing, in
     if (mode == CompensationMode::off) release();
 }
 
-bool ExposureCompensation::measure(const SeamAtlas& atlas)
+bool ExposureCompensation::measure(const Source& source)
 {
-    if (!active()) return true;
-    const int level = atlas.measuredLevel();
-    const GLuint fbo = atlas.gaussFramebuffer(level);
+    if (!active() || source.layout == nullptr || source.reads.empty()) return true;
     PendingRead& read = reads_[nextRead_];
-    if (fbo == 0 || read.fence) return true;  // nothing to read, or the slot's read not taken in yet
-    const SeamAtlasLayout& layout = atlas.layout();
-    const int w = layout.gridWidth(level), h = 2 * layout.gridHeight(level);
+    if (read.fence) return true;  // the slot's read has not been taken in yet
+    const SeamAtlasLayout& layout = *source.layout;
+    const int w = layout.gridWidth(source.level), h = 2 * layout.gridHeight(source.level);
     const size_t bytes = static_cast<size_t>(w) * h * 4;
     if (!read.buffer) {
         GLuint name = 0;
@@ -236,20 +233,26 @@ bool ExposureCompensation::measure(const SeamAtlas& atlas)
     }
     glBindBuffer(GL_PIXEL_PACK_BUFFER, read.buffer.get());
     if (read.bytes != bytes) glBufferData(GL_PIXEL_PACK_BUFFER, static_cast<GLsizeiptr>(bytes), nullptr, GL_STREAM_READ);
-    glBindFramebuffer(GL_READ_FRAMEBUFFER, fbo);
-    glReadPixels(0, 0, w, h, GL_RGBA, GL_UNSIGNED_BYTE, nullptr);
+    const bool whole = source.reads.size() == 1 && source.reads[0].into.w == w;
+    if (!whole) glPixelStorei(GL_PACK_ROW_LENGTH, w);
+    for (const Source::Read& r : source.reads) {
+        glBindFramebuffer(GL_READ_FRAMEBUFFER, r.framebuffer);
+        const size_t offset = 4 * (static_cast<size_t>(r.into.y) * w + r.into.x);
+        glReadPixels(0, 0, r.into.w, r.into.h, GL_RGBA, GL_UNSIGNED_BYTE, reinterpret_cast<void*>(offset));
+    }
+    if (!whole) glPixelStorei(GL_PACK_ROW_LENGTH, 0);
     glBindFramebuffer(GL_READ_FRAMEBUFFER, 0);
     glBindBuffer(GL_PIXEL_PACK_BUFFER, 0);
     if (!checkGlError("glReadPixels")) return false;
     read.bytes = bytes;
-    read.level = level;
+    read.level = source.level;
     read.drawnWith = applied_;
     read.fence.reset(glFenceSync(GL_SYNC_GPU_COMMANDS_COMPLETE, 0));
     nextRead_ = (nextRead_ + 1) % kReadsInFlight;
     return true;
 }
 
-void ExposureCompensation::collect(const SeamAtlas& atlas)
+void ExposureCompensation::collect(const SeamAtlasLayout& layout)
 {
     if (!active()) return;
     // The oldest read first; one that has not landed yet is left for a later frame.
@@ -259,10 +262,9 @@ void ExposureCompensation::collect(const SeamAtlas& atlas)
         const GLenum state = glClientWaitSync(read.fence.get(), 0, 0);
         if (state != GL_ALREADY_SIGNALED && state != GL_CONDITION_SATISFIED) return;
         read.fence.reset();
-        const SeamAtlasLayout& layout = atlas.layout();
+        if (read.level >= layout.levels()) continue;  // the blend was set up again since
         const int w = layout.gridWidth(read.level);
-        if (read.level >= layout.levels() || read.bytes != static_cast<size_t>(w) * 2 * layout.gridHeight(read.level) * 4)
-            continue;  // the blend was set up again since
+        if (read.bytes != static_cast<size_t>(w) * 2 * layout.gridHeight(read.level) * 4) continue;
         glBindBuffer(GL_PIXEL_PACK_BUFFER, read.buffer.get());
         const void* mapped =
             glMapBufferRange(GL_PIXEL_PACK_BUFFER, 0, static_cast<GLsizeiptr>(read.bytes), GL_MAP_READ_BIT);

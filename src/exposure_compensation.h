@@ -15,11 +15,10 @@
 #include <vector>
 
 #include "gl_owners.h"
+#include "seam_atlas.h"
 
 namespace zqgfx_gpu_avs {
 
-class SeamAtlas;
-class SeamAtlasLayout;
 
 enum class CompensationMode { off = 0, gain = 1, channels = 2 };
 
@@ -57,10 +56,22 @@ public:
     bool active() const { return mode_ != CompensationMode::off; }
     CompensationMode mode() const { return mode_; }
 
+    // Where a frame's measurement comes from: rectangles of framebuffers that together make up
+    // Gaussian `level` of `layout` (one for a whole atlas level, or one per seam and side).
+    struct Source {
+        const SeamAtlasLayout* layout = nullptr;
+        int level = 0;
+        struct Read {
+            GLuint framebuffer;
+            AtlasRect into;  // read from (0, 0) of the framebuffer into this rectangle of the level
+        };
+        std::vector<Read> reads;
+    };
+
     // Before a frame's remap: takes in a finished measurement, if there is one, without waiting.
-    void collect(const SeamAtlas& atlas);
-    // After the frame's pyramid: queues the read of the level that is measured.
-    bool measure(const SeamAtlas& atlas);
+    void collect(const SeamAtlasLayout& layout);
+    // After the frame's pyramid: queues the reads of the measured level.
+    bool measure(const Source& source);
     // The gains the current frame is drawn with.
     const ChannelGains& gains(int camera) const { return applied_[static_cast<size_t>(camera)]; }
     int cameraCount() const { return static_cast<int>(applied_.size()); }

@@ -325,6 +325,7 @@ int ZQGL_Remap::ZQ_EGL_Deinit()
     delete planeIo;
     planeIo = nullptr;
     meshQuads.release();
+    for (GlProgram& program : gainPrograms) program.reset();
 
     deleteCachedVbo();
     free(cache_input_fd);

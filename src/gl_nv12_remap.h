@@ -195,6 +195,12 @@ public:
     // The plane paths draw every block as one quad with its mesh in a texture (made with the
     // context when a plane path is chosen; empty on the target path, which draws the strips).
     MeshQuadRemap meshQuads;
+    // Exposure compensation: the programs that apply gains, made when it is turned on (the mesh
+    // quads' on the plane paths, twins of gProgram and gProgramRGB on the target path). False
+    // when they cannot be made.
+    bool createGainPrograms();
+    // `program`, or its twin with camera `cam`'s gains set while compensation is on.
+    GLuint compensatedProgram(GLuint program, int cam);
     // This frame's work, kept in the shared record.
     FrameCounters& frameCounters();
 
@@ -212,6 +218,9 @@ public:
     multibandResource* blendResource;
 
 private:
+    // Target path: the twins of gProgram and gProgramRGB with gains, and their gain uniforms.
+    GlProgram gainPrograms[2];
+    GLint gainLocations[2] = {};
     int drawNonoverlapBlocks(const OutputPlane& plane);
     int drawSeamSidesIntoAtlas();
     // Whatever an import slot holds goes, on either path; the table entry is left to the caller.

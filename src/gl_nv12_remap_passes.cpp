@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "avs_shader_texts.h"
 #include "gles_multiband_blend.h"
 #include "portable_yuv.h"
 #include "seam_atlas.h"
@@ -130,18 +131,19 @@ bool findBlockMeshes(ZQGL_Remap& engine, const char* pass, int index, RemapVboIn
     return true;
 }
 
-// The per-block step every pass shares: viewport, camera image, strip; the strip's work is
-// counted against `fbo`.
+// The per-block step every pass shares: viewport, camera image, strip (drawn with `program`, or
+// its exposure-compensated twin); the strip's work is counted against `fbo`.
 template <class DrawStrip>
 int drawBlock(ZQGL_Remap& engine, const PassReports& reports, GLuint program, const BlockViewport& view, int cam,
               GLuint fbo, int vertices, DrawStrip drawStrip)
 {
-    if (!engine.setupGraphicsTest(program, view.x, 0, view.w, view.h)) {
+    const GLuint used = engine.compensatedProgram(program, cam);
+    if (!engine.setupGraphicsTest(used, view.x, 0, view.w, view.h)) {
         reportStep(reports, reports.setupOnStderr, kSetupFailed);
         return -1;
     }
     if (bindBlockCamera(engine, reports, cam) != 0) return -1;
-    if (drawStrip() != 1) {
+    if (drawStrip(used) != 1) {
         reportStep(reports, reports.renderOnStderr, kRenderFailed);
         return -1;
     }
@@ -212,6 +214,33 @@ int ZQGL_Remap::bindCameraTexture(int cam)
     return frameIo().bindInput(slot, textureID[cam]) ? 0 : -1;
 }
 
+bool ZQGL_Remap::createGainPrograms()
+{
+    if (meshQuads.ready()) return meshQuads.createGainPrograms();
+    const char* const texts[2] = {gRemapGainFragmentShaderYUV, gRemapGainFragmentShaderRGB};
+    for (int k = 0; k < 2; ++k) {
+        if (gainPrograms[k]) continue;
+        gainPrograms[k] = makeProgram(gRemapVertexShader, texts[k]);
+        if (!gainPrograms[k]) {
+            AVS_LOGE("remap program %d with exposure compensation does not build", k);
+            return false;
+        }
+        gainLocations[k] = glGetUniformLocation(gainPrograms[k].get(), "yuvGain");
+    }
+    return true;
+}
+
+GLuint ZQGL_Remap::compensatedProgram(GLuint program, int cam)
+{
+    const ExposureCompensation* compensation = blendResource != nullptr ? blendResource->compensation : nullptr;
+    if (compensation == nullptr || !compensation->active()) return program;
+    const int k = program == gProgram ? 0 : program == gProgramRGB ? 1 : -1;
+    if (k < 0 || !gainPrograms[k]) return program;
+    const std::array<GLfloat, 9> gain = yuvGainMatrix(compensation->gains(cam));
+    glProgramUniformMatrix3fv(gainPrograms[k].get(), gainLocations[k], 1, GL_FALSE, gain.data());
+    return gainPrograms[k].get();
+}
+
 FrameCounters& ZQGL_Remap::frameCounters()
 {
     return frameCountersOf(blendResource);
@@ -243,8 +272,8 @@ int ZQGL_Remap::drawNonoverlapBlocks(const OutputPlane& plane)
                 meshQuads.ready()
                     ? drawBlockQuad(*this, reports, quadProgram, index, onTarget, 0, cam, plane.fbo)
                     : drawBlock(*this, reports, program, onTarget, cam, plane.fbo,
-                                stripVertexCount(vertex->meshWidth, vertex->meshHeight), [&] {
-                                    return renderFrameNew(program, vertex->meshWidth, vertex->meshHeight,
+                                stripVertexCount(vertex->meshWidth, vertex->meshHeight), [&](GLuint used) {
+                                    return renderFrameNew(used, vertex->meshWidth, vertex->meshHeight,
                                                           vertex->mVboId, tex->mVboId);
                                 });
             if (drawn != 0) return -1;
@@ -337,8 +366,8 @@ int ZQGL_Remap::glesRemapOverlapNew()
             const GLuint fbo = overlapFramebuffer[cam][bn].fbo_id;
             if (bindPassFramebuffer(reports.pass, fbo) != 0) return -1;
             if (drawBlock(*this, reports, gProgramRGB, view, cam, fbo,
-                          stripVertexCount(vertex->meshWidth, vertex->meshHeight), [&] {
-                              return renderFrameNew(gProgramRGB, vertex->meshWidth, vertex->meshHeight,
+                          stripVertexCount(vertex->meshWidth, vertex->meshHeight), [&](GLuint used) {
+                              return renderFrameNew(used, vertex->meshWidth, vertex->meshHeight,
                                                     vertex->mVboId, tex->mVboId);
                           }) != 0)
                 return -1;
@@ -375,8 +404,8 @@ int ZQGL_Remap::glesRemapNonoverlapVBO()
                 AVS_LOGD("avs-debug bld_h=%d dst_x=%d,dst_w=%d,mesh_w=%d,mesh_h=%d\n", view.h, view.x, view.w,
                          mesh_w, mesh_h);
                 if (drawBlock(*this, reports, program, onPlane(view, plane), cam, plane.fbo,
-                              stripVertexCount(mesh_w, mesh_h), [&] {
-                        return renderFrameVBO(program, mesh_w, mesh_h, floats, nonoverlapVertexesVBO,
+                              stripVertexCount(mesh_w, mesh_h), [&](GLuint used) {
+                        return renderFrameVBO(used, mesh_w, mesh_h, floats, nonoverlapVertexesVBO,
                                               nonoverlapTexVertexesVBO);
                     }) != 0)
                     return -1;
@@ -408,8 +437,8 @@ int ZQGL_Remap::glesRemapOverlapVBO()
                      mesh_h);
             const GLuint fbo = overlapFramebuffer[cam][bn].fbo_id;
             if (bindPassFramebuffer(reports.pass, fbo) != 0) return -1;
-            if (drawBlock(*this, reports, gProgramRGB, view, cam, fbo, stripVertexCount(mesh_w, mesh_h), [&] {
-                    return renderFrameVBO(gProgramRGB, mesh_w, mesh_h, floats, overlapVertexesVBO,
+            if (drawBlock(*this, reports, gProgramRGB, view, cam, fbo, stripVertexCount(mesh_w, mesh_h), [&](GLuint used) {
+                    return renderFrameVBO(used, mesh_w, mesh_h, floats, overlapVertexesVBO,
                                           overlapTexVertexesVBO);
                 }) != 0)
                 return -1;

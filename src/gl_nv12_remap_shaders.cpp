@@ -16,13 +16,15 @@ const char* const gRemapVertexShader =
     "    gl_Position = vec4(vPosition.x, vPosition.y, 0.0, 1.0);\n"
     "}\n";
 
-// The opening shared by the two fragment texts that sample the camera image.
-#define ZQAVS_REMAP_Y2Y_FRAGMENT_HEAD \
+// The opening shared by the fragment texts that sample the camera image.
+#define ZQAVS_REMAP_Y2Y_DECLARATIONS \
     "#version 310 es \n" \
     "#extension GL_OES_EGL_image_external : require\n" \
     "#extension GL_EXT_YUV_target : require\n" \
     "precision highp float;\n" \
-    "uniform __samplerExternal2DY2YEXT outTexture;\n" \
+    "uniform __samplerExternal2DY2YEXT outTexture;\n"
+#define ZQAVS_REMAP_Y2Y_FRAGMENT_HEAD \
+    ZQAVS_REMAP_Y2Y_DECLARATIONS \
     "in vec2 outTexCoords;\n" \
     "out vec4 FragColor;\n" \
     "void main()\n" \
@@ -41,6 +43,29 @@ const char* const gRemapFragmentShaderRGB =
     "    FragColor = vec4(yuv_2_rgb(yuvTex.xyz, itu_601_full_range), 1.0);\n"
     "}\n";
 
+// The same two with exposure compensation: RGB gains as a matrix on centred YUV.
+#define ZQAVS_REMAP_Y2Y_GAIN_HEAD \
+    ZQAVS_REMAP_Y2Y_DECLARATIONS \
+    "uniform mat3 yuvGain;\n" \
+    "in vec2 outTexCoords;\n" \
+    "out vec4 FragColor;\n" \
+    "void main()\n" \
+    "{\n" \
+    "    vec3 centre = vec3(0.0, 128.0 / 255.0, 128.0 / 255.0);\n" \
+    "    vec3 yuv = yuvGain * (texture(outTexture, outTexCoords).xyz - centre) + centre;\n"
+
+const char* const gRemapGainFragmentShaderYUV =
+    ZQAVS_REMAP_Y2Y_GAIN_HEAD
+    "    FragColor = vec4(yuv, 1.0);\n"
+    "}\n";
+
+const char* const gRemapGainFragmentShaderRGB =
+    ZQAVS_REMAP_Y2Y_GAIN_HEAD
+    "    FragColor = vec4(yuv_2_rgb(yuv, itu_601_full_range), 1.0);\n"
+    "}\n";
+
+#undef ZQAVS_REMAP_Y2Y_GAIN_HEAD
+
 // RGB texture to YUV.
 const char* const gRemapFragmentShaderRGBtoYUV =
     "#version 310 es \n"
@@ -56,5 +81,6 @@ const char* const gRemapFragmentShaderRGBtoYUV =
     "}\n";
 
 #undef ZQAVS_REMAP_Y2Y_FRAGMENT_HEAD
+#undef ZQAVS_REMAP_Y2Y_DECLARATIONS
 
 }  // namespace zqgfx_gpu_avs

@@ -49,7 +49,7 @@ struct multibandResource {
     AvsGpuCaps caps;
     // Plane paths: the blend engine's seam atlas, which the remap draws the seams' sides into.
     SeamAtlas* seamAtlas = nullptr;
-    // Plane paths: the blend engine's exposure compensation, whose gains the remap applies.
+    // The blend engine's exposure compensation, whose gains the remap applies.
     ExposureCompensation* compensation = nullptr;
     // The work of the frame in flight (or the last one), for the profiling hook.
     FrameCounters counters;
@@ -230,9 +230,16 @@ public:
     ExposureCompensation compensation;
     // Plane paths: a finished measurement in before the frame's remap, the next one queued after
     // its pyramid. Neither waits for the GPU.
-    void collectExposure() { compensation.collect(seamAtlas); }
-    bool measureExposure() { return compensation.measure(seamAtlas); }
+    void collectExposure() { compensation.collect(measuredLayout()); }
+    bool measureExposure() { return !compensation.active() || compensation.measure(exposureSource()); }
 private:
+    // Where every seam's Gaussian levels lie: the atlas's own layout on the plane paths, the same
+    // plan laid over the per-seam pyramids on the target path.
+    const SeamAtlasLayout& measuredLayout() const { return portablePath() ? seamAtlas.layout() : seamLayout; }
+    ExposureCompensation::Source exposureSource() const;
+    bool seamShapes(const int* do_blend_array, std::vector<SeamShape>* shapes) const;
+    int planSeamLayout(const int* do_blend_array);
+    SeamAtlasLayout seamLayout;
     int createSeamAtlas(int* do_blend_array);
     FrameCounters& frameCounters();
 

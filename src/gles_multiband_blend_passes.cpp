@@ -51,6 +51,28 @@ bool zqglMultibandBlend::fillSeamBaseLevels(int camera)
     return true;
 }
 
+ExposureCompensation::Source zqglMultibandBlend::exposureSource() const
+{
+    ExposureCompensation::Source source;
+    const SeamAtlasLayout& layout = measuredLayout();
+    const int level = layout.measuredLevel();
+    source.layout = &layout;
+    source.level = level;
+    if (layout.levels() == 0) return source;
+    if (portablePath()) {
+        source.reads.push_back({seamAtlas.gaussFramebuffer(level), {0, 0, layout.gridWidth(level), 2 * layout.gridHeight(level)}});
+        return source;
+    }
+    for (int s = 0; s < layout.seamCount(); ++s) {
+        const int camera = layout.seam(s).camera;
+        for (SeamAtlasLayout::Side side : {SeamAtlasLayout::sideA, SeamAtlasLayout::sideB}) {
+            const drmSharedFramebuffer* pyramid = (side == SeamAtlasLayout::sideA ? gaussFboAttrA : gaussFboAttrB)[camera];
+            if (pyramid != nullptr) source.reads.push_back({pyramid[level].fbo_id, layout.sideRect(s, side, level)});
+        }
+    }
+    return source;
+}
+
 FrameCounters& zqglMultibandBlend::frameCounters()
 {
     return frameCountersOf(_multiResource);

@@ -151,6 +151,7 @@ int zqglMultibandBlend::init_multibandBlend_resource(multibandResource* init_res
     outputAFBC = init_resource->outputIsAFBC;
     cameraNum = init_resource->cameraNum > 0 ? init_resource->cameraNum : 0;
     useAlphaBufAddress = init_resource->useMeshBufAddress;
+    init_resource->compensation = &compensation;
 
     size_t cameras = static_cast<size_t>(cameraNum);
     readFileTexID.assign(cameras, {});
@@ -184,6 +185,7 @@ int zqglMultibandBlend::init_multibandBlend_resource(multibandResource* init_res
                                        do_blend_array) < 0 ||
           create_multi_fbo_and_texture(cameraNum, outFboAttr, init_resource->output_width, bld_height,
                                        do_blend_array) < 0)) ||
+        (perSeamPyramids && planSeamLayout(do_blend_array) < 0) ||
         (!perSeamPyramids && createSeamAtlas(do_blend_array) < 0) ||
         create_muti_alpha_texture_test(cameraNum, alphaAttr, init_resource->output_width,
                                        init_resource->output_height, init_resource->meshAlphaDrmBufMsgArray,
@@ -197,22 +199,39 @@ int zqglMultibandBlend::init_multibandBlend_resource(multibandResource* init_res
 
 // One shape per blended seam: level 0 of each side is its remapped overlap block, the levels
 // below follow the seam's window and the blend height, as the alpha levels do.
-int zqglMultibandBlend::createSeamAtlas(int* do_blend_array)
+bool zqglMultibandBlend::seamShapes(const int* do_blend_array, std::vector<SeamShape>* shapes) const
 {
     const multibandResource& r = *_multiResource;
-    std::vector<SeamShape> shapes;
     for (int i = 0; i < cameraNum; ++i) {
         if (do_blend_array[i] <= 0) continue;
         const int next = seamNextCamera(i, cameraNum);
         if (r.overlap_remap_fbo[i].empty() || r.overlap_remap_fbo[next].empty()) {
             AVS_LOGE("camera %d or %d has no overlap block to blend!", i, next);
-            return -1;
+            return false;
         }
         const drmSharedFramebuffer& a = r.overlap_remap_fbo[i].back();
         const drmSharedFramebuffer& b = r.overlap_remap_fbo[next].front();
-        shapes.push_back(SeamShape{i, r.multi_band_num[i], {a.width, b.width}, {a.height, b.height},
-                                   r.output_width[i], bld_height});
+        shapes->push_back(SeamShape{i, r.multi_band_num[i], {a.width, b.width}, {a.height, b.height},
+                                    r.output_width[i], bld_height});
     }
+    return true;
+}
+
+// The target path keeps a pyramid per seam; the exposure measurement lays their levels out as an
+// atlas would, on the CPU only.
+int zqglMultibandBlend::planSeamLayout(const int* do_blend_array)
+{
+    std::vector<SeamShape> shapes;
+    if (!seamShapes(do_blend_array, &shapes)) return -1;
+    constexpr int kUnbounded = 1 << 30;
+    return seamLayout.plan(shapes, kUnbounded, nullptr) ? 0 : -1;
+}
+
+int zqglMultibandBlend::createSeamAtlas(int* do_blend_array)
+{
+    const multibandResource& r = *_multiResource;
+    std::vector<SeamShape> shapes;
+    if (!seamShapes(do_blend_array, &shapes)) return -1;
     GLint limit = 0;
     glGetIntegerv(GL_MAX_TEXTURE_SIZE, &limit);
     if (limit <= 0 || limit > zqavs_calib_core::kMaxTextureSize) limit = zqavs_calib_core::kMaxTextureSize;
@@ -225,7 +244,6 @@ int zqglMultibandBlend::createSeamAtlas(int* do_blend_array)
     if (!seamAtlas.create(layout, !isU8Alpha(r.avsAlphaType))) return -1;
     seamWindows.assign(static_cast<size_t>(cameraNum), SeamAtlas::Window{});
     _multiResource->seamAtlas = &seamAtlas;
-    _multiResource->compensation = &compensation;
     return 0;
 }
 

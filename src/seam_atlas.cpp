@@ -146,11 +146,11 @@ bool SeamAtlas::create(const SeamAtlasLayout& layout, bool floatAlpha)
     return true;
 }
 
-int SeamAtlas::measuredLevel() const
+int SeamAtlasLayout::measuredLevel() const
 {
     constexpr int kCoarsest = 3;  // 8 x 8 pixels of the overlap per sample
     int level = kCoarsest;
-    for (int s = 0; s < layout_.seamCount(); ++s) level = std::min(level, layout_.seam(s).levels - 1);
+    for (const SeamShape& seam : seams_) level = std::min(level, seam.levels - 1);
     return std::max(level, 0);
 }
 

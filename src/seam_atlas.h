@@ -50,6 +50,9 @@ public:
     // Seam s's side in the Gaussian atlas, its result and its alpha in theirs.
     AtlasRect sideRect(int s, Side side, int level) const;
     AtlasRect cellRect(int s, int level) const;
+    // The level the exposure is measured on: coarse enough to average noise and detail away,
+    // held by every seam.
+    int measuredLevel() const;
 
 private:
     std::vector<SeamShape> seams_;
@@ -74,9 +77,7 @@ public:
     {
         return level >= 0 && level < static_cast<int>(levels_.size()) ? levels_[level].gaussFbo.get() : 0;
     }
-    // The level the exposure is measured on: coarse enough to average noise and detail away,
-    // held by every seam.
-    int measuredLevel() const;
+
     // Alpha level `level` of seam s, w x h elements from `pixels` (rows as GL unpacks them).
     bool uploadAlpha(int s, int level, int w, int h, const void* pixels);
 

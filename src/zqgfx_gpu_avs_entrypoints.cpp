@@ -175,9 +175,10 @@ int drawPlaneFrame(ZQGL_Remap* remap, zqglMultibandBlend* blend, int* doBlendArr
 // The target path's frame, in the interface's order of passes.
 int drawYuvFrame(ZQGL_Remap* remap, zqglMultibandBlend* blend, int* doBlendArray, StageClock& clock)
 {
+    blend->collectExposure();
     if (remap->glesRemapNonoverlapNew() < 0 || remap->glesRemapOverlapNew() < 0) return -1;
     clock.lap(&AvsStageTimes::remap_ms);
-    if (blend->glesMultibandDrawGauss(doBlendArray) < 0) return -1;
+    if (blend->glesMultibandDrawGauss(doBlendArray) < 0 || !blend->measureExposure()) return -1;
     clock.lap(&AvsStageTimes::pyramid_ms);
     if (blend->glesMultibandBlend(remap->outputPlanes(), doBlendArray) < 0) return -1;
     clock.lap(&AvsStageTimes::blend_ms);
@@ -235,7 +236,7 @@ bool frameInputsPresent(const ZQGFX_AVS_CONTEXT_T* context)
     return false;
 }
 
-// Compensation is measured on the plane paths' seam atlas and applied by their remap programs.
+// Compensation is measured on the blend's Gaussian levels and applied by the remap programs.
 int applyCompensation(int mode, float smoothing, const char* caller)
 {
     AvsThreadInstance& state = t_instance;
@@ -247,12 +248,7 @@ int applyCompensation(int mode, float smoothing, const char* caller)
         AVS_LOGE_IN(caller, "compensation smoothing %g is not in (0, 1], FAILED!", static_cast<double>(smoothing));
         return -1;
     }
-    if (!state.multiband_resource->caps.drawsPlanes()) {
-        AVS_LOGE_IN(caller, "exposure compensation needs the planes or portable path; this instance runs %s, FAILED!",
-                    gpuPathName(state.multiband_resource->caps.path));
-        return -1;
-    }
-    if (mode != 0 && !state.zqRemapInstance->meshQuads.createGainPrograms()) return -1;
+    if (mode != 0 && !state.zqRemapInstance->createGainPrograms()) return -1;
     state.zqMultibandBlendInstance->compensation.configure(static_cast<zqgfx_gpu_avs::CompensationMode>(mode),
                                                            smoothing, state.init_params->camera_num);
     AVS_LOGD("exposure compensation: mode %d, smoothing %g", mode, static_cast<double>(smoothing));
