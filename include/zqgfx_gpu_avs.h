@@ -168,8 +168,9 @@ ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_profile_frame(void* context, ZQGFX_A
 //   smoothing in (0, 1]: the share of the way to the new estimate taken per frame (1: at once;
 //   0.1 follows an exposure change within about a second at 30 frames per second).
 // Gains are clamped to [0.5, 2]; a camera without a blended seam keeps gain 1. On the calling
-// thread, after ZQGFX_AVS_init and between frames. Planes and portable paths; ZQGFX_AVS_FAILED
-// with an error line for a bad mode or smoothing, before init, or on the target path.
+// thread, after ZQGFX_AVS_init and between frames, on every path. ZQGFX_AVS_FAILED with an error
+// line for a bad mode or smoothing, or before init. With compensation on, each frame reads a
+// little of its blend back (a small, coarse pyramid level) and draws with gain-applying programs.
 // In buffer mode, PSR_INITPARAMS_S::use_gain 1 or 2 turns the mode on at init (smoothing 0.1).
 ZQGFX_AVS_EXPORT ZQGFX_AVS_STATUS ZQGFX_AVS_set_compensation(void* context, int mode, float smoothing);
 
