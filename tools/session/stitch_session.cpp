@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 
 namespace zqavs {
@@ -89,6 +90,47 @@ bool StitchSession::resize(int width, int height, std::string* error)
     return true;
 }
 
+bool StitchSession::setCompensation(int mode, float smoothing, std::string* error)
+{
+    if (ZQGFX_AVS_set_compensation(&context_, mode, smoothing) == ZQGFX_AVS_SUCCESS) {
+        smoothing_ = smoothing;
+        return true;
+    }
+    *error = std::string("exposure compensation is not available on the ") + ZQGFX_AVS_get_path() + " path";
+    return false;
+}
+
+std::vector<float> StitchSession::compensationGains()
+{
+    std::vector<float> gains(static_cast<size_t>(setup_.rig.cameras) * 3, 1.0f);
+    ZQGFX_AVS_get_compensation(&context_, gains.data(), static_cast<int>(gains.size()));
+    return gains;
+}
+
+int StitchSession::settleCompensation(int maxFrames, bool* settled, std::string* error)
+{
+    // An estimate acts a frame after it is measured, and its read-back may take a frame longer:
+    // a few frames in a row without movement mean it has settled. The gains move by the
+    // smoothing's share of their distance to the estimate per frame, so that distance is what
+    // is held under 1e-3.
+    constexpr int kStillFrames = 3;
+    const float still = 1e-3f * smoothing_;
+    std::vector<float> last = compensationGains();
+    int stillFrames = 0, frames = 0;
+    while (frames < maxFrames && stillFrames < kStillFrames) {
+        double ms = 0.0;
+        if (!frame(&ms, error)) return -1;
+        ++frames;
+        const std::vector<float> now = compensationGains();
+        float moved = 0.0f;
+        for (size_t i = 0; i < now.size(); ++i) moved = std::max(moved, std::abs(now[i] - last[i]));
+        stillFrames = moved < still ? stillFrames + 1 : 0;
+        last = now;
+    }
+    *settled = stillFrames == kStillFrames;
+    return frames;
+}
+
 zqavs_synth::Nv12View StitchSession::outputView() const
 {
     return {output_.data(), panoramaWidth_, static_cast<int>(context_.outputBufferHeight), (panoramaWidth_ + 15) & ~15};
@@ -100,6 +142,19 @@ double medianOf(std::vector<double> values)
     std::sort(values.begin(), values.end());
     const size_t mid = values.size() / 2;
     return values.size() % 2 ? values[mid] : (values[mid - 1] + values[mid]) / 2.0;
+}
+
+const std::vector<std::string>& compensationModeNames()
+{
+    static const std::vector<std::string> names{"off", "gain", "channels"};
+    return names;
+}
+
+int compensationModeOf(const std::string& name)
+{
+    const std::vector<std::string>& names = compensationModeNames();
+    const auto it = std::find(names.begin(), names.end(), name);
+    return it == names.end() ? -1 : static_cast<int>(it - names.begin());
 }
 
 }  // namespace zqavs

@@ -32,6 +32,14 @@ public:
     // One frame; *ms is its wall-clock time including the fence wait.
     bool frame(double* ms, std::string* error);
     bool resize(int width, int height, std::string* error);
+    // Exposure compensation (mode 0 off, 1 gain, 2 channels); false with *error where the
+    // path has none (the target path).
+    bool setCompensation(int mode, float smoothing, std::string* error);
+    // The R, G, B gains per camera applied to the last frame.
+    std::vector<float> compensationGains();
+    // Stitches until the gains stop moving or maxFrames frames are done; the frames it took, or
+    // -1 with *error.
+    int settleCompensation(int maxFrames, bool* settled, std::string* error);
     // One frame with the GPU drained between its stages, timing each.
     bool profileFrame(ZQGFX_AVS_STAGE_TIMES_T* times, std::string* error);
     zqavs_synth::Nv12View outputView() const;
@@ -47,10 +55,16 @@ private:
     FrameBuffer output_;
     std::vector<int> fds_;
     int panoramaWidth_ = 0;
+    float smoothing_ = 1.0f;  // of the compensation last set
     bool initialised_ = false;
 };
 
 double medianOf(std::vector<double> values);
+
+// Compensation modes by name ("off", "gain", "channels"), as the tool and the element take them.
+const std::vector<std::string>& compensationModeNames();
+// The mode number of a name above, or -1.
+int compensationModeOf(const std::string& name);
 
 }  // namespace zqavs
 

@@ -23,6 +23,28 @@ bool writeOutput(const std::string& path, const zqavs_synth::Nv12View& view, std
     return false;
 }
 
+// Still images may take the whole estimate at once; the frames stop once the gains do.
+constexpr float kStillImageSmoothing = 1.0f;
+constexpr int kMaxSettleFrames = 50;
+
+// Turns compensation on and stitches until it settles, counting the frames in *frames. Where the
+// path has none, says so and leaves the frames uncompensated: *mode becomes "off". False only
+// when a frame fails.
+bool startCompensation(StitchSession& session, std::string* mode, int* frames, std::string* error)
+{
+    if (*mode == "off") return true;
+    if (!session.setCompensation(compensationModeOf(*mode), kStillImageSmoothing, error)) {
+        fprintf(stderr, "zqavs stitch: --compensate %s: %s; stitching without it\n", mode->c_str(), error->c_str());
+        *mode = "off";
+        return true;
+    }
+    bool settled = false;
+    *frames = session.settleCompensation(kMaxSettleFrames, &settled, error);
+    if (*frames < 0) return false;
+    if (!settled) fprintf(stderr, "zqavs stitch: the gains still moved after %d frames\n", *frames);
+    return true;
+}
+
 }  // namespace
 
 void addStitchCommand(CLI::App& app, StitchOptions& options, ToolResult& result)
@@ -33,11 +55,16 @@ void addStitchCommand(CLI::App& app, StitchOptions& options, ToolResult& result)
         ->required()
         ->check(CLI::ExistingFile);
     cmd->add_option("-o,--output", options.outputs, "panorama file(s): .png and/or raw NV12 (.nv12/.yuv)")->required();
-    cmd->add_option("--frames", options.frames, "stitch this many frames (timing)")->check(CLI::Range(1, 100000));
+    cmd->add_option("--frames", options.frames, "stitch this many frames (timing); with compensation on, after it has settled")
+        ->check(CLI::Range(1, 100000));
     cmd->add_flag("--sync", options.sync, "end frames with a flush and wait on a fence instead of a finish");
     cmd->add_option("--resize", options.resize, "resize the panorama to WxH (narrower, same height) before stitching");
     cmd->add_flag("--buffer-mode", options.bufferMode, "load the calibration into memory and use buffer mode");
     cmd->add_option("--alpha", options.alpha, "alpha element type")->check(CLI::IsMember({"auto", "u8", "float"}));
+    cmd->add_option("--compensate", options.compensate,
+                    "exposure compensation: one gain per camera, one per camera and channel, or none")
+        ->check(CLI::IsMember(compensationModeNames()))
+        ->capture_default_str();
     cmd->footer("Example: zqavs stitch calib calib/camera0.png calib/camera1.png calib/camera2.png "
                 "calib/camera3.png -o pano.png");
     cmd->callback([&options, &result] { result.code = runStitch(options); });
@@ -90,6 +117,12 @@ int runStitch(const StitchOptions& options)
         fprintf(stderr, "zqavs stitch: --resize: %s\n", error.c_str());
         return kExitFailure;
     }
+    std::string compensate = options.compensate;
+    int settleFrames = 0;
+    if (!startCompensation(session, &compensate, &settleFrames, &error)) {
+        fprintf(stderr, "zqavs stitch: %s\n", error.c_str());
+        return kExitFailure;
+    }
     std::vector<double> times;
     Progress progress("stitching frame");
     for (int f = 0; f < options.frames; ++f) {
@@ -109,6 +142,12 @@ int runStitch(const StitchOptions& options)
     printf("%s\n", pathLine(ZQGFX_AVS_get_path()).c_str());
     printf("%d frame%s of %dx%d, median %.2f ms per frame\n", options.frames, options.frames == 1 ? "" : "s",
            session.outputWidth(), session.outputHeight(), medianOf(times));
+    if (compensate == "off") {
+        printf("compensation: off\n");
+    } else {
+        printf("compensation: %s, settled over %d frames before those\n", compensate.c_str(), settleFrames);
+        printGains(session.compensationGains());
+    }
     for (const std::string& path : options.outputs) printf("wrote %s\n", path.c_str());
     return kExitSuccess;
 }

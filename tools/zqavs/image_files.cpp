@@ -1,6 +1,7 @@
 #include <stb_image.h>
 #include <stb_image_write.h>
 
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -31,6 +32,13 @@ std::string pathLine(const char* path)
                           : name == "portable" ? "camera images uploaded and the panorama read back by the CPU"
                                                : "not running";
     return "path: " + name + " (" + meaning + ")";
+}
+
+void printGains(const std::vector<float>& gains)
+{
+    for (size_t camera = 0; camera * 3 + 2 < gains.size(); ++camera)
+        printf("camera %zu gains: R %.3f  G %.3f  B %.3f\n", camera, gains[camera * 3], gains[camera * 3 + 1],
+               gains[camera * 3 + 2]);
 }
 
 bool readImage(const std::string& path, std::vector<unsigned char>& rgb, int* width, int* height)

@@ -42,6 +42,7 @@ struct StitchOptions {
     std::string resize;
     bool bufferMode = false;
     std::string alpha = "auto";
+    std::string compensate = "channels";
 };
 
 struct DemoOptions {
@@ -117,6 +118,8 @@ bool writeNv12AsPng(const std::string& path, const zqavs_synth::Nv12View& image)
 bool endsWith(const std::string& text, const std::string& suffix);
 // "path: NAME (what it means)", the line the stitching subcommands print.
 std::string pathLine(const char* path);
+// "camera N gains: R r  G g  B b" lines, from the 3 gains per camera of a stitch.
+void printGains(const std::vector<float>& gains);
 // One camera image of the given size as NV12 with the library's stride: PNG/JPEG, or raw NV12
 // (.nv12/.yuv, at that stride or tightly packed). False with *error naming the file.
 bool loadCameraImage(const std::string& path, int width, int height, zqavs_synth::Nv12Image* out, std::string* error);
