@@ -2,6 +2,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -50,6 +51,34 @@ struct TempDir {
     }
 };
 
+// The one gain g minimising the squared difference of g * actual and expected over the masked
+// columns.
+double fittedGain(const zqavs_synth::PlaneView& actual, const zqavs_synth::PlaneView& expected,
+                  const std::vector<uint8_t>& columnMask)
+{
+    double cross = 0.0, square = 0.0;
+    for (int y = 0; y < actual.height; ++y)
+        for (int x = 0; x < actual.width; ++x) {
+            if (!columnMask.empty() && !columnMask[x]) continue;
+            cross += static_cast<double>(actual.at(x, y)) * expected.at(x, y);
+            square += static_cast<double>(actual.at(x, y)) * actual.at(x, y);
+        }
+    return square > 0.0 ? cross / square : 1.0;
+}
+
+// PSNR of `actual` scaled by `gain` (rounded and clamped as a pixel would be) against `expected`.
+double psnrWithGain(const zqavs_synth::PlaneView& actual, double gain, const zqavs_synth::PlaneView& expected,
+                    const std::vector<uint8_t>& columnMask)
+{
+    std::vector<uint8_t> scaled(static_cast<size_t>(actual.width) * actual.height);
+    for (int y = 0; y < actual.height; ++y)
+        for (int x = 0; x < actual.width; ++x)
+            scaled[static_cast<size_t>(y) * actual.width + x] =
+                static_cast<uint8_t>(std::clamp(std::lround(actual.at(x, y) * gain), 0L, 255L));
+    const zqavs_synth::PlaneView view{scaled.data(), actual.width, actual.height, actual.width};
+    return zqavs_synth::psnr(view, expected, columnMask);
+}
+
 }  // namespace
 
 void addDemoCommand(CLI::App& app, DemoOptions& options, ToolResult& result)
@@ -89,6 +118,9 @@ int runDemo(const DemoOptions& options)
         return kExitFailure;
     }
     for (int c = 0; c < rig.cameras; ++c) session.setInput(c, cameras[c]);
+    const zqavs_synth::Nv12Image expected = zqavs_synth::rgbToNv12(scene);
+    const zqavs_synth::PlaneView sceneLuma = zqavs_synth::lumaPlane(expected.view());
+    const std::vector<uint8_t> covered = zqavs_synth::coveredColumns(calib.layout);
     std::vector<double> times;
     Progress progress("stitching frame");
     for (int f = 0; f < options.frames; ++f) {
@@ -99,6 +131,20 @@ int runDemo(const DemoOptions& options)
         }
         if (f > 0 || options.frames == 1) times.push_back(ms);  // the first frame compiles shaders
         progress.update(f + 1, options.frames);
+    }
+    progress.clear();
+    const double psnrOff = zqavs_synth::psnr(zqavs_synth::lumaPlane(session.outputView()), sceneLuma, covered);
+
+    // The same frames with compensation, at the library's default smoothing, until it settles.
+    constexpr float kSmoothing = 0.1f;
+    constexpr int kMaxSettleFrames = 200;
+    const bool compensated = session.setCompensation(2, kSmoothing, &error);
+    if (!compensated) fprintf(stderr, "zqavs demo: %s\n", error.c_str());
+    bool settled = false;
+    const int settleFrames = compensated ? session.settleCompensation(kMaxSettleFrames, &settled, &error) : 0;
+    if (settleFrames < 0) {
+        fprintf(stderr, "zqavs demo: %s\n", error.c_str());
+        return kExitFailure;
     }
 
     std::error_code ec;
@@ -116,14 +162,20 @@ int runDemo(const DemoOptions& options)
         fprintf(stderr, "zqavs demo: cannot write into %s\n", options.out.c_str());
         return kExitFailure;
     }
-    const zqavs_synth::Nv12Image expected = zqavs_synth::rgbToNv12(scene);
-    const double psnr = zqavs_synth::psnr(zqavs_synth::lumaPlane(output), zqavs_synth::lumaPlane(expected.view()),
-                                          zqavs_synth::coveredColumns(calib.layout));
+    const zqavs_synth::PlaneView luma = zqavs_synth::lumaPlane(output);
+    const double level = fittedGain(luma, sceneLuma, covered);
     printf("%s\n", pathLine(ZQGFX_AVS_get_path()).c_str());
     printf("cameras: %d x %dx%d -> panorama %dx%d, %zu blended seams\n", rig.cameras, rig.src_width, rig.src_height,
            rig.bld_width, rig.bld_height, calib.seams.size());
     printf("frame time: %.2f ms (median of %zu frames after the first)\n", medianOf(times), times.size());
-    printf("PSNR of Y against the scene: %.2f dB (the cameras' exposures differ by up to 10%%)\n", psnr);
+    printf("PSNR of Y against the scene, compensation off: %.2f dB (the cameras' exposures differ by up to 10%%)\n",
+           psnrOff);
+    if (compensated) {
+        printf("PSNR of Y against the scene, compensation channels: %.2f dB after %d frames%s (the panorama's luma "
+               "scaled by %.3f to fit the scene: compensation makes the cameras agree, their common level is free)\n",
+               psnrWithGain(luma, level, sceneLuma, covered), settleFrames, settled ? "" : ", not settled", level);
+        printGains(session.compensationGains());
+    }
     printf("wrote %s, %s, %s\n", panoPng.c_str(), panoNv12.c_str(), sidePng.c_str());
     return kExitSuccess;
 }
