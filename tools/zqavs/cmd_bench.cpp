@@ -17,6 +17,7 @@ struct BenchRow {
     int cameras = 0;
     int srcWidth = 0, srcHeight = 0, bldWidth = 0, bldHeight = 0;
     double frameMs = 0.0;
+    double uncompensatedMs = 0.0;  // the frame without compensation, when it is on
     double opencvMs = 0.0;  // the OpenCV pipeline on the same rig, when asked for
     double opencvAgreementDb = 0.0;  // PSNR of its luma against the library's
     ZQGFX_AVS_STAGE_TIMES_T stages{};
@@ -62,9 +63,24 @@ double opencvFrameMs(const zqavs_synth::Calibration& calib, const std::vector<zq
     return medianOf(times);
 }
 
-void runRow(BenchRow& row, int frames, bool opencv, int step)
+// Median wall-clock time of `frames` frames.
+bool timeFrames(StitchSession& session, int frames, double* medianMs, std::string* error)
 {
-    zqavs_synth::RigConfig rig = benchRig(row.cameras, row.srcWidth, row.srcHeight, step);
+    std::vector<double> times;
+    for (int f = 0; f < frames; ++f) {
+        double ms = 0.0;
+        if (!session.frame(&ms, error)) return false;
+        times.push_back(ms);
+    }
+    *medianMs = medianOf(times);
+    return true;
+}
+
+void runRow(BenchRow& row, const BenchOptions& options)
+{
+    const int frames = options.frames;
+    const int compensation = compensationModeOf(options.compensate);
+    zqavs_synth::RigConfig rig = benchRig(row.cameras, row.srcWidth, row.srcHeight, options.step);
     row.bldWidth = rig.bld_width;
     row.bldHeight = rig.bld_height;
     zqavs_synth::Calibration calib;
@@ -82,11 +98,14 @@ void runRow(BenchRow& row, int frames, bool opencv, int step)
     for (int c = 0; c < rig.cameras; ++c) session.setInput(c, cameras[c]);
     double ms = 0.0;
     if (!session.frame(&ms, &row.error)) return;  // warm-up: shader compilation, first imports
-    std::vector<double> times, imports, remaps, pyramids, blends, finishes;
-    for (int f = 0; f < frames; ++f) {
-        if (!session.frame(&ms, &row.error)) return;
-        times.push_back(ms);
+    if (compensation != 0) {
+        // The same instance without, then with compensation, for a ratio free of other changes.
+        if (!timeFrames(session, frames, &row.uncompensatedMs, &row.error)) return;
+        if (!session.setCompensation(compensation, 0.1f, &row.error)) return;
+        if (!session.frame(&ms, &row.error)) return;  // warm-up of the compensating programs
     }
+    if (!timeFrames(session, frames, &row.frameMs, &row.error)) return;
+    std::vector<double> imports, remaps, pyramids, blends, finishes;
     for (int f = 0; f < frames; ++f) {
         ZQGFX_AVS_STAGE_TIMES_T stages{};
         if (!session.profileFrame(&stages, &row.error)) return;
@@ -102,13 +121,12 @@ void runRow(BenchRow& row, int frames, bool opencv, int step)
         row.stages.triangles = stages.triangles;
         row.stages.fragments = stages.fragments;
     }
-    row.frameMs = medianOf(times);
     row.stages.import_ms = medianOf(imports);
     row.stages.remap_ms = medianOf(remaps);
     row.stages.pyramid_ms = medianOf(pyramids);
     row.stages.blend_ms = medianOf(blends);
     row.stages.finish_ms = medianOf(finishes);
-    if (opencv) row.opencvMs = opencvFrameMs(calib, cameras, frames, session.outputView(), &row.opencvAgreementDb);
+    if (options.opencv) row.opencvMs = opencvFrameMs(calib, cameras, frames, session.outputView(), &row.opencvAgreementDb);
 }
 
 }  // namespace
@@ -124,6 +142,10 @@ void addBenchCommand(CLI::App& app, BenchOptions& options, ToolResult& result)
     cmd->add_option("--json", options.json, "also write the table as JSON into this file");
     cmd->add_option("--step", options.step, "mesh node spacing of the rigs, in panorama pixels")
         ->check(CLI::Range(4, 64))
+        ->capture_default_str();
+    cmd->add_option("--compensate", options.compensate,
+                    "exposure compensation of the timed frames; when on, the same instance is first timed without")
+        ->check(CLI::IsMember(compensationModeNames()))
         ->capture_default_str();
     cmd->add_flag("--opencv", options.opencv,
                   "also time the OpenCV pipeline (cv::remap per camera, MultiBandBlender per seam) on each rig");
@@ -152,14 +174,17 @@ int runBench(const BenchOptions& options)
     }
     Progress progress("benchmarking rig");
     for (size_t i = 0; i < rows.size(); ++i) {
-        runRow(rows[i], options.frames, options.opencv, options.step);
+        runRow(rows[i], options);
         progress.update(static_cast<int>(i + 1), static_cast<int>(rows.size()));
     }
-    printf("%s, %d frames per rig, medians in ms\n", pathLine(rows.empty() ? nullptr : rows[0].path.c_str()).c_str(),
-           options.frames);
+    const bool compensated = options.compensate != "off";
+    printf("%s, %d frames per rig, compensation %s, medians in ms\n",
+           pathLine(rows.empty() ? nullptr : rows[0].path.c_str()).c_str(), options.frames,
+           options.compensate.c_str());
     printf("%-4s %-10s %-11s %8s %7s %8s %8s %8s %8s %8s", "cams", "source", "panorama", "frame", "fps", "import",
            "remap", "pyramid", "blend", "finish");
     printf(" %6s %5s %9s %11s", "passes", "draws", "triangles", "fragments");
+    if (compensated) printf(" %8s %8s", "off", "comp/off");
     printf(options.opencv ? " %8s %7s %7s\n" : "\n", "opencv", "ratio", "same dB");
     nlohmann::json json = nlohmann::json::array();
     bool failed = false;
@@ -178,6 +203,7 @@ int runBench(const BenchOptions& options)
         printf(" %6lld %5lld %9lld %11lld", static_cast<long long>(row.stages.render_passes),
                static_cast<long long>(row.stages.draw_calls), static_cast<long long>(row.stages.triangles),
                static_cast<long long>(row.stages.fragments));
+        if (compensated) printf(" %8.2f %8.2f", row.uncompensatedMs, row.frameMs / row.uncompensatedMs);
         if (options.opencv)
             printf(" %8.2f %7.2f %7.1f", row.opencvMs, row.frameMs / row.opencvMs, row.opencvAgreementDb);
         printf("\n");
@@ -196,7 +222,12 @@ int runBench(const BenchOptions& options)
                                 {"draw_calls", row.stages.draw_calls},
                                 {"triangles", row.stages.triangles},
                                 {"fragments", row.stages.fragments},
-                                {"mesh_step", options.step}};
+                                {"mesh_step", options.step},
+                                {"compensation", options.compensate}};
+        if (compensated) {
+            entry["uncompensated_frame_ms"] = row.uncompensatedMs;
+            entry["compensation_ratio"] = row.frameMs / row.uncompensatedMs;
+        }
         if (options.opencv) {
             entry["opencv_ms"] = row.opencvMs;
             entry["ratio"] = row.frameMs / row.opencvMs;
@@ -204,6 +235,9 @@ int runBench(const BenchOptions& options)
         }
         json.push_back(entry);
     }
+    if (compensated)
+        printf("off: the frame of the same instance without compensation, timed just before; comp/off: frame "
+               "over off\n");
     if (options.opencv)
         printf("ratio: the library's frame over the OpenCV pipeline's, both medians of this run; same dB: PSNR of "
                "the two panoramas' luma\n");

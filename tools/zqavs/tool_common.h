@@ -92,6 +92,7 @@ struct BenchOptions {
     std::string json;
     bool opencv = false;
     int step = 16;  // mesh node spacing of the bench rigs, in panorama pixels
+    std::string compensate = "off";
 };
 
 void addCheckCommand(CLI::App& app, CheckOptions& options, ToolResult& result);
