@@ -34,13 +34,33 @@ GstStaticPadTemplate sinkTemplate =
 GstStaticPadTemplate srcTemplate =
     GST_STATIC_PAD_TEMPLATE("src", GST_PAD_SRC, GST_PAD_ALWAYS, GST_STATIC_CAPS(GST_VIDEO_CAPS_MAKE("NV12")));
 
-enum { PROP_0, PROP_CALIBRATION, PROP_SYNC, PROP_PATH };
+enum { PROP_0, PROP_CALIBRATION, PROP_SYNC, PROP_PATH, PROP_COMPENSATION };
+
+// The library's compensation modes, by the numbers it takes.
+GType compensationType()
+{
+    static GType type = 0;
+    static const GEnumValue values[] = {
+        {0, "No compensation", "off"},
+        {1, "One gain per camera", "gain"},
+        {2, "One gain per camera and colour channel", "channels"},
+        {0, nullptr, nullptr},
+    };
+    if (g_once_init_enter(&type)) g_once_init_leave(&type, g_enum_register_static("GstZqavsStitchCompensation", values));
+    return type;
+}
+
+constexpr int kDefaultCompensation = 2;
+constexpr float kCompensationSmoothing = 0.1f;
 
 // The library's instance and everything it reads. Lives on the element's LibraryThread only.
 struct LibraryInstance {
     ZQGFX_AVS_CONTEXT_T context{};
     std::string calibDir;  // ends in '/', as the library appends file names
     bool ready = false;
+    int askedCompensation = 0;  // the mode asked of the library last, whether it took it or not
+    bool compensating = false;
+    std::vector<float> gains;  // those the last frame was drawn with, 3 per camera
 
     bool open(const zqavs_synth::RigConfig& rig, bool sync, std::string* error)
     {
@@ -51,7 +71,24 @@ struct LibraryInstance {
             return false;
         }
         ready = true;
+        askedCompensation = 0;
+        compensating = false;
+        gains.assign(static_cast<size_t>(rig.cameras) * 3, 1.0f);
         return true;
+    }
+
+    // False where the path has no compensation (the library says why on standard output).
+    bool setCompensation(int mode)
+    {
+        askedCompensation = mode;
+        const bool taken = ZQGFX_AVS_set_compensation(&context, mode, kCompensationSmoothing) == ZQGFX_AVS_SUCCESS;
+        compensating = taken && mode != 0;
+        return taken;
+    }
+
+    void readGains()
+    {
+        ZQGFX_AVS_get_compensation(&context, gains.data(), static_cast<int>(gains.size()));
     }
 
     bool frame(std::vector<int>& fds, std::string* error)
@@ -83,6 +120,7 @@ struct LibraryInstance {
 struct StitchState {
     std::string calibration;
     bool sync = false;
+    int compensation = kDefaultCompensation;
     std::string path = "none";
 
     zqavs_synth::RigConfig rig;
@@ -92,6 +130,7 @@ struct StitchState {
     bool targetPath = false;  // imports dma-bufs only; other memory is copied into the pools'
     zqavs_gst::DescriptorLedger ledger;
     GstBufferPool* outputPool = nullptr;
+    guint framesSinceReport = 0;  // frames stitched with compensation since its last message
 };
 
 // Fixed pools, made before any upstream descriptor reaches the library and kept until it is torn
@@ -440,11 +479,29 @@ static bool openLibrary(GstZqavsStitch* self, std::string* error)
     return true;
 }
 
+// Hands a change of the compensation property to the library, on its thread, before a frame.
+static void updateCompensation(GstZqavsStitch* self, LibraryInstance& library)
+{
+    GST_OBJECT_LOCK(self);
+    const int mode = self->state->compensation;
+    GST_OBJECT_UNLOCK(self);
+    if (mode == library.askedCompensation) return;
+    if (!library.setCompensation(mode))
+        GST_ELEMENT_WARNING(self, LIBRARY, SETTINGS, ("exposure compensation is not available on the %s path",
+                                                      ZQGFX_AVS_get_path()),
+                            ("stitching without it"));
+}
+
 static bool stitchOnLibraryThread(GstZqavsStitch* self, std::vector<int>& fds, std::string* error)
 {
     bool ok = false;
     const gint64 start = g_get_monotonic_time();
-    self->state->worker->run([&] { ok = self->state->library.frame(fds, error); });
+    self->state->worker->run([&] {
+        LibraryInstance& library = self->state->library;
+        updateCompensation(self, library);
+        ok = library.frame(fds, error);
+        if (ok && library.compensating) library.readGains();
+    });
     GST_LOG_OBJECT(self, "stitched in %.2f ms", (g_get_monotonic_time() - start) / 1000.0);
     return ok;
 }
@@ -493,6 +550,40 @@ static void consumeInputs(const std::vector<GstZqavsStitchPad*>& pads)
     }
 }
 
+// Frames a second at `info`'s rate, rounded; 30 where it has none.
+static guint framesPerSecond(const GstVideoInfo& info)
+{
+    const int n = GST_VIDEO_INFO_FPS_N(&info), d = GST_VIDEO_INFO_FPS_D(&info);
+    return n > 0 && d > 0 ? static_cast<guint>(std::max(1, (n + d / 2) / d)) : 30;
+}
+
+// "zqavs-compensation": the camera count and the gains (R, G, B per camera) of the last frame.
+static GstMessage* gainsMessage(GstZqavsStitch* self)
+{
+    const std::vector<float>& gains = self->state->library.gains;
+    GValue array = G_VALUE_INIT;
+    gst_value_array_init(&array, static_cast<guint>(gains.size()));
+    for (float gain : gains) {
+        GValue value = G_VALUE_INIT;
+        g_value_init(&value, G_TYPE_FLOAT);
+        g_value_set_float(&value, gain);
+        gst_value_array_append_and_take_value(&array, &value);
+    }
+    GstStructure* report =
+        gst_structure_new("zqavs-compensation", "cameras", G_TYPE_INT, self->state->rig.cameras, nullptr);
+    gst_structure_take_value(report, "gains", &array);
+    return gst_message_new_element(GST_OBJECT(self), report);
+}
+
+// With compensation on, the gains go to the application about once a second of sink_0's frames.
+static void reportGains(GstZqavsStitch* self, GstZqavsStitchPad* first)
+{
+    StitchState& state = *self->state;
+    if (!state.library.compensating || ++state.framesSinceReport < framesPerSecond(first->info)) return;
+    state.framesSinceReport = 0;
+    gst_element_post_message(GST_ELEMENT(self), gainsMessage(self));
+}
+
 static GstFlowReturn stitchFrame(GstZqavsStitch* self, const std::vector<GstZqavsStitchPad*>& pads,
                                  const std::vector<GstBuffer*>& inputs)
 {
@@ -526,6 +617,7 @@ static GstFlowReturn stitchFrame(GstZqavsStitch* self, const std::vector<GstZqav
         return ret;
     }
     stampOutput(self, pads[0], inputs[0], output);
+    reportGains(self, pads[0]);
     consumeInputs(pads);
     return gst_aggregator_finish_buffer(GST_AGGREGATOR(self), output);
 }
@@ -640,6 +732,7 @@ static gboolean stop(GstAggregator* agg)
     }
     state.ledger = zqavs_gst::DescriptorLedger();
     state.targetPath = false;
+    state.framesSinceReport = 0;
     releasePool(&state.outputPool);
     std::vector<GstZqavsStitchPad*> pads = sinkPadsInOrder(self);
     for (GstZqavsStitchPad* pad : pads) {
@@ -669,6 +762,9 @@ static void setProperty(GObject* object, guint id, const GValue* value, GParamSp
     case PROP_SYNC:
         self->state->sync = g_value_get_boolean(value);
         break;
+    case PROP_COMPENSATION:
+        self->state->compensation = g_value_get_enum(value);
+        break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
     }
@@ -688,6 +784,9 @@ static void getProperty(GObject* object, guint id, GValue* value, GParamSpec* ps
         break;
     case PROP_PATH:
         g_value_set_string(value, self->state->path.c_str());
+        break;
+    case PROP_COMPENSATION:
+        g_value_set_enum(value, self->state->compensation);
         break;
     default:
         G_OBJECT_WARN_INVALID_PROPERTY_ID(object, id, pspec);
@@ -714,6 +813,14 @@ static void gst_zqavs_stitch_class_init(GstZqavsStitchClass* klass)
     g_object_class_install_property(
         object, PROP_SYNC,
         g_param_spec_boolean("sync", "Sync", "End frames with a fence instead of a finish", FALSE, flags));
+    g_object_class_install_property(
+        object, PROP_COMPENSATION,
+        g_param_spec_enum("compensation", "Compensation",
+                          "Exposure and white-balance compensation between the cameras; gains are posted about once "
+                          "a second in a 'zqavs-compensation' element message",
+                          compensationType(), kDefaultCompensation,
+                          static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS |
+                                                   GST_PARAM_MUTABLE_PLAYING)));
     g_object_class_install_property(
         object, PROP_PATH,
         g_param_spec_string("path", "Path", "The library's rendering path once running: target, planes, portable or none",
@@ -742,6 +849,7 @@ static void gst_zqavs_stitch_class_init(GstZqavsStitchClass* klass)
     agg->src_activate = srcActivate;
 
     gst_type_mark_as_plugin_api(GST_TYPE_ZQAVS_STITCH_PAD, static_cast<GstPluginAPIFlags>(0));
+    gst_type_mark_as_plugin_api(compensationType(), static_cast<GstPluginAPIFlags>(0));
 }
 
 static void gst_zqavs_stitch_init(GstZqavsStitch* self)

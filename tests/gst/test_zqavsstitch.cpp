@@ -152,6 +152,9 @@ struct BytesCase {
     const char* properties;
 };
 
+// The tool's panorama is stitched without compensation.
+constexpr const char* kUncompensated = "compensation=off";
+
 class GstStitchBytes : public GstStitch, public ::testing::WithParamInterface<BytesCase> {};
 
 // Three sets of camera images take turns (the rig's, the cameras swapped, camera 0 twice), so
@@ -208,11 +211,12 @@ TEST_P(GstStitchBytes, EveryFrameIsTheToolsPanoramaWithSink0sTiming)
 }
 
 INSTANTIATE_TEST_SUITE_P(Inputs, GstStitchBytes,
-                         ::testing::Values(BytesCase{"SystemMemory", Input::SystemMemory, ""},
-                                           BytesCase{"WideStride", Input::SystemMemoryWideStride, ""},
-                                           BytesCase{"MemfdEveryFrameNew", Input::Memfd, ""},
-                                           BytesCase{"MemfdPool", Input::MemfdPool, ""},
-                                           BytesCase{"MemfdPoolWithFences", Input::MemfdPool, "sync=true"}),
+                         ::testing::Values(BytesCase{"SystemMemory", Input::SystemMemory, kUncompensated},
+                                           BytesCase{"WideStride", Input::SystemMemoryWideStride, kUncompensated},
+                                           BytesCase{"MemfdEveryFrameNew", Input::Memfd, kUncompensated},
+                                           BytesCase{"MemfdPool", Input::MemfdPool, kUncompensated},
+                                           BytesCase{"MemfdPoolWithFences", Input::MemfdPool,
+                                                     "sync=true compensation=off"}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(GstStitch, FlushingSeekRestartsAtTheNewPosition)
@@ -241,6 +245,46 @@ TEST_F(GstStitch, FlushingSeekRestartsAtTheNewPosition)
     // Frames stitched before the flush may not come out after it.
     ASSERT_EQ(times.size(), 6u) << ::testing::PrintToString(times);
     for (size_t i = 0; i < times.size(); ++i) EXPECT_EQ(times[i], gst_util_uint64_scale(30 + i, GST_SECOND, 30));
+}
+
+// Compensation is on unless turned off, and its gains come in an element message once a second
+// of frames: 25 frames at 10 per second make two.
+TEST_F(GstStitch, PostsTheCompensationGainsOnceASecond)
+{
+    std::string sources;
+    for (int c = 0; c < 2; ++c)
+        sources += " videotestsrc num-buffers=25 ! video/x-raw,format=NV12,width=320,height=240,framerate=10/1 ! s.sink_" +
+                   std::to_string(c);
+    launch({}, "", sources);
+    GValue mode = G_VALUE_INIT;
+    g_object_get_property(G_OBJECT(element("s")), "compensation", &mode);
+    gchar* nick = gst_value_serialize(&mode);
+    EXPECT_STREQ(nick, "channels");
+    g_free(nick);
+    g_value_unset(&mode);
+    gst_element_set_state(pipeline, GST_STATE_PLAYING);
+    while (GstSample* sample = pull()) gst_sample_unref(sample);
+    ASSERT_TRUE(gst_app_sink_is_eos(GST_APP_SINK(sink)));
+    // Each message is posted before its frame goes downstream.
+    GstBus* bus = gst_element_get_bus(pipeline);
+    int reports = 0;
+    while (GstMessage* message = gst_bus_pop_filtered(bus, GST_MESSAGE_ELEMENT)) {
+        const GstStructure* report = gst_message_get_structure(message);
+        if (gst_structure_has_name(report, "zqavs-compensation")) {
+            ++reports;
+            int cameras = 0;
+            EXPECT_TRUE(gst_structure_get_int(report, "cameras", &cameras) && cameras == 2);
+            const GValue* gains = gst_structure_get_value(report, "gains");
+            EXPECT_TRUE(gains && GST_VALUE_HOLDS_ARRAY(gains) && gst_value_array_get_size(gains) == 6u);
+            for (guint i = 0; gains && i < gst_value_array_get_size(gains); ++i) {
+                const float gain = g_value_get_float(gst_value_array_get_value(gains, i));
+                EXPECT_TRUE(gain >= 0.5f && gain <= 2.0f) << gain;
+            }
+        }
+        gst_message_unref(message);
+    }
+    gst_object_unref(bus);
+    EXPECT_EQ(reports, 2);
 }
 
 struct RefusalCase {
