@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The zqavs tool end to end: demo, synth then check, chessboard refusals, a real rig from rig file to
 # panorama stitched from PNG inputs, rotations refined and seams chosen from images, bench, a short soak,
-# broken calibrations.
+# broken calibrations; exposure compensation in demo, stitch and bench.
 set -uo pipefail
 ZQAVS=$1
 WORK=$(mktemp -d /tmp/zqavs-tool-test-XXXXXX)
@@ -28,8 +28,10 @@ expect() {
 expect 0 "demo" -- "$ZQAVS" --help
 expect 2 "source-size" -- "$ZQAVS" synth "$WORK/x" --source-size 12by7
 
-# demo: pictures and figures
-expect 0 "PSNR of Y against the scene: [0-9.]+ dB" -- "$ZQAVS" demo --out "$WORK/demo" --frames 2
+# demo: pictures and figures; compensation brings the cameras' differing exposures together
+expect 0 "PSNR of Y against the scene, compensation off: [0-9.]+ dB" \
+    "PSNR of Y against the scene, compensation channels: (3[89]|[4-9][0-9])\.[0-9]+ dB" -- \
+    "$ZQAVS" demo --out "$WORK/demo" --frames 2
 written "$WORK"/demo/{panorama.png,panorama.nv12,side_by_side.png}
 
 # synth, then check: a clean calibration has no error and every seam but the last is blended
@@ -83,13 +85,18 @@ done <<EOF
 camera0.png: 320x240, expected 240x180|$WORK/pairsyn/camera0.png $CAL/camera0.png
 EOF
 
-# stitch: a camera count other than the calibration's is a usage error
+# stitch: a camera count other than the calibration's, or an unknown compensation, is a usage error;
+# compensation takes camera 1 (exposed 1.2) down and camera 2 (0.8) up
 expect 2 "3 cameras" -- "$ZQAVS" stitch "$CAL" "$CAL/camera0.png" -o "$WORK/c.png"
+expect 2 "bright not in" -- "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/c.png" --compensate bright
+expect 0 "compensation: gain, settled" "camera 1 gains: R 0\.8[0-9]*  G 0\.8" "camera 2 gains: R 1\.[1-3]" -- \
+    "$ZQAVS" stitch "$CAL" "$CAL"/camera{0,1,2}.png -o "$WORK/c.png" --compensate gain --frames 2
 
-# bench: a tiny table
-expect 0 "path: (portable|target)" -- "$ZQAVS" bench --opencv --frames 1 --cameras 2 --sizes 320x240 \
-    --json "$WORK/bench.json"
+# bench: a tiny table, timed with and without compensation
+expect 0 "path: (portable|target)" "compensation channels" "comp/off" -- "$ZQAVS" bench --opencv --frames 1 \
+    --cameras 2 --sizes 320x240 --compensate channels --json "$WORK/bench.json"
 grep -q '"ratio"' "$WORK/bench.json" || fail "bench --opencv --json wrote no table with the ratio"
+grep -q '"compensation_ratio"' "$WORK/bench.json" || fail "bench --compensate --json wrote no compensation ratio"
 
 # soak, short: two instances over more distinct descriptors than import slots, reshaped and
 # checked
