@@ -46,7 +46,8 @@ GType compensationType()
         {2, "One gain per camera and colour channel", "channels"},
         {0, nullptr, nullptr},
     };
-    if (g_once_init_enter(&type)) g_once_init_leave(&type, g_enum_register_static("GstZqavsStitchCompensation", values));
+    if (g_once_init_enter(&type))
+        g_once_init_leave(&type, g_enum_register_static("GstZqavsStitchCompensation", values));
     return type;
 }
 

@@ -253,8 +253,8 @@ TEST_F(GstStitch, PostsTheCompensationGainsOnceASecond)
 {
     std::string sources;
     for (int c = 0; c < 2; ++c)
-        sources += " videotestsrc num-buffers=25 ! video/x-raw,format=NV12,width=320,height=240,framerate=10/1 ! s.sink_" +
-                   std::to_string(c);
+        sources += " videotestsrc num-buffers=25 ! video/x-raw,format=NV12,width=320,height=240,framerate=10/1"
+                   " ! s.sink_" + std::to_string(c);
     launch({}, "", sources);
     GValue mode = G_VALUE_INIT;
     g_object_get_property(G_OBJECT(element("s")), "compensation", &mode);

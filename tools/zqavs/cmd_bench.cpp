@@ -126,7 +126,8 @@ void runRow(BenchRow& row, const BenchOptions& options)
     row.stages.pyramid_ms = medianOf(pyramids);
     row.stages.blend_ms = medianOf(blends);
     row.stages.finish_ms = medianOf(finishes);
-    if (options.opencv) row.opencvMs = opencvFrameMs(calib, cameras, frames, session.outputView(), &row.opencvAgreementDb);
+    if (options.opencv)
+        row.opencvMs = opencvFrameMs(calib, cameras, frames, session.outputView(), &row.opencvAgreementDb);
 }
 
 }  // namespace

@@ -85,7 +85,9 @@ void addDemoCommand(CLI::App& app, DemoOptions& options, ToolResult& result)
 {
     CLI::App* cmd = app.add_subcommand("demo", "Generate a 4-camera rig, stitch it and compare with the scene");
     cmd->add_option("--out", options.out, "where the pictures go")->capture_default_str();
-    cmd->add_option("--frames", options.frames, "frames to time, before compensation is turned on")->check(CLI::Range(1, 1000))->capture_default_str();
+    cmd->add_option("--frames", options.frames, "frames to time, before compensation is turned on")
+        ->check(CLI::Range(1, 1000))
+        ->capture_default_str();
     cmd->footer("Writes panorama.png, panorama.nv12 (both with compensation) and side_by_side.png into the --out "
                 "directory.");
     cmd->callback([&options, &result] { result.code = runDemo(options); });

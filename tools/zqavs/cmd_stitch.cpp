@@ -55,7 +55,8 @@ void addStitchCommand(CLI::App& app, StitchOptions& options, ToolResult& result)
         ->required()
         ->check(CLI::ExistingFile);
     cmd->add_option("-o,--output", options.outputs, "panorama file(s): .png and/or raw NV12 (.nv12/.yuv)")->required();
-    cmd->add_option("--frames", options.frames, "stitch this many frames (timing); with compensation on, after it has settled")
+    cmd->add_option("--frames", options.frames,
+                    "stitch this many frames (timing); with compensation on, after it has settled")
         ->check(CLI::Range(1, 100000));
     cmd->add_flag("--sync", options.sync, "end frames with a flush and wait on a fence instead of a finish");
     cmd->add_option("--resize", options.resize, "resize the panorama to WxH (narrower, same height) before stitching");
