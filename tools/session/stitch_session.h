@@ -61,6 +61,9 @@ private:
 
 double medianOf(std::vector<double> values);
 
+// The library's smoothing of compensation on video: steady, and settled in about 40 frames.
+constexpr float kVideoSmoothing = 0.1f;
+
 // Compensation modes by name ("off", "gain", "channels"), as the tool and the element take them.
 const std::vector<std::string>& compensationModeNames();
 // The mode number of a name above, or -1.

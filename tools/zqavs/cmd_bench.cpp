@@ -101,7 +101,7 @@ void runRow(BenchRow& row, const BenchOptions& options)
     if (compensation != 0) {
         // The same instance without, then with compensation, for a ratio free of other changes.
         if (!timeFrames(session, frames, &row.uncompensatedMs, &row.error)) return;
-        if (!session.setCompensation(compensation, 0.1f, &row.error)) return;
+        if (!session.setCompensation(compensation, kVideoSmoothing, &row.error)) return;
         if (!session.frame(&ms, &row.error)) return;  // warm-up of the compensating programs
     }
     if (!timeFrames(session, frames, &row.frameMs, &row.error)) return;

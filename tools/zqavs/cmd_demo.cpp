@@ -138,10 +138,9 @@ int runDemo(const DemoOptions& options)
     progress.clear();
     const double psnrOff = zqavs_synth::psnr(zqavs_synth::lumaPlane(session.outputView()), sceneLuma, covered);
 
-    // The same frames with compensation, at the library's default smoothing, until it settles.
-    constexpr float kSmoothing = 0.1f;
+    // The same frames with compensation, smoothed as for video, until it settles.
     constexpr int kMaxSettleFrames = 200;
-    const bool compensated = session.setCompensation(2, kSmoothing, &error);
+    const bool compensated = session.setCompensation(compensationModeOf("channels"), kVideoSmoothing, &error);
     if (!compensated) fprintf(stderr, "zqavs demo: %s\n", error.c_str());
     bool settled = false;
     const int settleFrames = compensated ? session.settleCompensation(kMaxSettleFrames, &settled, &error) : 0;
