@@ -96,7 +96,8 @@ bool StitchSession::setCompensation(int mode, float smoothing, std::string* erro
         smoothing_ = smoothing;
         return true;
     }
-    *error = std::string("exposure compensation is not available on the ") + ZQGFX_AVS_get_path() + " path";
+    *error = std::string("no exposure compensation on the ") + ZQGFX_AVS_get_path() +
+             " path (the library's line above says why)";
     return false;
 }
 
