@@ -248,12 +248,12 @@ TEST_F(GstStitch, FlushingSeekRestartsAtTheNewPosition)
 }
 
 // Compensation is on unless turned off, and its gains come in an element message once a second
-// of frames: 25 frames at 10 per second make two.
+// of frames: 20 frames at 10 per second make two, the second with the last frame.
 TEST_F(GstStitch, PostsTheCompensationGainsOnceASecond)
 {
     std::string sources;
     for (int c = 0; c < 2; ++c)
-        sources += " videotestsrc num-buffers=25 ! video/x-raw,format=NV12,width=320,height=240,framerate=10/1"
+        sources += " videotestsrc num-buffers=20 ! video/x-raw,format=NV12,width=320,height=240,framerate=10/1"
                    " ! s.sink_" + std::to_string(c);
     launch({}, "", sources);
     GValue mode = G_VALUE_INIT;
