@@ -33,7 +33,7 @@ public:
     bool frame(double* ms, std::string* error);
     bool resize(int width, int height, std::string* error);
     // Exposure compensation (mode 0 off, 1 gain, 2 channels); false with *error where the
-    // library refuses it (on the target path, which has none).
+    // library refuses it.
     bool setCompensation(int mode, float smoothing, std::string* error);
     // The R, G, B gains per camera applied to the last frame.
     std::vector<float> compensationGains();
