@@ -78,7 +78,7 @@ struct LibraryInstance {
         return true;
     }
 
-    // False where the path has no compensation (the library says why on standard output).
+    // False when the library refuses the mode (it says why on standard output).
     bool setCompensation(int mode)
     {
         askedCompensation = mode;
@@ -488,9 +488,9 @@ static void updateCompensation(GstZqavsStitch* self, LibraryInstance& library)
     GST_OBJECT_UNLOCK(self);
     if (mode == library.askedCompensation) return;
     if (!library.setCompensation(mode))
-        GST_ELEMENT_WARNING(self, LIBRARY, SETTINGS, ("exposure compensation is not available on the %s path",
-                                                      ZQGFX_AVS_get_path()),
-                            ("stitching without it"));
+        GST_ELEMENT_WARNING(self, LIBRARY, SETTINGS,
+                            ("the library refused exposure compensation on the %s path", ZQGFX_AVS_get_path()),
+                            ("stitching without it; the library's line on standard output says why"));
 }
 
 static bool stitchOnLibraryThread(GstZqavsStitch* self, std::vector<int>& fds, std::string* error)
