@@ -56,6 +56,8 @@ extern const char* const gMeshQuadVertexShader;
 extern const char* const gMeshFragmentShaders[2][3];
 // The same with exposure compensation (uniform mat3 yuvGain); built only when it is turned on.
 extern const char* const gMeshGainFragmentShaders[2][3];
+// Luma and chroma for one gain per camera (a diagonal matrix): each reads its own plane only.
+extern const char* const gMeshScalarGainFragmentShaders[2][2];
 extern const char* const gSeamAtlasVertexShader;
 extern const char* const gSeamAtlasFragmentShaders[7];
 

@@ -194,6 +194,12 @@ std::vector<ChannelGains> solveGains(CompensationMode mode, int cameraCount, con
 
 std::array<GLfloat, 9> yuvGainMatrix(const ChannelGains& g)
 {
+    // One gain for all channels scales centred YUV as it is: exactly diagonal, so that the luma
+    // and chroma programs can tell that neither plane needs the other.
+    if (g[0] == g[1] && g[1] == g[2]) {
+        const GLfloat k = static_cast<GLfloat>(g[0]);
+        return {k, 0, 0, 0, k, 0, 0, 0, k};
+    }
     // YUV from RGB and back (full-range BT.601, offsets left out), rows.
     static const double toYuv[3][3] = {{0.299, 0.587, 0.114}, {-0.168736, -0.331264, 0.5}, {0.5, -0.418688, -0.081312}};
     static const double toRgb[3][3] = {{1.0, 0.0, 1.402}, {1.0, -0.344136, -0.714136}, {1.0, 1.772, 0.0}};
@@ -215,6 +221,9 @@ void ExposureCompensation::configure(CompensationMode mode, double smoothing, in
     smoothing_ = smoothing;
     if (mode == CompensationMode::off || static_cast<int>(applied_.size()) != cameraCount)
         applied_.assign(static_cast<size_t>(cameraCount), ChannelGains{1.0, 1.0, 1.0});
+    // One gain per camera from here on: the channels' gains reached so far meet at their mean.
+    if (mode == CompensationMode::gain)
+        for (ChannelGains& g : applied_) g.fill(std::cbrt(g[0] * g[1] * g[2]));
     if (mode == CompensationMode::off) release();
 }
 

@@ -180,7 +180,7 @@ const char* const gMeshFragmentShaders[2][3] = {AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_
                                                 AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
 
 // The same three with exposure compensation: RGB gains as a matrix on centred YUV. Luma then
-// depends on chroma too, so every program reads both planes.
+// depends on chroma too, and chroma on luma: these programs read both planes.
 #define AVS_GLSL_GAIN                                                  \
     "uniform mat3 yuvGain;\n"                                          \
     "vec3 compensated(vec3 yuv)\n"                                     \
@@ -189,30 +189,70 @@ const char* const gMeshFragmentShaders[2][3] = {AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_
     "    return yuvGain * (yuv - centre) + centre;\n"                  \
     "}\n"
 
-#define AVS_GLSL_MESH_GAIN_PROGRAM(OUTPUT, SOURCE)                                   \
+// Chroma reaches luma only through the cross terms of a colour cast (a few percent of the chroma's
+// distance from grey), so the luma program reads the nearest chroma sample, not a filtered one.
+#define AVS_GLSL_LUMA_WITH_CROSS_TERMS                                                    \
+    "vec3 cameraYuvForLuma(vec2 coords)\n"                                                \
+    "{\n"                                                                                 \
+    "    ivec2 size = textureSize(outTextureUV, 0);\n"                                    \
+    "    ivec2 c = clamp(ivec2(coords * vec2(size)), ivec2(0), size - 1);\n"              \
+    "    return vec3(texture(outTexture, coords).r, texelFetch(outTextureUV, c, 0).rg);\n" \
+    "}\n"
+
+#define AVS_GLSL_MESH_GAIN_PROGRAM(OUTPUT, SOURCE, SAMPLE)                           \
     "#version 310 es \n"                                                           \
     "precision highp float;\n"                                                     \
     AVS_GLSL_BT601_FULL_RANGE                                                      \
     AVS_GLSL_CAMERA_SAMPLERS                                                       \
     AVS_GLSL_GAIN                                                                  \
+    AVS_GLSL_LUMA_WITH_CROSS_TERMS                                                 \
     OUTPUT                                                                         \
     SOURCE                                                                         \
     "void main()\n"                                                                \
     "{\n"                                                                          \
-    "    writePlane(compensated(cameraYuv(sourceCoords())));\n"                    \
+    "    writePlane(compensated(" SAMPLE "(sourceCoords())));\n"                   \
     "}\n"
 
 #define AVS_GLSL_RGB_WRITE \
     "out vec4 FragColor;\n" \
     "void writePlane(vec3 yuv) { FragColor = vec4(yuvToRgb601Full(yuv), 1.0); }\n"
 
-#define AVS_GLSL_MESH_GAIN_PROGRAMS(SOURCE)                              \
-    {AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_LUMA_OUTPUT, SOURCE),           \
-     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, SOURCE),         \
-     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_RGB_WRITE, SOURCE)}
+#define AVS_GLSL_MESH_GAIN_PROGRAMS(SOURCE)                                                    \
+    {AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_LUMA_OUTPUT, SOURCE, "cameraYuvForLuma"),       \
+     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, SOURCE, "cameraYuv"),                  \
+     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_RGB_WRITE, SOURCE, "cameraYuv")}
 
 const char* const gMeshGainFragmentShaders[2][3] = {AVS_GLSL_MESH_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE),
                                                     AVS_GLSL_MESH_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
+
+// With one gain for all channels the matrix is diagonal: each plane is scaled on its own and
+// reads nothing of the other.
+#define AVS_GLSL_MESH_SCALAR_GAIN_PROGRAMS(SOURCE)                                                    \
+    {"#version 310 es \n"                                                                           \
+     "precision highp float;\n"                                                                     \
+     "uniform sampler2D outTexture;\n"                                                              \
+     "uniform mat3 yuvGain;\n"                                                                      \
+     AVS_GLSL_LUMA_OUTPUT                                                                           \
+     SOURCE                                                                                         \
+     "void main()\n"                                                                                \
+     "{\n"                                                                                          \
+     "    writePlane(vec3(yuvGain[0][0] * texture(outTexture, sourceCoords()).r, 0.0, 0.0));\n"     \
+     "}\n",                                                                                         \
+     "#version 310 es \n"                                                                           \
+     "precision highp float;\n"                                                                     \
+     "const float kChromaOffset = 128.0 / 255.0;\n"                                                 \
+     "layout(binding = 1) uniform sampler2D outTextureUV;\n"                                        \
+     "uniform mat3 yuvGain;\n"                                                                      \
+     AVS_GLSL_CHROMA_OUTPUT                                                                         \
+     SOURCE                                                                                         \
+     "void main()\n"                                                                                \
+     "{\n"                                                                                          \
+     "    vec2 cbcr = texture(outTextureUV, sourceCoords()).rg;\n"                                  \
+     "    writePlane(vec3(0.0, kChromaOffset + yuvGain[1][1] * (cbcr - kChromaOffset)));\n"        \
+     "}\n"}
+
+const char* const gMeshScalarGainFragmentShaders[2][2] = {AVS_GLSL_MESH_SCALAR_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE),
+                                                          AVS_GLSL_MESH_SCALAR_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
 
 // ---- the seam atlas: every seam of a level in one draw --------------------------------------
 

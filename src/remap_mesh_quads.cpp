@@ -13,6 +13,12 @@ namespace {
 constexpr int kMeshUnit = 2;
 constexpr GLsizei kQuadVertices = 4;
 
+// A gain matrix without cross terms: one gain for all channels.
+bool diagonal(const std::array<GLfloat, 9>& m)
+{
+    return m[1] == 0 && m[2] == 0 && m[3] == 0 && m[5] == 0 && m[6] == 0 && m[7] == 0;
+}
+
 }  // namespace
 
 bool MeshQuadRemap::create(bool filtered)
@@ -43,21 +49,27 @@ bool MeshQuadRemap::create(bool filtered)
 
 bool MeshQuadRemap::createGainPrograms()
 {
-    for (int p = 0; p < programCount; ++p) {
-        if (gainPrograms_[p]) continue;
-        gainPrograms_[p] = makeProgram(gMeshQuadVertexShader, gMeshGainFragmentShaders[filtered_ ? 1 : 0][p]);
-        if (!gainPrograms_[p]) {
-            AVS_LOGE("mesh remap program %d with exposure compensation does not build", p);
-            return false;
+    const int f = filtered_ ? 1 : 0;
+    for (int kind = 0; kind < 2; ++kind) {
+        for (int p = 0; p < (kind == 0 ? programCount : rgbProgram); ++p) {
+            GlProgram& program = gainPrograms_[kind][p];
+            if (program) continue;
+            program = makeProgram(gMeshQuadVertexShader,
+                                  kind == 0 ? gMeshGainFragmentShaders[f][p] : gMeshScalarGainFragmentShaders[f][p]);
+            if (!program) {
+                AVS_LOGE("mesh remap program %d with exposure compensation does not build", p);
+                return false;
+            }
+            gainLocations_[kind][p] = glGetUniformLocation(program.get(), "yuvGain");
         }
-        gainLocations_[p] = glGetUniformLocation(gainPrograms_[p].get(), "yuvGain");
     }
     return true;
 }
 
 void MeshQuadRemap::release()
 {
-    for (GlProgram& program : gainPrograms_) program.reset();
+    for (auto& kind : gainPrograms_)
+        for (GlProgram& program : kind) program.reset();
     meshes_.clear();
     quad_.reset();
     vertices_.reset();
@@ -98,9 +110,11 @@ bool MeshQuadRemap::draw(Program program, int index, GLuint framebuffer, int x, 
     }
     if (found->second.width < 2 || found->second.height < 2) return true;
     glViewport(x, y, w, h);
-    if (yuvGain != nullptr && gainPrograms_[program]) {
-        glUseProgram(gainPrograms_[program].get());
-        glUniformMatrix3fv(gainLocations_[program], 1, GL_FALSE, yuvGain->data());
+    // A diagonal matrix spares the luma and chroma programs the other plane's samples.
+    const int kind = yuvGain != nullptr && program != rgbProgram && diagonal(*yuvGain) ? 1 : 0;
+    if (yuvGain != nullptr && gainPrograms_[kind][program]) {
+        glUseProgram(gainPrograms_[kind][program].get());
+        glUniformMatrix3fv(gainLocations_[kind][program], 1, GL_FALSE, yuvGain->data());
     } else {
         glUseProgram(programs_[program].get());
     }

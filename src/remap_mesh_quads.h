@@ -43,8 +43,9 @@ private:
         int width = 0, height = 0;
     };
     GlProgram programs_[programCount];
-    GlProgram gainPrograms_[programCount];
-    GLint gainLocations_[programCount] = {};
+    // [0]: any gain matrix; [1]: luma and chroma for a diagonal one.
+    GlProgram gainPrograms_[2][programCount];
+    GLint gainLocations_[2][programCount] = {};
     GlBuffer vertices_;
     GlVertexArray quad_;
     std::map<int, Mesh> meshes_;
