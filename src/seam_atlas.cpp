@@ -2,7 +2,10 @@
 #include "seam_atlas.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <cstring>
+#include <vector>
 
 #include "avs_shader_texts.h"
 #include "gles_multiband_blend.h"
@@ -10,6 +13,27 @@
 namespace zqgfx_gpu_avs {
 
 namespace {
+
+// Float weights rounded to the bytes a U8 map of the same weights holds (0 to 255 for 0 to 1,
+// rows padded to 4 bytes as GL unpacks them). The pyramid levels are 8-bit: a weight finer than a
+// byte moves a blended value by under half a code yet flips its rounding, and such one-code flips
+// add up from level to level (kept as floats, a float map's panorama came out 2 luma codes from its
+// U8 twin's on arm64's llvmpipe).
+std::vector<uint8_t> alphaBytesOfFloats(const void* floats, int w, int h)
+{
+    const size_t stride = (static_cast<size_t>(w) + 3) & ~size_t{3};
+    std::vector<uint8_t> bytes(stride * static_cast<size_t>(h), 0);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            float weight;  // the caller's floats need not be aligned
+            memcpy(&weight, static_cast<const uint8_t*>(floats) + (static_cast<size_t>(y) * w + x) * sizeof weight,
+                   sizeof weight);
+            // Out-of-range weights clamp; NaN weighs nothing.
+            bytes[y * stride + x] =
+                weight > 0.0f ? static_cast<uint8_t>(std::lround(std::min(weight, 1.0f) * 255.0)) : 0;
+        }
+    return bytes;
+}
 
 int atLeastOne(int size)
 {
@@ -133,7 +157,7 @@ bool SeamAtlas::create(const SeamAtlasLayout& layout, bool floatAlpha)
     floatAlpha_ = floatAlpha;
     levels_.resize(static_cast<size_t>(layout_.levels()));
     for (int l = 0; l < layout_.levels(); ++l) {
-        if (!createLevel(l, floatAlpha)) {
+        if (!createLevel(l)) {
             AVS_LOGE("seam atlas level %d (%dx%d) cannot be made", l, layout_.gridWidth(l), layout_.gridHeight(l));
             release();
             return false;
@@ -154,12 +178,12 @@ int SeamAtlasLayout::measuredLevel() const
     return std::max(level, 0);
 }
 
-bool SeamAtlas::createLevel(int l, bool floatAlpha)
+bool SeamAtlas::createLevel(int l)
 {
     Level& level = levels_[static_cast<size_t>(l)];
     const int w = layout_.gridWidth(l), h = layout_.gridHeight(l);
     level.gauss = makeTexture(GL_RGBA8, w, 2 * h, true);
-    level.alpha = makeTexture(floatAlpha ? GL_R32F : GL_R8, w, h, false);
+    level.alpha = makeTexture(GL_R8, w, h, false);
     if (!level.gauss || !level.alpha) return false;
     level.gaussFbo = makeFramebuffer(level.gauss.get());
     if (!level.gaussFbo) return false;
@@ -279,9 +303,13 @@ bool SeamAtlas::uploadAlpha(int s, int level, int w, int h, const void* pixels)
         AVS_LOGE("alpha level %d of seam %d (%dx%d) exceeds its atlas cell", level, s, w, h);
         return false;
     }
+    std::vector<uint8_t> bytes;
+    if (floatAlpha_) {
+        bytes = alphaBytesOfFloats(pixels, w, h);
+        pixels = bytes.data();
+    }
     glBindTexture(GL_TEXTURE_2D, levels_[static_cast<size_t>(level)].alpha.get());
-    glTexSubImage2D(GL_TEXTURE_2D, 0, cell.x, cell.y, w, h, GL_RED, floatAlpha_ ? GL_FLOAT : GL_UNSIGNED_BYTE,
-                    pixels);
+    glTexSubImage2D(GL_TEXTURE_2D, 0, cell.x, cell.y, w, h, GL_RED, GL_UNSIGNED_BYTE, pixels);
     const bool uploaded = checkGlError("glTexSubImage2D");
     glBindTexture(GL_TEXTURE_2D, 0);
     return uploaded;

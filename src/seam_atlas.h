@@ -63,7 +63,8 @@ private:
 class SeamAtlas {
 public:
     // Textures, framebuffers, programs and pass geometry for `layout`; false (nothing kept) when
-    // any of them cannot be made. `floatAlpha`: alpha levels are 32-bit floats, else bytes.
+    // any of them cannot be made. `floatAlpha`: the maps' levels are 32-bit floats, else bytes;
+    // the atlas holds both as bytes.
     bool create(const SeamAtlasLayout& layout, bool floatAlpha);
     void release();
 
@@ -106,7 +107,7 @@ private:
     enum Program { reduceProgram, lowestProgram, collapseProgram, lumaProgram, chromaProgram,
                    lowestLumaProgram, lowestChromaProgram, programCount };
 
-    bool createLevel(int l, bool floatAlpha);
+    bool createLevel(int l);
     bool createPrograms();
     bool createGeometry();
     void bindLevelInputs(int level) const;
