@@ -4,6 +4,7 @@
 #define ZQGFX_AVS_GL_NV12_REMAP_H
 
 #include <cstdint>
+#include <array>
 #include <vector>
 
 #include "avs_calib_core.h"
@@ -201,6 +202,8 @@ public:
     bool createGainPrograms();
     // `program`, or its twin with camera `cam`'s gains set while compensation is on.
     GLuint compensatedProgram(GLuint program, int cam);
+    // Camera `cam`'s gain matrix (see yuvGainMatrix) into *gain; false while compensation is off.
+    bool cameraGain(int cam, std::array<GLfloat, 9>* gain) const;
     // This frame's work, kept in the shared record.
     FrameCounters& frameCounters();
 

@@ -156,12 +156,10 @@ int drawBlockQuad(ZQGL_Remap& engine, const PassReports& reports, MeshQuadRemap:
                   const BlockViewport& view, int y, int cam, GLuint fbo)
 {
     if (bindBlockCamera(engine, reports, cam) != 0) return -1;
-    const ExposureCompensation* compensation =
-        engine.blendResource != nullptr ? engine.blendResource->compensation : nullptr;
     std::array<GLfloat, 9> gain{};
-    if (compensation != nullptr && compensation->active()) gain = yuvGainMatrix(compensation->gains(cam));
+    const bool compensated = engine.cameraGain(cam, &gain);
     if (!engine.meshQuads.draw(program, index, fbo, view.x, y, view.w, view.h, engine.frameCounters(),
-                               compensation != nullptr && compensation->active() ? &gain : nullptr)) {
+                               compensated ? &gain : nullptr)) {
         reportStep(reports, reports.renderOnStderr, kRenderFailed);
         return -1;
     }
@@ -230,13 +228,19 @@ bool ZQGL_Remap::createGainPrograms()
     return true;
 }
 
-GLuint ZQGL_Remap::compensatedProgram(GLuint program, int cam)
+bool ZQGL_Remap::cameraGain(int cam, std::array<GLfloat, 9>* gain) const
 {
     const ExposureCompensation* compensation = blendResource != nullptr ? blendResource->compensation : nullptr;
-    if (compensation == nullptr || !compensation->active()) return program;
+    if (compensation == nullptr || !compensation->active()) return false;
+    *gain = yuvGainMatrix(compensation->gains(cam));
+    return true;
+}
+
+GLuint ZQGL_Remap::compensatedProgram(GLuint program, int cam)
+{
     const int k = program == gProgram ? 0 : program == gProgramRGB ? 1 : -1;
-    if (k < 0 || !gainPrograms[k]) return program;
-    const std::array<GLfloat, 9> gain = yuvGainMatrix(compensation->gains(cam));
+    std::array<GLfloat, 9> gain{};
+    if (k < 0 || !gainPrograms[k] || !cameraGain(cam, &gain)) return program;
     glProgramUniformMatrix3fv(gainPrograms[k].get(), gainLocations[k], 1, GL_FALSE, gain.data());
     return gainPrograms[k].get();
 }
