@@ -4,7 +4,7 @@
 #include <string>
 
 #include "avs_calib_core.h"
-#include "zqgfx_gpu_avs_internal.h"
+#include "api/zqgfx_gpu_avs_internal.h"
 
 namespace core = zqavs_calib_core;
 

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "gles_multiband_blend.h"
+#include "blend/gles_multiband_blend.h"
 
 namespace zqgfx_gpu_avs {
 

@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "fakegl/fakegl.h"
-#include "gl_nv12_remap.h"
-#include "gles_multiband_blend.h"
-#include "zqgfx_gpu_avs_internal.h"
+#include "remap/gl_nv12_remap.h"
+#include "blend/gles_multiband_blend.h"
+#include "api/zqgfx_gpu_avs_internal.h"
 
 namespace entry_test {
 

@@ -14,8 +14,8 @@
 
 #include "fakegl/fakegl.h"
 #include "unit/engine_log_support.h"
-#include "gl_nv12_remap.h"
-#include "gles_multiband_blend.h"
+#include "remap/gl_nv12_remap.h"
+#include "blend/gles_multiband_blend.h"
 
 namespace remap_test {
 

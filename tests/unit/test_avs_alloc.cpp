@@ -6,7 +6,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "avs_alloc.h"
+#include "gl/avs_alloc.h"
 #include "unit/engine_log_support.h"
 
 namespace {

@@ -1,8 +1,8 @@
 // Blend planning: which camera blends which seam, the strip's geometry and the copies made for
 // the blend engine; and the translation of the caller's mesh numbers.
 #include "calibration_dir.h"
-#include "gles_multiband_blend.h"
-#include "zqgfx_gpu_avs_internal.h"
+#include "blend/gles_multiband_blend.h"
+#include "api/zqgfx_gpu_avs_internal.h"
 
 using zqgfx_gpu_avs::multibandResource;
 

@@ -4,7 +4,7 @@
 #include <regex>
 #include <vector>
 
-#include "common_resource.h"
+#include "gl/common_resource.h"
 #include "remap_engine_support.h"
 
 using namespace zqgfx_gpu_avs;

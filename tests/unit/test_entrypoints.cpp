@@ -16,7 +16,7 @@
 
 #include "calibration_dir.h"
 #include "instance_support.h"
-#include "portable_yuv.h"
+#include "io/plane_io.h"
 #include "unit/remap_engine_support.h"
 
 using entry_test::contains;

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "exposure_compensation.h"
+#include "blend/exposure_compensation.h"
 
 namespace {
 

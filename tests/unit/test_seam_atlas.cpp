@@ -1,7 +1,7 @@
 // Where the seam atlas puts every seam's rectangles (CPU only).
 #include <gtest/gtest.h>
 
-#include "seam_atlas.h"
+#include "blend/seam_atlas.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <cmath>
 #include <cstring>
 
-#include "gles_multiband_blend.h"
+#include "blend/gles_multiband_blend.h"
 #include "zqavs_synth.h"
-#include "zqgfx_gpu_avs_internal.h"
+#include "api/zqgfx_gpu_avs_internal.h"
 
 using namespace zqavs_synth;
 

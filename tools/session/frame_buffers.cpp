@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "avs_alloc.h"
+#include "gl/avs_alloc.h"
 
 namespace zqavs {
 

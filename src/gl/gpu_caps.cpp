@@ -1,0 +1,167 @@
+// Driver capabilities and the choice of path.
+#include "gl/gpu_caps.h"
+
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "gl/common_resource.h"
+
+namespace zqgfx_gpu_avs {
+
+namespace {
+
+// A luma plane as small as a block of the probe: an R8 image of a memfd with a pitch wider than
+// its row, bound as a texture and as a render target. Drivers that list dma-buf import may still
+// refuse memory that is not a dma-buf, or formats other than their scan-out ones.
+bool probePlaneImport(EGLDisplay dpy)
+{
+    constexpr int kWidth = 8, kHeight = 4, kPitch = 16;
+    int fd = memfd_create("zqavs-probe", MFD_CLOEXEC);
+    if (fd < 0) return false;
+    bool ok = ftruncate(fd, kPitch * kHeight) == 0;
+    const EglImageProcs& procs = eglImageProcs();
+    EGLImageKHR image = ok ? createDmaBufImage(dpy, procs, planeImageAttribs(kFourccR8, fd, kWidth, kHeight, 0, kPitch))
+                           : EGL_NO_IMAGE_KHR;
+    ok = image != EGL_NO_IMAGE_KHR;
+    if (ok) {
+        GLuint texture = 0, fbo = 0;
+        glGenTextures(1, &texture);
+        glBindTexture(GL_TEXTURE_2D, texture);
+        procs.imageTargetTexture2D(GL_TEXTURE_2D, image);
+        glGenFramebuffers(1, &fbo);
+        glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
+        ok = glGetError() == GL_NO_ERROR && glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+        glBindFramebuffer(GL_FRAMEBUFFER, 0);
+        glBindTexture(GL_TEXTURE_2D, 0);
+        glDeleteFramebuffers(1, &fbo);
+        glDeleteTextures(1, &texture);
+        procs.destroyImage(dpy, image);
+    }
+    eglGetError();  // a refused import is an answer, not a fault to leave pending
+    close(fd);
+    return ok;
+}
+
+}  // namespace
+
+const char* gpuPathName(GpuPath path)
+{
+    switch (path) {
+    case GpuPath::target: return "target";
+    case GpuPath::planes: return "planes";
+    case GpuPath::portable: return "portable";
+    }
+    return "?";
+}
+
+bool hasExtension(const char* extensions, const char* name)
+{
+    if (extensions == nullptr || name == nullptr) return false;
+    size_t length = strlen(name);
+    if (length == 0) return false;
+    for (const char* p = extensions; (p = strstr(p, name)) != nullptr; p += length) {
+        bool startsWord = p == extensions || p[-1] == ' ';
+        bool endsWord = p[length] == '\0' || p[length] == ' ';
+        if (startsWord && endsWord) return true;
+    }
+    return false;
+}
+
+namespace {
+
+// Each way in and out of the GPU says why it cannot serve these capabilities (null: it can).
+const char* targetDeclines(const AvsGpuCaps& caps)
+{
+    if (!caps.has_EGL_EXT_image_dma_buf_import) return "no dma-buf import";
+    if (!caps.has_GL_EXT_YUV_target) return "no YUV render targets";
+    return nullptr;
+}
+
+const char* planesDecline(const AvsGpuCaps& caps)
+{
+    if (!caps.has_EGL_EXT_image_dma_buf_import) return "no dma-buf import";
+    if (!caps.imports_plane_images) return "the driver refused an R8 image of a memfd";
+    return nullptr;
+}
+
+const char* portableNeverDeclines(const AvsGpuCaps&)
+{
+    return nullptr;
+}
+
+struct PathCandidate {
+    GpuPath path;
+    const char* (*declines)(const AvsGpuCaps&);
+    const char* chosenBecause;
+};
+
+// In order of preference; the last one works on any GLES 3.1 driver.
+constexpr PathCandidate kPathCandidates[] = {
+    {GpuPath::target, targetDeclines, "dma-buf import and YUV render targets"},
+    {GpuPath::planes, planesDecline, "dma-buf import of R8/GR88 planes, no YUV render targets"},
+    {GpuPath::portable, portableNeverDeclines, "CPU mappings, uploads and read-back"},
+};
+
+}  // namespace
+
+const EglImageProcs& eglImageProcs()
+{
+    static const EglImageProcs procs{
+        reinterpret_cast<PFNEGLCREATEIMAGEKHRPROC>(eglGetProcAddress("eglCreateImageKHR")),
+        reinterpret_cast<PFNEGLDESTROYIMAGEKHRPROC>(eglGetProcAddress("eglDestroyImageKHR")),
+        reinterpret_cast<PFNGLEGLIMAGETARGETTEXTURE2DOESPROC>(eglGetProcAddress("glEGLImageTargetTexture2DOES")),
+    };
+    return procs;
+}
+
+const EglSyncProcs& eglSyncProcs()
+{
+    static const EglSyncProcs procs{
+        reinterpret_cast<PFNEGLCREATESYNCKHRPROC>(eglGetProcAddress("eglCreateSyncKHR")),
+        reinterpret_cast<PFNEGLCLIENTWAITSYNCKHRPROC>(eglGetProcAddress("eglClientWaitSyncKHR")),
+        reinterpret_cast<PFNEGLDESTROYSYNCKHRPROC>(eglGetProcAddress("eglDestroySyncKHR")),
+    };
+    return procs;
+}
+
+void choosePath(AvsGpuCaps* caps)
+{
+    for (const PathCandidate& candidate : kPathCandidates) {
+        if (const char* why = candidate.declines(*caps)) {
+            AVS_LOGD("path %s declined: %s", gpuPathName(candidate.path), why);
+            continue;
+        }
+        caps->path = candidate.path;
+        caps->reason = candidate.chosenBecause;
+        return;
+    }
+}
+
+AvsGpuCaps detectGpuCaps(EGLDisplay dpy)
+{
+    const char* egl = eglQueryString(dpy, EGL_EXTENSIONS);
+    const char* client = eglQueryString(EGL_NO_DISPLAY, EGL_EXTENSIONS);
+    if (client == nullptr) eglGetError();  // EGL 1.4 has no client extensions: its EGL_BAD_DISPLAY is no fault
+    const char* gl = reinterpret_cast<const char*>(glGetString(GL_EXTENSIONS));
+
+    AvsGpuCaps caps{};
+    caps.has_EGL_EXT_image_dma_buf_import = hasExtension(egl, "EGL_EXT_image_dma_buf_import");
+    caps.has_EGL_EXT_image_dma_buf_import_modifiers = hasExtension(egl, "EGL_EXT_image_dma_buf_import_modifiers");
+    caps.has_EGL_KHR_fence_sync = hasExtension(egl, "EGL_KHR_fence_sync");
+    caps.has_EGL_MESA_platform_surfaceless = hasExtension(client, "EGL_MESA_platform_surfaceless");
+    caps.has_GL_OES_EGL_image_external = hasExtension(gl, "GL_OES_EGL_image_external");
+    caps.has_GL_EXT_YUV_target = hasExtension(gl, "GL_EXT_YUV_target");
+    caps.has_GL_EXT_disjoint_timer_query = hasExtension(gl, "GL_EXT_disjoint_timer_query");
+    caps.has_GL_OES_texture_float_linear = hasExtension(gl, "GL_OES_texture_float_linear");
+    // Only where the target path is out of reach: its drivers need no probe.
+    if (caps.has_EGL_EXT_image_dma_buf_import && !caps.has_GL_EXT_YUV_target)
+        caps.imports_plane_images = probePlaneImport(dpy);
+    choosePath(&caps);
+    AVS_LOGD("path %s: %s", gpuPathName(caps.path), caps.reason);
+    return caps;
+}
+
+}  // namespace zqgfx_gpu_avs
