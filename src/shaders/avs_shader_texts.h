@@ -1,23 +1,7 @@
-// GLSL ES 3.10 sources of both engines, defined beside the engine that builds them.
+// GLSL ES 3.10 sources of both engines. Each lives in its own file in this folder (texts.txt
+// lists them); the build composes them and defines these variables in a generated file.
 #ifndef ZQGFX_AVS_SHADER_TEXTS_H
 #define ZQGFX_AVS_SHADER_TEXTS_H
-
-// The blend level texts of both paths are built from these. One Laplacian level: the _n1 textures are half size, so sampling them bilinearly at the same
-// normalised coordinate is the pyramid's expand step.
-#define AVS_GLSL_BLEND_LEVEL_DECLARATIONS        \
-    "uniform sampler2D texGaussA_n0;\n"       \
-    "uniform sampler2D texGaussB_n0;\n"       \
-    "uniform sampler2D texGaussA_n1;\n"       \
-    "uniform sampler2D texGaussB_n1;\n"       \
-    "uniform sampler2D texResult_n1;\n"       \
-    "uniform sampler2D texAlpha;\n"           \
-    "in vec2 outTexCoords;\n"                 \
-    "out vec4 FragColor;\n"
-#define AVS_GLSL_BLEND_LEVEL_LAPLACIANS                                                                    \
-    "    float alpha = texture(texAlpha, outTexCoords).r;\n"                                            \
-    "    vec4 laplacA = (texture(texGaussA_n0, outTexCoords) - texture(texGaussA_n1, outTexCoords)) * alpha;\n" \
-    "    vec4 laplacB = (texture(texGaussB_n0, outTexCoords) - texture(texGaussB_n1, outTexCoords))"    \
-    " * (1.0 - alpha);\n"
 
 namespace zqgfx_gpu_avs {
 
@@ -38,7 +22,7 @@ extern const char* const gFragmentShader_lowest;
 extern const char* const gFragmentShader_blend;
 extern const char* const gFragmentShader_blendYUV;
 
-// Plane paths (plane_texts.cpp): the same programs without GL_EXT_YUV_target. Camera
+// Plane paths: the same programs without GL_EXT_YUV_target. Camera
 // images arrive as a luma texture (`outTexture`, unit 0) and a chroma texture (`outTextureUV`,
 // unit 1); YUV output goes into an R8 luma or an RG8 chroma target, one program per plane.
 // BT.601 full range in shader code.

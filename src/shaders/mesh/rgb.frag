@@ -1,0 +1,11 @@
+// A block in RGB, for the overlap framebuffers that the blend engine reads.
+#version 310 es 
+precision highp float;
+#include "common/bt601_full_range.glsl"
+#include "common/camera_samplers.glsl"
+#include "@MESH_SOURCE@"
+out vec4 FragColor;
+void main()
+{
+    FragColor = vec4(yuvToRgb601Full(cameraYuv(sourceCoords())), 1.0);
+}
