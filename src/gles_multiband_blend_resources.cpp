@@ -232,8 +232,7 @@ int zqglMultibandBlend::createSeamAtlas(int* do_blend_array)
     const multibandResource& r = *_multiResource;
     std::vector<SeamShape> shapes;
     if (!seamShapes(do_blend_array, &shapes)) return -1;
-    GLint limit = 0;
-    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &limit);
+    GLint limit = r.caps.maxTextureSize;
     if (limit <= 0 || limit > zqavs_calib_core::kMaxTextureSize) limit = zqavs_calib_core::kMaxTextureSize;
     SeamAtlasLayout layout;
     std::string why;
