@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "common_resource.h"
+#include "import_core.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -22,24 +23,14 @@ bool probePlaneImport(EGLDisplay dpy)
     int fd = memfd_create("zqavs-probe", MFD_CLOEXEC);
     if (fd < 0) return false;
     bool ok = ftruncate(fd, kPitch * kHeight) == 0;
-    const EglImageProcs& procs = eglImageProcs();
-    EGLImageKHR image = ok ? createDmaBufImage(dpy, procs, planeImageAttribs(kFourccR8, fd, kWidth, kHeight, 0, kPitch))
-                           : EGL_NO_IMAGE_KHR;
-    ok = image != EGL_NO_IMAGE_KHR;
     if (ok) {
-        GLuint texture = 0, fbo = 0;
-        glGenTextures(1, &texture);
-        glBindTexture(GL_TEXTURE_2D, texture);
-        procs.imageTargetTexture2D(GL_TEXTURE_2D, image);
-        glGenFramebuffers(1, &fbo);
-        glBindFramebuffer(GL_FRAMEBUFFER, fbo);
-        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
-        ok = glGetError() == GL_NO_ERROR && glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
-        glBindFramebuffer(GL_FRAMEBUFFER, 0);
-        glBindTexture(GL_TEXTURE_2D, 0);
-        glDeleteFramebuffers(1, &fbo);
-        glDeleteTextures(1, &texture);
-        procs.destroyImage(dpy, image);
+        DmaBufImportSteps steps;
+        steps.function = __FUNCTION__;
+        steps.framebuffer = true;
+        steps.checkErrors = true;  // a driver may take the image and still refuse to sample or render it
+        steps.unbindTexture = true;
+        // Made to be looked at only: released again as the import goes out of scope.
+        ok = importDmaBuf(dpy, planeImageAttribs(kFourccR8, fd, kWidth, kHeight, 0, kPitch), steps).ok();
     }
     eglGetError();  // a refused import is an answer, not a fault to leave pending
     close(fd);
