@@ -111,7 +111,7 @@ DmaBufImport importDmaBuf(EGLDisplay dpy, const EglAttribList& attribs, const Dm
     }
     if (!made.ok()) {
         if (steps.keepOnFailure) {
-            image.release();  // left alive on purpose: the caller's importer keeps what it made
+            image.release();  // left alive on purpose: the framebuffer importers keep what they made [kept:K17]
         } else {
             made.framebuffer.reset();
             made.texture.reset();
