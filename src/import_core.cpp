@@ -50,8 +50,10 @@ void setParameters(const DmaBufImportSteps& steps)
         const char* text;
     };
     static const Parameter kParameters[] = {
-        {GL_TEXTURE_MAG_FILTER, GL_LINEAR, "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MAG_FILTER, GL_LINEAR)"},
-        {GL_TEXTURE_MIN_FILTER, GL_LINEAR, "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MIN_FILTER, GL_LINEAR)"},
+        {GL_TEXTURE_MAG_FILTER, GL_LINEAR,
+         "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MAG_FILTER, GL_LINEAR)"},
+        {GL_TEXTURE_MIN_FILTER, GL_LINEAR,
+         "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MIN_FILTER, GL_LINEAR)"},
         {GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE,
          "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE)"},
         {GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE,
