@@ -35,6 +35,29 @@ void destroyZeroFilled(Engine* engine)
     free(engine);
 }
 
+// The engines keep their traces silent, so what the driver offers and which paths it could not
+// serve, and why, are logged here, where the user's log level is set.
+void logGpuCaps(const zqgfx_gpu_avs::AvsGpuCaps& caps)
+{
+    using zqgfx_gpu_avs::GpuPath;
+    AVS_LOGD("GL renderer %s, version %s", caps.renderer, caps.version);
+    AVS_LOGD("GL limits: texture %d, render target %d, texture units %d", caps.maxTextureSize,
+             caps.maxRenderbufferSize, caps.maxTextureUnits);
+    AVS_LOGD("EGL_EXT_image_dma_buf_import=%d EGL_EXT_image_dma_buf_import_modifiers=%d EGL_KHR_fence_sync=%d "
+             "EGL_MESA_platform_surfaceless=%d",
+             caps.has_EGL_EXT_image_dma_buf_import, caps.has_EGL_EXT_image_dma_buf_import_modifiers,
+             caps.has_EGL_KHR_fence_sync, caps.has_EGL_MESA_platform_surfaceless);
+    AVS_LOGD("GL_OES_EGL_image_external=%d GL_EXT_YUV_target=%d GL_EXT_disjoint_timer_query=%d "
+             "GL_OES_texture_float_linear=%d plane image import=%d",
+             caps.has_GL_OES_EGL_image_external, caps.has_GL_EXT_YUV_target, caps.has_GL_EXT_disjoint_timer_query,
+             caps.has_GL_OES_texture_float_linear, caps.imports_plane_images);
+    for (GpuPath path : {GpuPath::target, GpuPath::planes, GpuPath::portable}) {
+        const char* why = caps.declined[static_cast<int>(path)];
+        if (why != nullptr) AVS_LOGD("path %s declined: %s", zqgfx_gpu_avs::gpuPathName(path), why);
+    }
+    AVS_LOGD("rendering path: %s (%s)\n", zqgfx_gpu_avs::gpuPathName(caps.path), caps.reason);
+}
+
 // Frame calls on a thread without a finished init would use half-made or no objects.
 bool instanceReady()
 {
@@ -340,8 +363,7 @@ ZQGFX_AVS_STATUS ZQGFX_AVS_init(void* context)
         AVS_LOGE("ZQ_EGL_Init FAILED!");
         return ZQGFX_AVS_FAILED;
     }
-    // The engines keep their traces silent, so the path they chose is named here.
-    AVS_LOGD("rendering path: %s\n", gpuPathName(state.multiband_resource->caps.path));
+    logGpuCaps(state.multiband_resource->caps);
     if (state.zqRemapInstance->glesRemapInit(state.init_params, state.multiband_resource,
                                              state.mUseInputMeshCoords->input_meshx,
                                              state.mUseInputMeshCoords->input_meshy) != 0) {

@@ -46,7 +46,7 @@ struct multibandResource {
     void** meshAlphaDrmBufMsgArray;
 
     // Driver capabilities and the path chosen, written by ZQ_EGL_Init; read by both engines.
-    AvsGpuCaps caps;
+    AvsGpuCaps caps{};
     // Plane paths: the blend engine's seam atlas, which the remap draws the seams' sides into.
     SeamAtlas* seamAtlas = nullptr;
     // The blend engine's exposure compensation, whose gains the remap applies.

@@ -10,6 +10,7 @@
 #include "gl/DebugLog.h"
 #include "gl/avs_alloc.h"
 #include "calib_core/avs_calib_core.h"
+#include "gl/import_core.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -232,8 +233,7 @@ int zqglMultibandBlend::createSeamAtlas(int* do_blend_array)
     const multibandResource& r = *_multiResource;
     std::vector<SeamShape> shapes;
     if (!seamShapes(do_blend_array, &shapes)) return -1;
-    GLint limit = 0;
-    glGetIntegerv(GL_MAX_TEXTURE_SIZE, &limit);
+    GLint limit = r.caps.maxTextureSize;
     if (limit <= 0 || limit > zqavs_calib_core::kMaxTextureSize) limit = zqavs_calib_core::kMaxTextureSize;
     SeamAtlasLayout layout;
     std::string why;
@@ -310,15 +310,8 @@ bool zqglMultibandBlend::createPlainColourLevel(drmSharedFramebuffer& level)
 {
     level.mem_fd = -1;
     level.vir_addr = nullptr;
-    glGenTextures(1, &level.texture_id);
-    glGenFramebuffers(1, &level.fbo_id);
-    glBindTexture(GL_TEXTURE_2D, level.texture_id);
-    setLinearClampParameters(GL_TEXTURE_2D);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB, level.width, level.height, 0, GL_RGB, GL_UNSIGNED_BYTE, nullptr);
-    checkGlError("glTexImage2D");
-    glBindFramebuffer(GL_FRAMEBUFFER, level.fbo_id);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, level.texture_id, 0);
-    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) return false;
+    // An incomplete level keeps its names, which the level's release deletes.
+    if (!makeRgbTarget(level.width, level.height, &level.texture_id, &level.fbo_id)) return false;
     glBindTexture(GL_TEXTURE_2D, 0);
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
     return true;
@@ -548,22 +541,18 @@ GLuint zqglMultibandBlend::create_alpha_texture(EGLDisplay dpy, int tex_fd, int 
                                                 int plane_offset)
 {
     if (tex_fd <= 0) AVS_LOGE("avs-debug input tex_fd=%d, is illegal!", tex_fd);
-    const EglImageProcs& procs = eglImageProcs();
-    EGLImageKHR img = createDmaBufImage(dpy, procs, r8ImageAttribs(tex_fd, tex_width, tex_height, plane_offset));
-    if (img == EGL_NO_IMAGE_KHR) {
+    DmaBufImportSteps steps;
+    steps.function = __FUNCTION__;
+    steps.bindText = "image_target_texture_2d(GL_TEXTURE_2D, img)";
+    steps.traceEnd = "";
+    steps.unbindTexture = true;
+    DmaBufImport made = importDmaBuf(dpy, r8ImageAttribs(tex_fd, tex_width, tex_height, plane_offset), steps);
+    if (!made.ok()) {
         AVS_LOGE("avs-debug eglCreateImageKHR NULL! fd=%d width=%d,height=%d, plane_offset=%d", tex_fd, tex_width,
                  tex_height, plane_offset);
         return kFailedAlphaImport;
     }
-    GLuint texture = 0;
-    glGenTextures(1, &texture);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    AVS_GL_TRACE_LINES("image_target_texture_2d(GL_TEXTURE_2D, img)", procs.imageTargetTexture2D(GL_TEXTURE_2D, img),
-                       "");
-    setLinearClampParameters(GL_TEXTURE_2D);
-    procs.destroyImage(dpy, img);
-    glBindTexture(GL_TEXTURE_2D, 0);
-    return texture;
+    return made.texture.release();
 }
 
 int zqglMultibandBlend::updateMultibandAlpha(int* do_blend_array)

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "gl/import_core.h"
+
 namespace zqgfx_gpu_avs {
 
 // ---- attribute lists -----------------------------------------------------------------------
@@ -111,25 +113,14 @@ void setLinearClampParameters(GLenum target)
     glTexParameteri(target, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE);
 }
 
-// The debug and trace line forms in the name of `function`, so that the lines of the shared
-// import below name the helper the caller called.
+// The debug line form in the name of `function`, so that the lines of the shared import below
+// name the helper the caller called.
 #define AVS_LOGD_IN(function, fmt, ...)                                                  \
     do {                                                                                 \
         if (zqgfx_gpu_avs::AvsLogLevel() > 2) {                                          \
             printf("libzqgfx_avs: %s(%d): " fmt, function, __LINE__, ##__VA_ARGS__);     \
             printf("\n");                                                                \
         }                                                                                \
-    } while (0)
-
-#define AVS_GL_TRACE_IN(function, text, call)                                                        \
-    do {                                                                                             \
-        AVS_LOGD_IN(function, ">>> %s (%s:%d)\n", text, function, __LINE__);                          \
-        call;                                                                                        \
-        GLenum avsTraceError = glGetError();                                                         \
-        if (avsTraceError != GL_NO_ERROR)                                                            \
-            AVS_LOGE_IN(function, "ERROR: <<< %s: failed: 0x%04x ( ) (%s:%d)\n", text, avsTraceError, \
-                        function, __LINE__);                                                         \
-        AVS_LOGD_IN(function, "<<< %s: succeeded (%s:%d)\n", text, function, __LINE__);               \
     } while (0)
 
 namespace {
@@ -149,55 +140,36 @@ struct FboImport {
 int importFbo(EGLDisplay dpy, const EglAttribList& attribs, GLuint* fbo_texture, const FboImport& how)
 {
     const char* fn = how.function;
-    const EglImageProcs& procs = eglImageProcs();
-    EGLImageKHR img = createDmaBufImage(dpy, procs, attribs);
-    if (img == EGL_NO_IMAGE_KHR) {
+    const bool external = how.target == GL_TEXTURE_EXTERNAL_OES;
+    DmaBufImportSteps steps;
+    steps.function = fn;
+    steps.target = how.target;
+    steps.parametersFirst = true;
+    steps.traceGenTexture = how.traceGenTextures;
+    steps.traceParameters = external;
+    steps.bindText = external ? "image_target_texture_2d(GL_TEXTURE_EXTERNAL_OES, img)"
+                              : "image_target_texture_2d(GL_TEXTURE_2D, img)";
+    steps.framebuffer = true;
+    steps.attachText = how.attachText;
+    steps.keepOnFailure = true;
+    steps.unbindTexture = how.unbindTexture;
+    DmaBufImport made = importDmaBuf(dpy, attribs, steps);
+    if (made.failure == ImportFailure::image) {
         if (how.noImageIsError)
             AVS_LOGE_IN(fn, "avs-debug eglCreateImageKHR NULL \n ");
         else
             AVS_LOGD_IN(fn, "avs-debug eglCreateImageKHR NULL \n ");
         return -1;
     }
-
-    if (how.traceGenTextures)
-        AVS_GL_TRACE_IN(fn, "glGenTextures(1, fbo_texture)", glGenTextures(1, fbo_texture));
-    else
-        glGenTextures(1, fbo_texture);
-    GLuint texture = *fbo_texture;
-    if (how.target == GL_TEXTURE_EXTERNAL_OES) {
-        AVS_GL_TRACE_IN(fn, "glBindTexture(GL_TEXTURE_EXTERNAL_OES, texture)",
-                        glBindTexture(GL_TEXTURE_EXTERNAL_OES, texture));
-        AVS_GL_TRACE_IN(fn, "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MAG_FILTER, GL_LINEAR)",
-                        glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MAG_FILTER, GL_LINEAR));
-        AVS_GL_TRACE_IN(fn, "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MIN_FILTER, GL_LINEAR)",
-                        glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_MIN_FILTER, GL_LINEAR));
-        AVS_GL_TRACE_IN(fn, "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE)",
-                        glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_S, GL_CLAMP_TO_EDGE));
-        AVS_GL_TRACE_IN(fn, "glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE)",
-                        glTexParameteri(GL_TEXTURE_EXTERNAL_OES, GL_TEXTURE_WRAP_T, GL_CLAMP_TO_EDGE));
-        AVS_GL_TRACE_IN(fn, "image_target_texture_2d(GL_TEXTURE_EXTERNAL_OES, img)",
-                        procs.imageTargetTexture2D(GL_TEXTURE_EXTERNAL_OES, img));
-    } else {
-        glBindTexture(how.target, texture);
-        setLinearClampParameters(how.target);
-        AVS_GL_TRACE_IN(fn, "image_target_texture_2d(GL_TEXTURE_2D, img)", procs.imageTargetTexture2D(how.target, img));
-    }
-
-    GLuint framebuffer = 0;
-    glGenFramebuffers(1, &framebuffer);
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-    AVS_GL_TRACE_IN(fn, how.attachText,
-                    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, how.target, texture, 0));
-
-    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
-        // The image, texture and framebuffer are left as they are.
+    // The names go to the caller; an incomplete framebuffer leaves the image, the texture and the
+    // framebuffer alive [kept:K17].
+    *fbo_texture = made.texture.release();
+    const GLuint framebuffer = made.framebuffer.release();
+    if (!made.ok()) {
         AVS_LOGE_IN(fn, "%s", how.incompleteText);
         return -1;
     }
     AVS_LOGD_IN(fn, "zq_debug create fbo success!\n");
-    procs.destroyImage(dpy, img);  // the texture keeps the memory
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
-    if (how.unbindTexture) glBindTexture(how.target, 0);
     return static_cast<int>(framebuffer);
 }
 
@@ -233,17 +205,8 @@ int create_rgb_fbo_2D(EGLDisplay dpy, int memfd, int fbo_w, int fbo_h, unsigned 
 
 int create_fbo_no_fd(int fbo_w, int fbo_h, GLuint* fbo_texture)
 {
-    glGenTextures(1, fbo_texture);
     GLuint framebuffer = 0;
-    glGenFramebuffers(1, &framebuffer);
-    glBindTexture(GL_TEXTURE_2D, *fbo_texture);
-    setLinearClampParameters(GL_TEXTURE_2D);
-    glTexImage2D(GL_TEXTURE_2D, 0, GL_RGB, fbo_w, fbo_h, 0, GL_RGB, GL_UNSIGNED_BYTE, nullptr);
-    checkGlError("glTexImage2D");
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, *fbo_texture, 0);
-
-    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
+    if (!makeRgbTarget(fbo_w, fbo_h, fbo_texture, &framebuffer)) {
         AVS_LOGE("zq_debug create fbo failed!\n");
         return -1;
     }

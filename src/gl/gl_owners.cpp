@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "gl/common_resource.h"
+#include "gl/import_core.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -25,6 +26,12 @@ PixelTransfer transferOf(GLenum internalFormat)
 }
 
 }  // namespace
+
+void EglImage::reset()
+{
+    if (image_ != EGL_NO_IMAGE_KHR) eglImageProcs().destroyImage(dpy_, image_);
+    image_ = EGL_NO_IMAGE_KHR;
+}
 
 GlTexture makeTexture(GLenum internalFormat, int w, int h, bool linear)
 {
@@ -51,9 +58,7 @@ GlFramebuffer makeFramebuffer(GLuint texture)
     GLuint name = 0;
     glGenFramebuffers(1, &name);
     GlFramebuffer fbo(name);
-    glBindFramebuffer(GL_FRAMEBUFFER, name);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
-    const bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
+    const bool complete = attachColourTexture(name, GL_TEXTURE_2D, texture);
     glBindFramebuffer(GL_FRAMEBUFFER, 0);
     if (!complete) fbo.reset();
     return fbo;

@@ -4,6 +4,8 @@
 #ifndef ZQGFX_AVS_GL_OWNERS_H
 #define ZQGFX_AVS_GL_OWNERS_H
 
+#include <EGL/egl.h>
+#include <EGL/eglext.h>
 #include <GLES3/gl31.h>
 
 #include <memory>
@@ -37,6 +39,8 @@ public:
         if (name_ != 0) Delete(name_);
         name_ = name;
     }
+    // Gives the name up without deleting it.
+    GLuint release() { return std::exchange(name_, 0); }
 
 private:
     GLuint name_ = 0;
@@ -60,6 +64,39 @@ struct GlFenceDelete {
     void operator()(GLsync fence) const { glDeleteSync(fence); }
 };
 using GlFence = std::unique_ptr<std::remove_pointer_t<GLsync>, GlFenceDelete>;
+
+// An EGL image and the display that made it, destroyed with it.
+class EglImage {
+public:
+    EglImage() = default;
+    EglImage(EGLDisplay dpy, EGLImageKHR image) : dpy_(dpy), image_(image) {}
+    ~EglImage() { reset(); }
+    EglImage(EglImage&& other) noexcept
+        : dpy_(other.dpy_), image_(std::exchange(other.image_, EGL_NO_IMAGE_KHR))
+    {
+    }
+    EglImage& operator=(EglImage&& other) noexcept
+    {
+        if (this != &other) {
+            reset();
+            dpy_ = other.dpy_;
+            image_ = std::exchange(other.image_, EGL_NO_IMAGE_KHR);
+        }
+        return *this;
+    }
+    EglImage(const EglImage&) = delete;
+    EglImage& operator=(const EglImage&) = delete;
+
+    EGLImageKHR get() const { return image_; }
+    explicit operator bool() const { return image_ != EGL_NO_IMAGE_KHR; }
+    void reset();
+    // Gives the image up without destroying it.
+    EGLImageKHR release() { return std::exchange(image_, EGL_NO_IMAGE_KHR); }
+
+private:
+    EGLDisplay dpy_ = EGL_NO_DISPLAY;
+    EGLImageKHR image_ = EGL_NO_IMAGE_KHR;
+};
 
 // A new texture of `internalFormat` and `w` x `h`, nearest or linear filtered, clamped to its edges.
 GlTexture makeTexture(GLenum internalFormat, int w, int h, bool linear);

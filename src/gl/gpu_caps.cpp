@@ -4,9 +4,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "gl/common_resource.h"
+#include "gl/import_core.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -21,24 +23,14 @@ bool probePlaneImport(EGLDisplay dpy)
     int fd = memfd_create("zqavs-probe", MFD_CLOEXEC);
     if (fd < 0) return false;
     bool ok = ftruncate(fd, kPitch * kHeight) == 0;
-    const EglImageProcs& procs = eglImageProcs();
-    EGLImageKHR image = ok ? createDmaBufImage(dpy, procs, planeImageAttribs(kFourccR8, fd, kWidth, kHeight, 0, kPitch))
-                           : EGL_NO_IMAGE_KHR;
-    ok = image != EGL_NO_IMAGE_KHR;
     if (ok) {
-        GLuint texture = 0, fbo = 0;
-        glGenTextures(1, &texture);
-        glBindTexture(GL_TEXTURE_2D, texture);
-        procs.imageTargetTexture2D(GL_TEXTURE_2D, image);
-        glGenFramebuffers(1, &fbo);
-        glBindFramebuffer(GL_FRAMEBUFFER, fbo);
-        glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
-        ok = glGetError() == GL_NO_ERROR && glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
-        glBindFramebuffer(GL_FRAMEBUFFER, 0);
-        glBindTexture(GL_TEXTURE_2D, 0);
-        glDeleteFramebuffers(1, &fbo);
-        glDeleteTextures(1, &texture);
-        procs.destroyImage(dpy, image);
+        DmaBufImportSteps steps;
+        steps.function = __FUNCTION__;
+        steps.framebuffer = true;
+        steps.checkErrors = true;  // a driver may take the image and still refuse to sample or render it
+        steps.unbindTexture = true;
+        // Made to be looked at only: released again as the import goes out of scope.
+        ok = importDmaBuf(dpy, planeImageAttribs(kFourccR8, fd, kWidth, kHeight, 0, kPitch), steps).ok();
     }
     eglGetError();  // a refused import is an answer, not a fault to leave pending
     close(fd);
@@ -131,7 +123,8 @@ void choosePath(AvsGpuCaps* caps)
 {
     for (const PathCandidate& candidate : kPathCandidates) {
         if (const char* why = candidate.declines(*caps)) {
-            AVS_LOGD("path %s declined: %s", gpuPathName(candidate.path), why);
+            // Logged by the entry point: this unit's copy of the log level is never set.
+            caps->declined[static_cast<int>(candidate.path)] = why;
             continue;
         }
         caps->path = candidate.path;
@@ -139,6 +132,32 @@ void choosePath(AvsGpuCaps* caps)
         return;
     }
 }
+
+namespace {
+
+void copyGlString(GLenum name, char* out, size_t size)
+{
+    const GLubyte* value = glGetString(name);
+    snprintf(out, size, "%s", value ? reinterpret_cast<const char*>(value) : "?");
+}
+
+GLint glInteger(GLenum name)
+{
+    GLint value = 0;
+    glGetIntegerv(name, &value);
+    return value;
+}
+
+void readDriverLimits(AvsGpuCaps* caps)
+{
+    copyGlString(GL_RENDERER, caps->renderer, sizeof caps->renderer);
+    copyGlString(GL_VERSION, caps->version, sizeof caps->version);
+    caps->maxTextureSize = glInteger(GL_MAX_TEXTURE_SIZE);
+    caps->maxRenderbufferSize = glInteger(GL_MAX_RENDERBUFFER_SIZE);
+    caps->maxTextureUnits = glInteger(GL_MAX_TEXTURE_IMAGE_UNITS);
+}
+
+}  // namespace
 
 AvsGpuCaps detectGpuCaps(EGLDisplay dpy)
 {
@@ -159,9 +178,29 @@ AvsGpuCaps detectGpuCaps(EGLDisplay dpy)
     // Only where the target path is out of reach: its drivers need no probe.
     if (caps.has_EGL_EXT_image_dma_buf_import && !caps.has_GL_EXT_YUV_target)
         caps.imports_plane_images = probePlaneImport(dpy);
+    readDriverLimits(&caps);
     choosePath(&caps);
-    AVS_LOGD("path %s: %s", gpuPathName(caps.path), caps.reason);
     return caps;
+}
+
+bool fitsDriverLimits(const AvsGpuCaps& caps, const char* what, int width, int height, bool renderTarget)
+{
+    struct Limit {
+        GLint value;
+        const char* words;
+        const char* name;
+    };
+    const Limit limits[] = {
+        {caps.maxTextureSize, "texture", "GL_MAX_TEXTURE_SIZE"},
+        {renderTarget ? caps.maxRenderbufferSize : 0, "render target", "GL_MAX_RENDERBUFFER_SIZE"},
+    };
+    for (const Limit& limit : limits) {
+        if (limit.value <= 0 || (width <= limit.value && height <= limit.value)) continue;
+        AVS_LOGE("%s %dx%d exceeds the driver's %s limit %d (%s)", what, width, height, limit.words, limit.value,
+                 limit.name);
+        return false;
+    }
+    return true;
 }
 
 }  // namespace zqgfx_gpu_avs

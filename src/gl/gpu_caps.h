@@ -30,8 +30,16 @@ struct AvsGpuCaps {
     bool has_GL_EXT_disjoint_timer_query;
     bool has_GL_OES_texture_float_linear;
     bool imports_plane_images;
+    // The driver's own words and limits, read once with the extensions (0: not reported).
+    char renderer[96];
+    char version[96];
+    GLint maxTextureSize;       // GL_MAX_TEXTURE_SIZE
+    GLint maxRenderbufferSize;  // GL_MAX_RENDERBUFFER_SIZE
+    GLint maxTextureUnits;      // GL_MAX_TEXTURE_IMAGE_UNITS
     GpuPath path;
     const char* reason;  // why `path` was chosen, a static text
+    // Why each path ahead of `path` was passed over, indexed by GpuPath; null where it was not.
+    const char* declined[3];
 
     // Every path but the target one draws the NV12 planes separately.
     bool drawsPlanes() const { return path != GpuPath::target; }
@@ -60,8 +68,14 @@ bool hasExtension(const char* extensions, const char* name);
 // display offers dma-buf import, and chooses the path; needs a current context.
 AvsGpuCaps detectGpuCaps(EGLDisplay dpy);
 
-// The first path of the ordered list that the capabilities allow, with the reason.
+// The first path of the ordered list that the capabilities allow, with the reason, and the
+// reasons of the paths passed over.
 void choosePath(AvsGpuCaps* caps);
+
+// False, with an error line naming the limit, when a `width` x `height` texture called `what`
+// exceeds the driver's texture limit or, for a render target, its renderbuffer limit. Limits the
+// driver did not report are not checked.
+bool fitsDriverLimits(const AvsGpuCaps& caps, const char* what, int width, int height, bool renderTarget);
 
 }  // namespace zqgfx_gpu_avs
 

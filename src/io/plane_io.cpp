@@ -11,6 +11,9 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+
+#include "gl/import_core.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -123,7 +126,7 @@ void ColumnSpanList::normalise(int limit)
 
 namespace {
 
-GLuint storageTexture(GLenum internalFormat, int width, int height)
+GlTexture storageTexture(GLenum internalFormat, int width, int height)
 {
     GLuint texture = 0;
     glGenTextures(1, &texture);
@@ -131,19 +134,7 @@ GLuint storageTexture(GLenum internalFormat, int width, int height)
     glTexStorage2D(GL_TEXTURE_2D, 1, internalFormat, width, height);
     setLinearClampParameters(GL_TEXTURE_2D);
     glBindTexture(GL_TEXTURE_2D, 0);
-    return texture;
-}
-
-// A framebuffer around `texture`; false when it is incomplete (the name is kept so that the
-// slot's release deletes it).
-bool attachFramebuffer(GLuint texture, GLuint* fbo)
-{
-    glGenFramebuffers(1, fbo);
-    glBindFramebuffer(GL_FRAMEBUFFER, *fbo);
-    glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_2D, texture, 0);
-    bool complete = glCheckFramebufferStatus(GL_FRAMEBUFFER) == GL_FRAMEBUFFER_COMPLETE;
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
-    return complete;
+    return GlTexture(texture);
 }
 
 int chromaSize(int size) { return (size + 1) / 2; }
@@ -155,23 +146,16 @@ PlaneIo::~PlaneIo()
     releaseAllSlots();
 }
 
-GLuint PlaneIo::importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const
+GlTexture PlaneIo::importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const
 {
-    const EglImageProcs& procs = eglImageProcs();
-    EGLImageKHR image = createDmaBufImage(display, procs, planeImageAttribs(fourcc, fd, width, height, offset, pitch));
-    if (image == EGL_NO_IMAGE_KHR) {
+    DmaBufImportSteps steps;
+    steps.function = __FUNCTION__;
+    steps.unbindTexture = true;
+    DmaBufImport made = importDmaBuf(display, planeImageAttribs(fourcc, fd, width, height, offset, pitch), steps);
+    if (!made.ok())
         AVS_LOGE("descriptor %d: plane image %dx%d at offset %d refused (0x%x)", fd, width, height, offset,
                  eglGetError());
-        return 0;
-    }
-    GLuint texture = 0;
-    glGenTextures(1, &texture);
-    glBindTexture(GL_TEXTURE_2D, texture);
-    procs.imageTargetTexture2D(GL_TEXTURE_2D, image);
-    setLinearClampParameters(GL_TEXTURE_2D);
-    glBindTexture(GL_TEXTURE_2D, 0);
-    procs.destroyImage(display, image);  // the texture keeps the buffer
-    return texture;
+    return std::move(made.texture);
 }
 
 // Both planes of slot `s` (size and stride set) as textures: images of the caller's buffer, or
@@ -186,7 +170,7 @@ bool PlaneIo::makePlaneTextures(Slot& s, int fd)
         s.luma.texture = storageTexture(GL_R8, s.width, s.height);
         s.chroma.texture = storageTexture(GL_RG8, cw, ch);
     }
-    return s.luma.texture != 0 && s.chroma.texture != 0;
+    return s.luma.texture && s.chroma.texture;
 }
 
 // ---- inputs --------------------------------------------------------------------------------
@@ -210,7 +194,7 @@ GLuint PlaneIo::importInput(int slot, int fd, uint32_t, int width, int height)
         return 0;
     }
     if (!zeroCopy) uploadInput(s);
-    return s.luma.texture;
+    return s.luma.texture.get();
 }
 
 int PlaneIo::refreshInput(int slot)
@@ -228,10 +212,10 @@ void PlaneIo::uploadInput(Slot& s)
     const uint8_t* chroma = luma + static_cast<size_t>(s.stride) * s.height;
     mapping.beginCpuAccess();
     glPixelStorei(GL_UNPACK_ROW_LENGTH, s.stride);
-    glBindTexture(GL_TEXTURE_2D, s.luma.texture);
+    glBindTexture(GL_TEXTURE_2D, s.luma.texture.get());
     glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, s.width, s.height, GL_RED, GL_UNSIGNED_BYTE, luma);
     glPixelStorei(GL_UNPACK_ROW_LENGTH, s.stride / 2);  // in CbCr pairs
-    glBindTexture(GL_TEXTURE_2D, s.chroma.texture);
+    glBindTexture(GL_TEXTURE_2D, s.chroma.texture.get());
     glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, chromaSize(s.width), chromaSize(s.height), GL_RG, GL_UNSIGNED_BYTE,
                     chroma);
     // Other uploads (alpha levels) rely on the default row length.
@@ -250,9 +234,9 @@ bool PlaneIo::bindInput(int slot, GLuint) const
     const Slot* s = slotHolding(slot, Slot::Kind::input);
     if (!s) return false;
     glActiveTexture(GL_TEXTURE0 + kPortableChromaUnit);
-    glBindTexture(GL_TEXTURE_2D, s->chroma.texture);
+    glBindTexture(GL_TEXTURE_2D, s->chroma.texture.get());
     glActiveTexture(GL_TEXTURE0 + kPortableLumaUnit);
-    glBindTexture(GL_TEXTURE_2D, s->luma.texture);
+    glBindTexture(GL_TEXTURE_2D, s->luma.texture.get());
     return true;
 }
 
@@ -273,22 +257,24 @@ GLuint PlaneIo::importOutput(int slot, int fd, uint32_t, int width, int height, 
     const bool reachable = zeroCopy ? descriptorHolds(fd, bytes) : s.mapping.map(fd, bytes, true);
     s.kind = Slot::Kind::output;
     bool made = reachable && makePlaneTextures(s, fd);
-    made = made && attachFramebuffer(s.luma.texture, &s.luma.fbo);
-    made = made && attachFramebuffer(s.chroma.texture, &s.chroma.fbo);
+    for (Plane* plane : {&s.luma, &s.chroma}) {
+        if (made) plane->fbo = makeFramebuffer(plane->texture.get());
+        made = made && plane->fbo;
+    }
     if (!made) {
         AVS_LOGE("output planes %dx%d of descriptor %d could not be made", width, height, fd);
         releaseSlot(slot, false);
         return 0;
     }
-    *lumaTexture = s.luma.texture;
-    return s.luma.fbo;
+    *lumaTexture = s.luma.texture.get();
+    return s.luma.fbo.get();
 }
 
 OutputPlanes PlaneIo::outputPlanes(int slot, GLuint) const
 {
     const Slot* s = slotHolding(slot, Slot::Kind::output);
     if (!s) return OutputPlanes{0, {}};
-    return OutputPlanes{2, {{s->luma.fbo, 1, 0}, {s->chroma.fbo, 2, 1}}};
+    return OutputPlanes{2, {{s->luma.fbo.get(), 1, 0}, {s->chroma.fbo.get(), 2, 1}}};
 }
 
 int PlaneIo::finishOutput(int slot, const ColumnSpanList& spans)
@@ -320,12 +306,12 @@ bool PlaneIo::readBackSpans(Slot& s, const ColumnSpanList& spans)
     glPixelStorei(GL_PACK_ALIGNMENT, 1);
     for (int i = 0; i < readSpans.count(); ++i) {
         const int x = readSpans[i].x, width = readSpans[i].width;
-        glBindFramebuffer(GL_FRAMEBUFFER, s.luma.fbo);
+        glBindFramebuffer(GL_FRAMEBUFFER, s.luma.fbo.get());
         glPixelStorei(GL_PACK_ROW_LENGTH, s.stride);
         glReadPixels(x, 0, width, s.height, GL_RED, GL_UNSIGNED_BYTE, luma + x);
         const int cx0 = x / 2, cx1 = std::min(chromaSize(x + width), chromaColumns);
         if (cx1 <= cx0) continue;
-        glBindFramebuffer(GL_FRAMEBUFFER, s.chroma.fbo);
+        glBindFramebuffer(GL_FRAMEBUFFER, s.chroma.fbo.get());
         if (s.stride % 2 == 0) {
             glPixelStorei(GL_PACK_ROW_LENGTH, s.stride / 2);  // in CbCr pairs
             glReadPixels(cx0, 0, cx1 - cx0, chromaRows, GL_RG, GL_UNSIGNED_BYTE, chroma + 2 * cx0);
@@ -340,7 +326,7 @@ bool PlaneIo::readBackSpans(Slot& s, const ColumnSpanList& spans)
     glPixelStorei(GL_PACK_ALIGNMENT, 4);
     // The frame's draws went to the luma plane last; leave it bound as the target path leaves
     // its output.
-    glBindFramebuffer(GL_FRAMEBUFFER, s.luma.fbo);
+    glBindFramebuffer(GL_FRAMEBUFFER, s.luma.fbo.get());
     s.mapping.endCpuAccess();
     GLenum error = glGetError();
     if (error != GL_NO_ERROR) {
@@ -357,9 +343,8 @@ void PlaneIo::releaseSlot(int slot, bool)
     if (!validSlot(slot)) return;
     Slot& s = slots[slot];
     for (Plane* plane : {&s.luma, &s.chroma}) {
-        if (plane->fbo) glDeleteFramebuffers(1, &plane->fbo);
-        if (plane->texture) glDeleteTextures(1, &plane->texture);
-        *plane = Plane{};
+        plane->fbo.reset();
+        plane->texture.reset();
     }
     s.mapping.unmap();
     s.kind = Slot::Kind::empty;

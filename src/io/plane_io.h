@@ -17,6 +17,7 @@
 #include "gl/common_resource.h"
 #include "io/frame_io.h"
 #include "zqgfx_gpu_avs.h"
+#include "gl/gl_owners.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -150,8 +151,8 @@ public:
 
 private:
     struct Plane {
-        GLuint texture = 0;
-        GLuint fbo = 0;
+        GlTexture texture;
+        GlFramebuffer fbo;
     };
     struct Slot {
         enum class Kind : uint8_t { empty, input, output } kind = Kind::empty;
@@ -165,7 +166,7 @@ private:
 
     static bool validSlot(int slot) { return slot >= 0 && slot < kImportSlotCount; }
     bool makePlaneTextures(Slot& s, int fd);
-    GLuint importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const;
+    GlTexture importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const;
     void uploadInput(Slot& s);
     bool readBackSpans(Slot& s, const ColumnSpanList& spans);
     const Slot* slotHolding(int slot, Slot::Kind kind) const;

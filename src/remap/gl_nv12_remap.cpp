@@ -131,14 +131,6 @@ bool offersHeadlessPlatform()
     return hasExtension(client, "EGL_MESA_platform_surfaceless") || hasExtension(client, "EGL_EXT_platform_device");
 }
 
-void logRendererAndPath(const AvsGpuCaps& caps)
-{
-    const GLubyte* renderer = glGetString(GL_RENDERER);
-    const GLubyte* version = glGetString(GL_VERSION);
-    AVS_LOGD("GL renderer %s, version %s: %s path", renderer ? reinterpret_cast<const char*>(renderer) : "?",
-             version ? reinterpret_cast<const char*>(version) : "?", gpuPathName(caps.path));
-}
-
 // Instances on several threads share the process's display, and eglTerminate would end it for
 // all of them: the last instance to leave terminates it. An instance belongs to its thread, so a
 // thread counts once; one whose init failed keeps its place until its next init or its end.
@@ -264,7 +256,6 @@ int ZQGL_Remap::ZQ_EGL_Init(multibandResource* resource)
     // Stored once, in the record both engines share.
     resource->caps = detectGpuCaps(dpy);
     const AvsGpuCaps& caps = resource->caps;
-    logRendererAndPath(caps);
 
     resource->context = context;
     resource->dpy = dpy;

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "io/plane_io.h"
+#include "gl/import_core.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -192,67 +193,56 @@ int ZQGL_Remap::importOutputSlot(int slot, int fd, uint32_t outputIsAFBC)
 GLuint ZQGL_Remap::create_egl_texture(void* dpy, uint32_t is_afbc, int inputImgFd, int tex_width, int tex_height)
 {
     AVS_LOGD("enter ");
-    const EglImageProcs& procs = eglImageProcs();
     const int stride = alignTo16(tex_width);  // the height is used unaligned
     AVS_LOGD("avs-debug is_afbc=%d,inputImgFd=%d\n ", is_afbc, inputImgFd);
 
-    EGLImageKHR img = createDmaBufImage(dpy, procs, yuvImageAttribs(is_afbc, inputImgFd, tex_width, tex_height, stride));
-    if (img == EGL_NO_IMAGE_KHR) {
+    // The image is bound before the parameters are set here; the output side does the reverse.
+    DmaBufImportSteps steps;
+    steps.function = __FUNCTION__;
+    steps.target = GL_TEXTURE_EXTERNAL_OES;
+    steps.bindText = "image_target_texture_2d(GL_TEXTURE_EXTERNAL_OES, img)";
+    DmaBufImport made = importDmaBuf(dpy, yuvImageAttribs(is_afbc, inputImgFd, tex_width, tex_height, stride), steps);
+    if (!made.ok()) {
         AVS_LOGE("avs-debug eglCreateImageKHR NULL! stride=%d,height=%d,fd=%d\n", stride, tex_height, inputImgFd);
         return kImportFailed;
     }
-
-    GLuint texID = 0;
-    glGenTextures(1, &texID);
-    AVS_LOGD("avs-debug genTexture=%d\n ", texID);
-    glBindTexture(GL_TEXTURE_EXTERNAL_OES, texID);
-    // The image is bound before the parameters are set here; the output side does the reverse.
-    AVS_GL_TRACE("image_target_texture_2d(GL_TEXTURE_EXTERNAL_OES, img)",
-                 procs.imageTargetTexture2D(GL_TEXTURE_EXTERNAL_OES, img));
-    setLinearClampParameters(GL_TEXTURE_EXTERNAL_OES);
-
-    procs.destroyImage(dpy, img);
+    AVS_LOGD("avs-debug genTexture=%d\n ", made.texture.get());
     AVS_LOGD("end ");
-    return texID;  // left bound to GL_TEXTURE_EXTERNAL_OES
+    return made.texture.release();  // left bound to GL_TEXTURE_EXTERNAL_OES
 }
 
 GLuint ZQGL_Remap::create_fbo_output(void* dpy, uint32_t is_afbc, int memfd, int fbo_w, int fbo_h, uint32_t stride,
                                      GLuint* Gtexturefbo)
 {
     AVS_LOGD("enter ");
-    const EglImageProcs& procs = eglImageProcs();
     AVS_LOGD("avs-debug is_afbc=%d,inputfd=%d\n ", is_afbc, memfd);
 
     // The caller's stride is taken as it is: the output buffer's pitch is the caller's to choose.
     const EGLint pitch = static_cast<EGLint>(stride);
-    EGLImageKHR img = createDmaBufImage(dpy, procs, yuvImageAttribs(is_afbc, memfd, fbo_w, fbo_h, pitch));
-    if (img == EGL_NO_IMAGE_KHR) {
+    // A YUV image as colour attachment: the framebuffer renders into the caller's YUV buffer.
+    DmaBufImportSteps steps;
+    steps.function = __FUNCTION__;
+    steps.target = GL_TEXTURE_EXTERNAL_OES;
+    steps.parametersFirst = true;
+    steps.bindText = "image_target_texture_2d(GL_TEXTURE_EXTERNAL_OES, img)";
+    steps.framebuffer = true;
+    steps.attachText =
+        "glFramebufferTexture2D(GL_FRAMEBUFFER,GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, *Gtexturefbo, 0)";
+    steps.keepOnFailure = true;  // an incomplete output leaves what it made [kept:K17]
+    DmaBufImport made = importDmaBuf(dpy, yuvImageAttribs(is_afbc, memfd, fbo_w, fbo_h, pitch), steps);
+    if (made.failure == ImportFailure::image) {
         AVS_LOGE("avs-debug eglCreateImageKHR NULL! stride=%d,height=%d,fd=%d\n", pitch, fbo_h, memfd);
         return kImportFailed;
     }
-
-    glGenTextures(1, Gtexturefbo);
-    glBindTexture(GL_TEXTURE_EXTERNAL_OES, *Gtexturefbo);
-    setLinearClampParameters(GL_TEXTURE_EXTERNAL_OES);
-    AVS_GL_TRACE("image_target_texture_2d(GL_TEXTURE_EXTERNAL_OES, img)",
-                 procs.imageTargetTexture2D(GL_TEXTURE_EXTERNAL_OES, img));
-
-    GLuint framebuffer = 0;
-    glGenFramebuffers(1, &framebuffer);
+    *Gtexturefbo = made.texture.release();
+    const GLuint framebuffer = made.framebuffer.release();
     AVS_LOGD("avs-debug genFbo=%d,genTexture=%d\n ", framebuffer, *Gtexturefbo);
-    glBindFramebuffer(GL_FRAMEBUFFER, framebuffer);
-    // A YUV image as colour attachment: the framebuffer renders into the caller's YUV buffer.
-    AVS_GL_TRACE("glFramebufferTexture2D(GL_FRAMEBUFFER,GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, *Gtexturefbo, 0)",
-                 glFramebufferTexture2D(GL_FRAMEBUFFER, GL_COLOR_ATTACHMENT0, GL_TEXTURE_EXTERNAL_OES, *Gtexturefbo, 0));
-
-    if (glCheckFramebufferStatus(GL_FRAMEBUFFER) != GL_FRAMEBUFFER_COMPLETE) {
+    if (!made.ok()) {
         // Image, texture and framebuffer are left as they are, the framebuffer bound.
         AVS_LOGE("zq_debug create fbo failed!\n");
         return kImportFailed;
     }
     AVS_LOGD("zq_debug create fbo success!\n");
-    procs.destroyImage(dpy, img);
-    glBindFramebuffer(GL_FRAMEBUFFER, 0);
     AVS_LOGD("end ");
     return framebuffer;
 }

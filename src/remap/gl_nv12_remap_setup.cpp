@@ -153,6 +153,22 @@ bool seamListsCover(const multibandResource& resource, int cameras)
                        resource.resize_width, resource.resize_height);
 }
 
+// The camera images, the panorama and every seam's finest pyramid level (its overlap block, as
+// high as the panorama) against what the driver can hold; the format's own ceiling is checked
+// where frames are imported.
+bool layoutFitsDriver(const PSR_INITPARAMS_T& layout, const AvsGpuCaps& caps)
+{
+    if (!fitsDriverLimits(caps, "camera image", layout.src_width, layout.src_height, false) ||
+        !fitsDriverLimits(caps, "panorama", layout.bld_width, layout.bld_height, true))
+        return false;
+    for (int cam = 0; cam < layout.camera_num; ++cam) {
+        const zqPSR_OVERLAP_BLOCK& blocks = layout.overlap_block[cam];
+        for (int bn = 0; bn < blocks.overlap_num; ++bn)
+            if (!fitsDriverLimits(caps, "seam pyramid", blocks.dst_width[bn], layout.bld_height, true)) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 bool layoutListsComplete(const PSR_INITPARAMS_T& layout)
@@ -211,6 +227,7 @@ int ZQGL_Remap::glesRemapInit(PSR_INITPARAMS_S* params, multibandResource* resou
         AVS_LOGE("layout refused: missing, or its lists are shorter than their block counts");
         return -1;
     }
+    if (!layoutFitsDriver(*params, resource->caps)) return -1;
     copyLayout(*params, &_remap_init_params);
     blendResource = resource;
     // The blend size of set-up time; the overlap passes keep drawing at it after a resize.

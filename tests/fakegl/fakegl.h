@@ -46,6 +46,10 @@ struct Injection {
     int devices = 1;                   // EGL devices listed by eglQueryDevicesEXT
     bool noClientExtensions = false;   // EGL 1.4: the EGL_NO_DISPLAY query fails with EGL_BAD_DISPLAY
     std::string glExtensions = "GL_OES_EGL_image GL_OES_EGL_image_external GL_EXT_YUV_target";
+    // Answers of glGetIntegerv; other queries leave their output untouched.
+    GLint maxTextureSize = 16384;
+    GLint maxRenderbufferSize = 16384;
+    GLint maxTextureImageUnits = 16;
 };
 
 void reset();                      // forget calls, objects and injections; names restart at 1

@@ -146,6 +146,15 @@ GLenum glCheckFramebufferStatus(GLenum target) {
     return inj().framebufferStatus;
 }
 
+void glGetIntegerv(GLenum pname, GLint* data) {
+    record("glGetIntegerv", pname, data);
+    const GLint* answer = pname == GL_MAX_TEXTURE_SIZE ? &inj().maxTextureSize
+                          : pname == GL_MAX_RENDERBUFFER_SIZE ? &inj().maxRenderbufferSize
+                          : pname == GL_MAX_TEXTURE_IMAGE_UNITS ? &inj().maxTextureImageUnits
+                                                                : nullptr;
+    if (answer != nullptr && data != nullptr) *data = *answer;
+}
+
 const GLubyte* glGetString(GLenum name) {
     record("glGetString", name);
     const char* s = name == GL_EXTENSIONS ? inj().glExtensions.c_str() : name == GL_VERSION ? "OpenGL ES 3.1 fakegl" : "fakegl";

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "gl/common_resource.h"
+#include "gl/import_core.h"
 #include "remap_engine_support.h"
 
 using namespace zqgfx_gpu_avs;
@@ -56,6 +57,44 @@ TEST_F(CommonResource, FailuresReturnMinusOneAndFailedTracedCallsOnlyReport)
                                                   R"(glFramebufferTexture2D\(GL_FRAMEBUFFER,.*\): failed: 0x0502 )"
                                                   R"(\( \) \(create_yuv_fbo_by_fd:\1\)\n)")))
         << out;
+}
+
+// Whatever step fails, an import leaves nothing alive, unless it is one of the interface's
+// importers, which keep what they made; a finished one leaves its texture and framebuffer only.
+TEST_F(CommonResource, AFailedImportReleasesWhatItMadeUnlessTheInterfaceKeepsIt)
+{
+    const struct Row {
+        const char* name;
+        void (*inject)();
+        bool keep;
+        ImportFailure failure;
+        size_t images, textures, framebuffers;  // alive while the import is held
+    } rows[] = {
+        {"imported", [] {}, false, ImportFailure::none, 0, 1, 1},
+        {"image refused", [] { fakegl::inject().nullImageFrom = 1; }, false, ImportFailure::image, 0, 0, 0},
+        {"image not bound", [] { fakegl::failCall("glEGLImageTargetTexture2DOES", GL_INVALID_OPERATION); }, false,
+         ImportFailure::texture, 0, 0, 0},
+        {"framebuffer incomplete", [] { fakegl::inject().framebufferStatus = GL_FRAMEBUFFER_INCOMPLETE_ATTACHMENT; },
+         false, ImportFailure::framebuffer, 0, 0, 0},
+        {"framebuffer incomplete, kept", [] { fakegl::inject().framebufferStatus = GL_FRAMEBUFFER_UNSUPPORTED; }, true,
+         ImportFailure::framebuffer, 1, 1, 1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        fakegl::reset();
+        row.inject();
+        DmaBufImportSteps steps;
+        steps.framebuffer = steps.checkErrors = true;
+        steps.keepOnFailure = row.keep;
+        {
+            DmaBufImport made = importDmaBuf(kDpy, planeImageAttribs(kFourccR8, 5, 8, 4, 0, 16), steps);
+            EXPECT_EQ(made.failure, row.failure);
+            EXPECT_EQ(fakegl::liveObjects("image"), row.images);
+            EXPECT_EQ(fakegl::liveObjects("texture"), row.textures);
+            EXPECT_EQ(fakegl::liveObjects("framebuffer"), row.framebuffers);
+        }
+        EXPECT_EQ(fakegl::liveObjects("texture") + fakegl::liveObjects("framebuffer") + fakegl::doubleDeletes(), 0u);
+    }
 }
 
 TEST_F(CommonResource, ChromaRectanglesTakeEveryPairTheirColumnsTouch)

@@ -353,7 +353,7 @@ TEST_F(EntryPoints, HostileInputsAreRefusedAndTheThreadRecovers)
 }
 
 // Every limit the library enforces, exactly at the limit (accepted) and one past it (refused with
-// its line), where it is enforced: cameras, blocks and the texture limit by init and a frame;
+// its line), where it is enforced: cameras, blocks and the texture limits by init and a frame;
 // levels and block sizes by init, which reads them. The import table's 100 slots recycle rather
 // than refuse: RemapImport.TableIsFlushedOnceTheLastSlotIsUsed.
 TEST_F(EntryPoints, EveryLimitAcceptsItsEdgeAndRefusesOnePast)
@@ -394,6 +394,11 @@ TEST_F(EntryPoints, EveryLimitAcceptsItsEdgeAndRefusesOnePast)
         t.initChanged([&t, width](L& l) { l.bld_width = width, t.context.outputBufferWidth = (width + 15) & ~15; });
         return ZQGFX_AVS_AllProcess(&t.context);
     };
+    // A driver that holds textures up to 4096 pixels a side.
+    const auto panoramaOn4096 = [&](T& t, int width) {
+        fakegl::inject().maxTextureSize = 4096;
+        return panoramaWidth(t, width);
+    };
     // Camera 1's first non-overlap block (block 0) or first overlap block (block 1) `size` high.
     const auto meshHeight = [](T& t, bool overlap, int size) {
         return t.initChanged([overlap, size](L& l) {
@@ -412,6 +417,9 @@ TEST_F(EntryPoints, EveryLimitAcceptsItsEdgeAndRefusesOnePast)
         {"panorama one below the texture limit", [&](T& t) { return panoramaWidth(t, 16383); }, ok, ""},
         {"panorama at the texture limit", [&](T& t) { return panoramaWidth(t, 16384); }, failed,
          "bld_width=16384 or bld_height=240 is exceed the gpu max texture size limit!"},
+        {"panorama at the driver's texture limit", [&](T& t) { return panoramaOn4096(t, 4096); }, ok, ""},
+        {"panorama past the driver's texture limit", [&](T& t) { return panoramaOn4096(t, 4097); }, failed,
+         "panorama 4097x240 exceeds the driver's texture limit 4096 (GL_MAX_TEXTURE_SIZE)"},
         {"non-overlap block of height 0", [&](T& t) { return meshHeight(t, false, 0); }, ok, ""},
         {"non-overlap block of height -1", [&](T& t) { return meshHeight(t, false, -1); }, failed,
          layoutAt + "1 block 0 has a negative size, FAILED!"},
