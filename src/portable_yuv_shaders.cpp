@@ -107,15 +107,35 @@ const char* const gPortableFragmentShader_blendChroma = AVS_GLSL_BLEND_INTO_PLAN
 
 // ---- one quad per block: the mesh is a texture, interpolated per pixel --------------------
 
-// Two floats of quad corner, two of the block's own coordinates (0..1 across, 0..1 up).
+// The output planes hold several pixels of a row per texel (see packed_columns.h). The quad's
+// own coordinates (0..1 across the viewport, 0..1 up) become the drawn block's through
+// `packedColumns`: its x at the viewport's left edge, its change across it, its change per pixel.
+#define AVS_GLSL_PACKED_COLUMNS_VERTEX                                             \
+    "uniform vec3 packedColumns;\n"                                                 \
+    "out vec2 vLocal;\n"                                                            \
+    "vec2 blockLocal(vec2 quadLocal)\n"                                             \
+    "{\n"                                                                           \
+    "    return vec2(packedColumns.x + quadLocal.x * packedColumns.y, quadLocal.y);\n" \
+    "}\n"
+
+// The block's coordinates of the pixel `offset` pixels right of the texel's centre.
+#define AVS_GLSL_PACKED_COLUMNS_FRAGMENT                          \
+    "in vec2 vLocal;\n"                                           \
+    "uniform vec3 packedColumns;\n"                               \
+    "vec2 pixelLocal(float offset)\n"                             \
+    "{\n"                                                         \
+    "    return vLocal + vec2(offset * packedColumns.z, 0.0);\n"  \
+    "}\n"
+
+// Two floats of quad corner, two of the quad's own coordinates.
 const char* const gMeshQuadVertexShader =
     "#version 310 es \n"
     "layout(location = 0) in vec2 aPosition;\n"
     "layout(location = 1) in vec2 aLocal;\n"
-    "out vec2 vLocal;\n"
+    AVS_GLSL_PACKED_COLUMNS_VERTEX
     "void main()\n"
     "{\n"
-    "    vLocal = aLocal;\n"
+    "    vLocal = blockLocal(aLocal);\n"
     "    gl_Position = vec4(aPosition, 0.0, 1.0);\n"
     "}\n";
 
@@ -123,11 +143,10 @@ const char* const gMeshQuadVertexShader =
 // block; between them the position is bilinear in the four nodes around the pixel.
 #define AVS_GLSL_MESH_SOURCE                                                               \
     "layout(binding = 2) uniform highp sampler2D meshCoords;\n"                          \
-    "in vec2 vLocal;\n"                                                                   \
-    "vec2 sourceCoords()\n"                                                               \
+    "vec2 sourceCoords(vec2 local)\n"                                                     \
     "{\n"                                                                                 \
     "    ivec2 nodes = textureSize(meshCoords, 0);\n"                                     \
-    "    vec2 m = vLocal * vec2(nodes - 1);\n"                                            \
+    "    vec2 m = local * vec2(nodes - 1);\n"                                             \
     "    ivec2 i = clamp(ivec2(floor(m)), ivec2(0), max(nodes - 2, ivec2(0)));\n"         \
     "    vec2 f = m - vec2(i);\n"                                                         \
     "    ivec2 j = min(i + 1, nodes - 1);\n"                                              \
@@ -139,42 +158,65 @@ const char* const gMeshQuadVertexShader =
 // Where the driver filters float textures, the same bilinear interpolation is one filtered fetch.
 #define AVS_GLSL_MESH_SOURCE_FILTERED                                                      \
     "layout(binding = 2) uniform highp sampler2D meshCoords;\n"                          \
-    "in vec2 vLocal;\n"                                                                   \
-    "vec2 sourceCoords()\n"                                                               \
+    "vec2 sourceCoords(vec2 local)\n"                                                     \
     "{\n"                                                                                 \
     "    vec2 nodes = vec2(textureSize(meshCoords, 0));\n"                                \
-    "    return texture(meshCoords, (vLocal * (nodes - 1.0) + 0.5) / nodes).xy;\n"        \
+    "    return texture(meshCoords, (local * (nodes - 1.0) + 0.5) / nodes).xy;\n"         \
     "}\n"
 
-#define AVS_GLSL_MESH_PROGRAMS(SOURCE)                                                        \
-    {"#version 310 es \n"                                                                   \
-     "precision highp float;\n"                                                             \
-     "uniform sampler2D outTexture;\n"                                                      \
-     AVS_GLSL_LUMA_OUTPUT                                                                   \
-     SOURCE                                                                                 \
-     "void main()\n"                                                                        \
-     "{\n"                                                                                  \
-     "    writePlane(vec3(texture(outTexture, sourceCoords()).r, 0.0, 0.0));\n"             \
-     "}\n",                                                                                 \
-     "#version 310 es \n"                                                                   \
-     "precision highp float;\n"                                                             \
-     "layout(binding = 1) uniform sampler2D outTextureUV;\n"                                \
-     AVS_GLSL_CHROMA_OUTPUT                                                                 \
-     SOURCE                                                                                 \
-     "void main()\n"                                                                        \
-     "{\n"                                                                                  \
-     "    writePlane(vec3(0.0, texture(outTextureUV, sourceCoords()).rg));\n"               \
-     "}\n",                                                                                 \
-     "#version 310 es \n"                                                                   \
-     "precision highp float;\n"                                                             \
-     AVS_GLSL_BT601_FULL_RANGE                                                              \
-     AVS_GLSL_CAMERA_SAMPLERS                                                               \
-     SOURCE                                                                                 \
-     "out vec4 FragColor;\n"                                                                \
-     "void main()\n"                                                                        \
-     "{\n"                                                                                  \
-     "    FragColor = vec4(yuvToRgb601Full(cameraYuv(sourceCoords())), 1.0);\n"            \
-     "}\n"}
+// Luma, four pixels a texel. Along a row inside one mesh cell the bilinear source position is
+// linear in x, so two mesh lookups place all four: at the texel's outer pixels that lie in the
+// block (the others are masked off), the rest on the line through them.
+#define AVS_GLSL_PACKED_LUMA_MAIN(SAMPLE)                                                               \
+    "out vec4 FragColor;\n"                                                                             \
+    "void main()\n"                                                                                     \
+    "{\n"                                                                                               \
+    "    float first = 0.5 * packedColumns.z;\n"                                                        \
+    "    vec2 a = pixelLocal(-1.5), b = pixelLocal(1.5);\n"                                             \
+    "    a.x = clamp(a.x, first, 1.0 - first);\n"                                                       \
+    "    b.x = clamp(b.x, first, 1.0 - first);\n"                                                       \
+    "    vec2 sa = sourceCoords(a), sb = sourceCoords(b);\n"                                            \
+    "    vec4 t = (vec4(-1.5, -0.5, 0.5, 1.5) * packedColumns.z + (vLocal.x - a.x)) / max(b.x - a.x, 1e-9);\n" \
+    "    FragColor = vec4(" SAMPLE "(mix(sa, sb, t.x)), " SAMPLE "(mix(sa, sb, t.y)), "                   \
+    SAMPLE "(mix(sa, sb, t.z)), " SAMPLE "(mix(sa, sb, t.w)));\n"                                     \
+    "}\n"
+
+// Chroma, two CbCr pairs a texel.
+#define AVS_GLSL_PACKED_CHROMA_MAIN(SAMPLE)                                                             \
+    "out vec4 FragColor;\n"                                                                             \
+    "void main()\n"                                                                                     \
+    "{\n"                                                                                               \
+    "    FragColor = vec4(" SAMPLE "(sourceCoords(pixelLocal(-0.5))), " SAMPLE "(sourceCoords(pixelLocal(0.5))));\n" \
+    "}\n"
+
+#define AVS_GLSL_RGB_MAIN(SAMPLE)                                                      \
+    "out vec4 FragColor;\n"                                                            \
+    "void main()\n"                                                                    \
+    "{\n"                                                                              \
+    "    FragColor = vec4(yuvToRgb601Full(" SAMPLE "(sourceCoords(vLocal))), 1.0);\n"  \
+    "}\n"
+
+#define AVS_GLSL_MESH_PROGRAM(SOURCE, SAMPLING, MAIN) \
+    "#version 310 es \n"                              \
+    "precision highp float;\n"                        \
+    SAMPLING                                          \
+    AVS_GLSL_PACKED_COLUMNS_FRAGMENT                  \
+    SOURCE                                            \
+    MAIN
+
+// Each plane's values at a source position, as stored.
+#define AVS_GLSL_LUMA_AT                                                        \
+    "uniform sampler2D outTexture;\n"                                           \
+    "float lumaAt(vec2 s) { return texture(outTexture, s).r; }\n"
+#define AVS_GLSL_CHROMA_AT                                                      \
+    "layout(binding = 1) uniform sampler2D outTextureUV;\n"                     \
+    "vec2 chromaAt(vec2 s) { return texture(outTextureUV, s).rg; }\n"
+
+#define AVS_GLSL_MESH_PROGRAMS(SOURCE)                                                                    \
+    {AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_LUMA_AT, AVS_GLSL_PACKED_LUMA_MAIN("lumaAt")),                \
+     AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_CHROMA_AT, AVS_GLSL_PACKED_CHROMA_MAIN("chromaAt")),          \
+     AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_BT601_FULL_RANGE AVS_GLSL_CAMERA_SAMPLERS,                    \
+                           AVS_GLSL_RGB_MAIN("cameraYuv"))}
 
 const char* const gMeshFragmentShaders[2][3] = {AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_MESH_SOURCE),
                                                 AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
@@ -191,65 +233,46 @@ const char* const gMeshFragmentShaders[2][3] = {AVS_GLSL_MESH_PROGRAMS(AVS_GLSL_
 
 // Chroma reaches luma only through the cross terms of a colour cast (a few percent of the chroma's
 // distance from grey), so the luma program reads the nearest chroma sample, not a filtered one.
-#define AVS_GLSL_LUMA_WITH_CROSS_TERMS                                                    \
-    "vec3 cameraYuvForLuma(vec2 coords)\n"                                                \
-    "{\n"                                                                                 \
-    "    ivec2 size = textureSize(outTextureUV, 0);\n"                                    \
-    "    ivec2 c = clamp(ivec2(coords * vec2(size)), ivec2(0), size - 1);\n"              \
-    "    return vec3(texture(outTexture, coords).r, texelFetch(outTextureUV, c, 0).rg);\n" \
-    "}\n"
+#define AVS_GLSL_MATRIX_GAIN_SAMPLING                                                      \
+    AVS_GLSL_BT601_FULL_RANGE                                                              \
+    AVS_GLSL_CAMERA_SAMPLERS                                                               \
+    AVS_GLSL_GAIN                                                                          \
+    "float compensatedLuma(vec2 coords)\n"                                                 \
+    "{\n"                                                                                  \
+    "    ivec2 size = textureSize(outTextureUV, 0);\n"                                     \
+    "    ivec2 c = clamp(ivec2(coords * vec2(size)), ivec2(0), size - 1);\n"               \
+    "    return compensated(vec3(texture(outTexture, coords).r, texelFetch(outTextureUV, c, 0).rg)).x;\n" \
+    "}\n"                                                                                  \
+    "vec2 compensatedChroma(vec2 coords) { return compensated(cameraYuv(coords)).yz; }\n"  \
+    "vec3 compensatedYuv(vec2 coords) { return compensated(cameraYuv(coords)); }\n"
 
-#define AVS_GLSL_MESH_GAIN_PROGRAM(OUTPUT, SOURCE, SAMPLE)                           \
-    "#version 310 es \n"                                                           \
-    "precision highp float;\n"                                                     \
-    AVS_GLSL_BT601_FULL_RANGE                                                      \
-    AVS_GLSL_CAMERA_SAMPLERS                                                       \
-    AVS_GLSL_GAIN                                                                  \
-    AVS_GLSL_LUMA_WITH_CROSS_TERMS                                                 \
-    OUTPUT                                                                         \
-    SOURCE                                                                         \
-    "void main()\n"                                                                \
-    "{\n"                                                                          \
-    "    writePlane(compensated(" SAMPLE "(sourceCoords())));\n"                   \
-    "}\n"
-
-#define AVS_GLSL_RGB_WRITE \
-    "out vec4 FragColor;\n" \
-    "void writePlane(vec3 yuv) { FragColor = vec4(yuvToRgb601Full(yuv), 1.0); }\n"
-
-#define AVS_GLSL_MESH_GAIN_PROGRAMS(SOURCE)                                                    \
-    {AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_LUMA_OUTPUT, SOURCE, "cameraYuvForLuma"),       \
-     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, SOURCE, "cameraYuv"),                  \
-     AVS_GLSL_MESH_GAIN_PROGRAM(AVS_GLSL_RGB_WRITE, SOURCE, "cameraYuv")}
+#define AVS_GLSL_MESH_GAIN_PROGRAMS(SOURCE)                                                                    \
+    {AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_MATRIX_GAIN_SAMPLING, AVS_GLSL_PACKED_LUMA_MAIN("compensatedLuma")), \
+     AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_MATRIX_GAIN_SAMPLING,                                              \
+                           AVS_GLSL_PACKED_CHROMA_MAIN("compensatedChroma")),                                  \
+     AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_MATRIX_GAIN_SAMPLING, AVS_GLSL_RGB_MAIN("compensatedYuv"))}
 
 const char* const gMeshGainFragmentShaders[2][3] = {AVS_GLSL_MESH_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE),
                                                     AVS_GLSL_MESH_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
 
 // With one gain for all channels the matrix is diagonal: each plane is scaled on its own and
 // reads nothing of the other.
-#define AVS_GLSL_MESH_SCALAR_GAIN_PROGRAMS(SOURCE)                                                    \
-    {"#version 310 es \n"                                                                           \
-     "precision highp float;\n"                                                                     \
-     "uniform sampler2D outTexture;\n"                                                              \
-     "uniform mat3 yuvGain;\n"                                                                      \
-     AVS_GLSL_LUMA_OUTPUT                                                                           \
-     SOURCE                                                                                         \
-     "void main()\n"                                                                                \
-     "{\n"                                                                                          \
-     "    writePlane(vec3(yuvGain[0][0] * texture(outTexture, sourceCoords()).r, 0.0, 0.0));\n"     \
-     "}\n",                                                                                         \
-     "#version 310 es \n"                                                                           \
-     "precision highp float;\n"                                                                     \
-     "const float kChromaOffset = 128.0 / 255.0;\n"                                                 \
-     "layout(binding = 1) uniform sampler2D outTextureUV;\n"                                        \
-     "uniform mat3 yuvGain;\n"                                                                      \
-     AVS_GLSL_CHROMA_OUTPUT                                                                         \
-     SOURCE                                                                                         \
-     "void main()\n"                                                                                \
-     "{\n"                                                                                          \
-     "    vec2 cbcr = texture(outTextureUV, sourceCoords()).rg;\n"                                  \
-     "    writePlane(vec3(0.0, kChromaOffset + yuvGain[1][1] * (cbcr - kChromaOffset)));\n"        \
-     "}\n"}
+#define AVS_GLSL_SCALAR_GAIN_LUMA                                                          \
+    "uniform sampler2D outTexture;\n"                                                      \
+    "uniform mat3 yuvGain;\n"                                                              \
+    "float scaledLuma(vec2 s) { return yuvGain[0][0] * texture(outTexture, s).r; }\n"
+#define AVS_GLSL_SCALAR_GAIN_CHROMA                                                        \
+    "const float kChromaOffset = 128.0 / 255.0;\n"                                         \
+    "layout(binding = 1) uniform sampler2D outTextureUV;\n"                                \
+    "uniform mat3 yuvGain;\n"                                                              \
+    "vec2 scaledChroma(vec2 s)\n"                                                          \
+    "{\n"                                                                                  \
+    "    return kChromaOffset + yuvGain[1][1] * (texture(outTextureUV, s).rg - kChromaOffset);\n" \
+    "}\n"
+
+#define AVS_GLSL_MESH_SCALAR_GAIN_PROGRAMS(SOURCE)                                                             \
+    {AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_SCALAR_GAIN_LUMA, AVS_GLSL_PACKED_LUMA_MAIN("scaledLuma")),        \
+     AVS_GLSL_MESH_PROGRAM(SOURCE, AVS_GLSL_SCALAR_GAIN_CHROMA, AVS_GLSL_PACKED_CHROMA_MAIN("scaledChroma"))}
 
 const char* const gMeshScalarGainFragmentShaders[2][2] = {AVS_GLSL_MESH_SCALAR_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE),
                                                           AVS_GLSL_MESH_SCALAR_GAIN_PROGRAMS(AVS_GLSL_MESH_SOURCE_FILTERED)};
@@ -258,78 +281,98 @@ const char* const gMeshScalarGainFragmentShaders[2][2] = {AVS_GLSL_MESH_SCALAR_G
 
 // Each quad carries the rectangles it reads, in texels of their textures, in the order
 // A(l), B(l), A(l+1), B(l+1), result(l+1), alpha(l).
-const char* const gSeamAtlasVertexShader =
-    "#version 310 es \n"
-    "layout(location = 0) in vec2 aPosition;\n"
-    "layout(location = 1) in vec2 aLocal;\n"
-    "layout(location = 2) in vec4 aRect0;\n"
-    "layout(location = 3) in vec4 aRect1;\n"
-    "layout(location = 4) in vec4 aRect2;\n"
-    "layout(location = 5) in vec4 aRect3;\n"
-    "layout(location = 6) in vec4 aRect4;\n"
-    "layout(location = 7) in vec4 aRect5;\n"
-    "out vec2 vLocal;\n"
-    "flat out vec4 vRect[6];\n"
-    "void main()\n"
-    "{\n"
-    "    vLocal = aLocal;\n"
-    "    vRect[0] = aRect0; vRect[1] = aRect1; vRect[2] = aRect2;\n"
-    "    vRect[3] = aRect3; vRect[4] = aRect4; vRect[5] = aRect5;\n"
-    "    gl_Position = vec4(aPosition, 0.0, 1.0);\n"
-    "}\n";
+#define AVS_GLSL_ATLAS_VERTEX(LOCAL_DECLARATION, LOCAL) \
+    "#version 310 es \n"                                 \
+    "layout(location = 0) in vec2 aPosition;\n"          \
+    "layout(location = 1) in vec2 aLocal;\n"             \
+    "layout(location = 2) in vec4 aRect0;\n"             \
+    "layout(location = 3) in vec4 aRect1;\n"             \
+    "layout(location = 4) in vec4 aRect2;\n"             \
+    "layout(location = 5) in vec4 aRect3;\n"             \
+    "layout(location = 6) in vec4 aRect4;\n"             \
+    "layout(location = 7) in vec4 aRect5;\n"             \
+    LOCAL_DECLARATION                                    \
+    "flat out vec4 vRect[6];\n"                          \
+    "void main()\n"                                      \
+    "{\n"                                                \
+    "    vLocal = " LOCAL ";\n"                          \
+    "    vRect[0] = aRect0; vRect[1] = aRect1; vRect[2] = aRect2;\n" \
+    "    vRect[3] = aRect3; vRect[4] = aRect4; vRect[5] = aRect5;\n" \
+    "    gl_Position = vec4(aPosition, 0.0, 1.0);\n"     \
+    "}\n"
+
+const char* const gSeamAtlasVertexShader = AVS_GLSL_ATLAS_VERTEX("out vec2 vLocal;\n", "aLocal");
+// The output planes' passes: the seam's window packed as the blocks are.
+const char* const gSeamAtlasOutputVertexShader =
+    AVS_GLSL_ATLAS_VERTEX(AVS_GLSL_PACKED_COLUMNS_VERTEX, "blockLocal(aLocal)");
 
 // A rectangle read as an edge-clamped texture of its own size would be; alpha nearest.
 #define AVS_GLSL_ATLAS_READS                                                                  \
-    "in vec2 vLocal;\n"                                                                      \
     "flat in vec4 vRect[6];\n"                                                               \
     "layout(binding = 0) uniform sampler2D levelN0;\n"                                       \
     "layout(binding = 1) uniform sampler2D levelN1;\n"                                       \
     "layout(binding = 2) uniform sampler2D resultN1;\n"                                      \
     "layout(binding = 3) uniform highp sampler2D alphaN0;\n"                                 \
-    "vec4 inRect(sampler2D s, vec4 r)\n"                                                     \
+    "vec4 inRect(sampler2D s, vec4 r, vec2 local)\n"                                         \
     "{\n"                                                                                    \
-    "    vec2 p = clamp(r.xy + vLocal * r.zw, r.xy + 0.5, r.xy + r.zw - 0.5);\n"             \
+    "    vec2 p = clamp(r.xy + local * r.zw, r.xy + 0.5, r.xy + r.zw - 0.5);\n"              \
     "    return texture(s, p / vec2(textureSize(s, 0)));\n"                                  \
     "}\n"                                                                                    \
-    "float alphaAt(vec4 r)\n"                                                                \
+    "float alphaAt(vec4 r, vec2 local)\n"                                                    \
     "{\n"                                                                                    \
-    "    ivec2 p = ivec2(r.xy) + min(ivec2(vLocal * r.zw), ivec2(r.zw) - 1);\n"              \
+    "    ivec2 p = ivec2(r.xy) + clamp(ivec2(local * r.zw), ivec2(0), ivec2(r.zw) - 1);\n"   \
     "    return texelFetch(alphaN0, p, 0).r;\n"                                              \
     "}\n"                                                                                    \
-    "vec4 lowestLevel()\n"                                                                   \
+    "vec4 lowestLevel(vec2 local)\n"                                                         \
     "{\n"                                                                                    \
-    "    float alpha = alphaAt(vRect[5]);\n"                                                 \
-    "    return inRect(levelN0, vRect[0]) * alpha + inRect(levelN0, vRect[1]) * (1.0 - alpha);\n" \
+    "    float alpha = alphaAt(vRect[5], local);\n"                                          \
+    "    return inRect(levelN0, vRect[0], local) * alpha + inRect(levelN0, vRect[1], local) * (1.0 - alpha);\n" \
     "}\n"                                                                                    \
-    "vec4 collapsedLevel()\n"                                                                \
+    "vec4 collapsedLevel(vec2 local)\n"                                                      \
     "{\n"                                                                                    \
-    "    float alpha = alphaAt(vRect[5]);\n"                                                 \
-    "    vec4 laplacA = (inRect(levelN0, vRect[0]) - inRect(levelN1, vRect[2])) * alpha;\n"  \
-    "    vec4 laplacB = (inRect(levelN0, vRect[1]) - inRect(levelN1, vRect[3])) * (1.0 - alpha);\n" \
-    "    return inRect(resultN1, vRect[4]) + laplacA + laplacB;\n"                           \
+    "    float alpha = alphaAt(vRect[5], local);\n"                                          \
+    "    vec4 laplacA = (inRect(levelN0, vRect[0], local) - inRect(levelN1, vRect[2], local)) * alpha;\n" \
+    "    vec4 laplacB = (inRect(levelN0, vRect[1], local) - inRect(levelN1, vRect[3], local)) * (1.0 - alpha);\n" \
+    "    return inRect(resultN1, vRect[4], local) + laplacA + laplacB;\n"                    \
     "}\n"
 
-#define AVS_GLSL_ATLAS_PROGRAM(OUTPUT, BODY) \
-    "#version 310 es \n"                     \
-    "precision highp float;\n"               \
-    AVS_GLSL_BT601_FULL_RANGE                \
-    AVS_GLSL_ATLAS_READS                     \
-    OUTPUT                                   \
-    "void main()\n"                          \
-    "{\n"                                    \
-    BODY                                     \
-    "}\n"
+#define AVS_GLSL_ATLAS_PROGRAM(INPUT, BODY) \
+    "#version 310 es \n"                    \
+    "precision highp float;\n"              \
+    AVS_GLSL_BT601_FULL_RANGE               \
+    INPUT                                   \
+    AVS_GLSL_ATLAS_READS                    \
+    "out vec4 FragColor;\n"                 \
+    BODY
 
-#define AVS_GLSL_RGB_OUTPUT "out vec4 FragColor;\n"
+#define AVS_GLSL_ATLAS_LEVEL(LEVEL) \
+    AVS_GLSL_ATLAS_PROGRAM("in vec2 vLocal;\n", "void main()\n{\n    FragColor = " LEVEL "(vLocal);\n}\n")
+
+// The finest level into the packed planes, converted to YUV.
+#define AVS_GLSL_ATLAS_LUMA(LEVEL)                                                                   \
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_PACKED_COLUMNS_FRAGMENT,                                         \
+        "float lumaAt(vec2 local) { return rgbToYuv601Full(" LEVEL "(local).xyz).x; }\n"              \
+        "void main()\n"                                                                              \
+        "{\n"                                                                                        \
+        "    FragColor = vec4(lumaAt(pixelLocal(-1.5)), lumaAt(pixelLocal(-0.5)), lumaAt(pixelLocal(0.5)),\n" \
+        "                     lumaAt(pixelLocal(1.5)));\n"                                           \
+        "}\n")
+#define AVS_GLSL_ATLAS_CHROMA(LEVEL)                                                                 \
+    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_PACKED_COLUMNS_FRAGMENT,                                         \
+        "vec2 chromaAt(vec2 local) { return rgbToYuv601Full(" LEVEL "(local).xyz).yz; }\n"            \
+        "void main()\n"                                                                              \
+        "{\n"                                                                                        \
+        "    FragColor = vec4(chromaAt(pixelLocal(-0.5)), chromaAt(pixelLocal(0.5)));\n"             \
+        "}\n")
 
 const char* const gSeamAtlasFragmentShaders[7] = {
-    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_RGB_OUTPUT, "    FragColor = inRect(levelN0, vRect[0]);\n"),
-    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_RGB_OUTPUT, "    FragColor = lowestLevel();\n"),
-    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_RGB_OUTPUT, "    FragColor = collapsedLevel();\n"),
-    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_LUMA_OUTPUT, "    writePlane(rgbToYuv601Full(collapsedLevel().xyz));\n"),
-    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, "    writePlane(rgbToYuv601Full(collapsedLevel().xyz));\n"),
-    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_LUMA_OUTPUT, "    writePlane(rgbToYuv601Full(lowestLevel().xyz));\n"),
-    AVS_GLSL_ATLAS_PROGRAM(AVS_GLSL_CHROMA_OUTPUT, "    writePlane(rgbToYuv601Full(lowestLevel().xyz));\n"),
+    AVS_GLSL_ATLAS_PROGRAM("in vec2 vLocal;\n", "void main()\n{\n    FragColor = inRect(levelN0, vRect[0], vLocal);\n}\n"),
+    AVS_GLSL_ATLAS_LEVEL("lowestLevel"),
+    AVS_GLSL_ATLAS_LEVEL("collapsedLevel"),
+    AVS_GLSL_ATLAS_LUMA("collapsedLevel"),
+    AVS_GLSL_ATLAS_CHROMA("collapsedLevel"),
+    AVS_GLSL_ATLAS_LUMA("lowestLevel"),
+    AVS_GLSL_ATLAS_CHROMA("lowestLevel"),
 };
 
 RemapShaderTexts remapShaderTexts(bool portable)
