@@ -132,7 +132,8 @@ typedef struct ZQGFX_AVS_STAGE_TIMES_S {
     int64_t render_passes;  // draws into another framebuffer than the draw before them
     int64_t draw_calls;
     int64_t triangles;
-    int64_t fragments;      // pixels covered by the draws (their viewports or rectangles)
+    int64_t fragments;      // fragments the draws cover (on planes and portable an output texel
+                            // holds 4 luma pixels or 2 CbCr pairs)
 } ZQGFX_AVS_STAGE_TIMES_T;
 
 extern "C" {

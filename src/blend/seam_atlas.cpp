@@ -9,6 +9,7 @@
 
 #include "shaders/avs_shader_texts.h"
 #include "blend/gles_multiband_blend.h"
+#include "gl/packed_columns.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -197,11 +198,15 @@ bool SeamAtlas::createLevel(int l)
 bool SeamAtlas::createPrograms()
 {
     for (int p = 0; p < programCount; ++p) {
-        programs_[p] = makeProgram(gSeamAtlasVertexShader, gSeamAtlasFragmentShaders[p]);
+        // The output planes' programs draw packed texels.
+        const bool output = p >= lumaProgram;
+        programs_[p] = makeProgram(output ? gSeamAtlasOutputVertexShader : gSeamAtlasVertexShader,
+                                   gSeamAtlasFragmentShaders[p]);
         if (!programs_[p]) {
             AVS_LOGE("seam atlas program %d does not build", p);
             return false;
         }
+        if (output) packedColumns_[p] = glGetUniformLocation(programs_[p].get(), "packedColumns");
     }
     return true;
 }
@@ -361,11 +366,11 @@ int SeamAtlas::collapse(FrameCounters& counters)
     return checkGlError("glDrawArrays") ? 0 : -1;
 }
 
-GLuint SeamAtlas::outputProgram(int s, const OutputPlane& plane) const
+SeamAtlas::Program SeamAtlas::outputProgram(int s, const OutputPlane& plane) const
 {
     const bool chroma = plane.plane == 1;
-    if (layout_.seam(s).levels == 1) return programs_[chroma ? lowestChromaProgram : lowestLumaProgram].get();
-    return programs_[chroma ? chromaProgram : lumaProgram].get();
+    if (layout_.seam(s).levels == 1) return chroma ? lowestChromaProgram : lowestLumaProgram;
+    return chroma ? chromaProgram : lumaProgram;
 }
 
 int SeamAtlas::blendIntoPlane(const OutputPlane& plane, const std::vector<Window>& windows, FrameCounters& counters)
@@ -378,9 +383,12 @@ int SeamAtlas::blendIntoPlane(const OutputPlane& plane, const std::vector<Window
         if (camera < 0 || camera >= static_cast<int>(windows.size())) continue;
         const Window& window = windows[static_cast<size_t>(camera)];
         const PlaneRect r = onPlane(plane, window.startx, 0, window.width, window.height);
-        glViewport(r.x, r.y, r.w, r.h);
-        drawRun(plane.fbo, outputProgram(s, plane), outputFirst_[static_cast<size_t>(s)], kQuadVertices,
-                static_cast<long long>(r.w) * r.h, counters);
+        const Program program = outputProgram(s, plane);
+        glUseProgram(programs_[program].get());
+        drawPackedColumns(plane.fbo, plane.pack, r.x, r.y, r.w, r.h, packedColumns_[program], GL_TRIANGLES,
+                          kQuadVertices, counters, [&] {
+                              glDrawArrays(GL_TRIANGLES, outputFirst_[static_cast<size_t>(s)], kQuadVertices);
+                          });
     }
     glBindVertexArray(0);
     return checkGlError("glDrawArrays") ? 0 : -1;

@@ -111,11 +111,12 @@ private:
     bool createPrograms();
     bool createGeometry();
     void bindLevelInputs(int level) const;
-    GLuint outputProgram(int s, const OutputPlane& plane) const;
+    Program outputProgram(int s, const OutputPlane& plane) const;
 
     SeamAtlasLayout layout_;
     std::vector<Level> levels_;
     GlProgram programs_[programCount];
+    GLint packedColumns_[programCount] = {};  // the output programs' uniform
     GlBuffer vertices_;
     GlVertexArray vertexArray_;
     bool floatAlpha_ = false;

@@ -55,12 +55,13 @@ struct RemapVboInfo {
 
 
 // Where a frame's output is drawn. The target path draws the YUV image once; the other paths
-// draw each block twice, luma into an R8 target at full size and chroma into an RG8 target at
-// half size, each with a program of its own.
+// draw each block twice, luma at full size and chroma at half size, each with a program of its
+// own, into RGBA8 targets whose texels hold `pack` pixels of a row (see packed_columns.h).
 struct OutputPlane {
     GLuint fbo;
     int divisor;  // 1, or 2 for the half-size chroma plane
     int plane;    // 0 luma, 1 chroma; -1 for the whole YUV image
+    int pack = 1;  // pixels of a row per texel
 };
 struct OutputPlanes {
     int count;
@@ -86,6 +87,7 @@ constexpr EGLint kFourccYUV420_8BIT = 0x38305559;
 constexpr EGLint kFourccBGR888 = 0x34324742;
 constexpr EGLint kFourccR8 = 0x20203852;
 constexpr EGLint kFourccGR88 = 0x38385247;
+constexpr EGLint kFourccABGR8888 = 0x34324241;  // bytes R, G, B, A: an RGBA8 texel
 constexpr EGLint kAfbcModifierLo = 0x00000041;
 constexpr EGLint kAfbcModifierHi = 0x08000000;
 

@@ -1,5 +1,5 @@
 // The work of one frame as a user on a board would count it: render passes (a draw into another
-// framebuffer than the draw before it), draw calls, triangles and drawn pixels. The engines add
+// framebuffer than the draw before it), draw calls, triangles and fragments. The engines add
 // to it at every draw; the profiling hook reports it.
 #ifndef ZQGFX_AVS_FRAME_COUNTERS_H
 #define ZQGFX_AVS_FRAME_COUNTERS_H
@@ -18,7 +18,7 @@ struct FrameCounters {
     GLuint lastFramebuffer = 0;
 
     void startFrame() { *this = FrameCounters{}; }
-    // One draw of `vertices` vertices in `mode` into `framebuffer`, covering `pixels` pixels.
+    // One draw of `vertices` vertices in `mode` into `framebuffer`, covering `pixels` fragments.
     void draw(GLuint framebuffer, GLenum mode, int64_t vertices, int64_t pixels)
     {
         if (draws == 0 || framebuffer != lastFramebuffer) ++passes;

@@ -12,8 +12,9 @@ namespace zqgfx_gpu_avs {
 
 // The three ways in order of preference; the last one works on any GLES 3.1 driver.
 //  target:   NV12 dma-bufs as YUV images, sampled and rendered whole (GL_EXT_YUV_target)
-//  planes:   each NV12 buffer as an R8 luma and a GR88 chroma image (dma-buf import, zero-copy)
-//  portable: CPU mappings, uploads into R8/RG8 textures and read-back of R8/RG8 targets
+//  planes:   each NV12 buffer as an R8 luma and a GR88 chroma image, the output's as packed
+//            RGBA8 images (dma-buf import, zero-copy)
+//  portable: CPU mappings, uploads into R8/RG8 textures and read-back of packed RGBA8 targets
 enum class GpuPath { target, planes, portable };
 const char* gpuPathName(GpuPath path);
 

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "gl/import_core.h"
+#include "gl/packed_columns.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -158,7 +159,7 @@ GlTexture PlaneIo::importedPlaneTexture(EGLint fourcc, int fd, int width, int he
     return std::move(made.texture);
 }
 
-// Both planes of slot `s` (size and stride set) as textures: images of the caller's buffer, or
+// Both planes of input slot `s` (size and stride set) as textures: images of the caller's buffer, or
 // textures of their own that uploads fill.
 bool PlaneIo::makePlaneTextures(Slot& s, int fd)
 {
@@ -171,6 +172,35 @@ bool PlaneIo::makePlaneTextures(Slot& s, int fd)
         s.chroma.texture = storageTexture(GL_RG8, cw, ch);
     }
     return s.luma.texture && s.chroma.texture;
+}
+
+// Both output planes of slot `s` (size and stride set) as packed RGBA8 targets: 4 luma pixels,
+// or 2 CbCr pairs, a texel.
+bool PlaneIo::makeOutputTargets(Slot& s, int fd)
+{
+    const int lumaTexels = packedWidth(s.width, kLumaPixelsPerTexel);
+    const int chromaTexels = packedWidth(chromaSize(s.width), kChromaPixelsPerTexel);
+    const int chromaRows = chromaSize(s.height);
+    if (zeroCopy) {
+        if (s.stride % 4 != 0) {
+            AVS_LOGE("output descriptor %d: rows of %d bytes cannot be drawn 4 bytes a texel (stride must be a "
+                     "multiple of 4)",
+                     fd, s.stride);
+            return false;
+        }
+        s.luma.texture = importedPlaneTexture(kFourccABGR8888, fd, lumaTexels, s.height, 0, s.stride);
+        s.chroma.texture =
+            importedPlaneTexture(kFourccABGR8888, fd, chromaTexels, chromaRows, s.stride * s.height, s.stride);
+    } else {
+        s.luma.texture = storageTexture(GL_RGBA8, lumaTexels, s.height);
+        s.chroma.texture = storageTexture(GL_RGBA8, chromaTexels, chromaRows);
+    }
+    for (Plane* plane : {&s.luma, &s.chroma}) {
+        if (!plane->texture) return false;
+        plane->fbo = makeFramebuffer(plane->texture.get());
+        if (!plane->fbo) return false;
+    }
+    return true;
 }
 
 // ---- inputs --------------------------------------------------------------------------------
@@ -256,12 +286,7 @@ GLuint PlaneIo::importOutput(int slot, int fd, uint32_t, int width, int height, 
     const size_t bytes = nv12ImageBytes(stride, height);
     const bool reachable = zeroCopy ? descriptorHolds(fd, bytes) : s.mapping.map(fd, bytes, true);
     s.kind = Slot::Kind::output;
-    bool made = reachable && makePlaneTextures(s, fd);
-    for (Plane* plane : {&s.luma, &s.chroma}) {
-        if (made) plane->fbo = makeFramebuffer(plane->texture.get());
-        made = made && plane->fbo;
-    }
-    if (!made) {
+    if (!reachable || !makeOutputTargets(s, fd)) {
         AVS_LOGE("output planes %dx%d of descriptor %d could not be made", width, height, fd);
         releaseSlot(slot, false);
         return 0;
@@ -274,7 +299,7 @@ OutputPlanes PlaneIo::outputPlanes(int slot, GLuint) const
 {
     const Slot* s = slotHolding(slot, Slot::Kind::output);
     if (!s) return OutputPlanes{0, {}};
-    return OutputPlanes{2, {{s->luma.fbo.get(), 1, 0}, {s->chroma.fbo.get(), 2, 1}}};
+    return OutputPlanes{2, {{s->luma.fbo.get(), 1, 0, kLumaPixelsPerTexel}, {s->chroma.fbo.get(), 2, 1, kChromaPixelsPerTexel}}};
 }
 
 int PlaneIo::finishOutput(int slot, const ColumnSpanList& spans)
@@ -300,27 +325,16 @@ bool PlaneIo::readBackSpans(Slot& s, const ColumnSpanList& spans)
     uint8_t* chroma = luma + static_cast<size_t>(s.stride) * s.height;
     // CbCr pairs a row holds: an odd width's last pair may not fit an odd stride.
     const int chromaColumns = std::min(chromaSize(s.width), s.stride / 2);
-    const int chromaRows = chromaSize(s.height);
 
     s.mapping.beginCpuAccess();
     glPixelStorei(GL_PACK_ALIGNMENT, 1);
     for (int i = 0; i < readSpans.count(); ++i) {
         const int x = readSpans[i].x, width = readSpans[i].width;
-        glBindFramebuffer(GL_FRAMEBUFFER, s.luma.fbo.get());
-        glPixelStorei(GL_PACK_ROW_LENGTH, s.stride);
-        glReadPixels(x, 0, width, s.height, GL_RED, GL_UNSIGNED_BYTE, luma + x);
+        readPackedColumns(s.luma.fbo.get(), kLumaPixelsPerTexel, x, x + width, s.height, luma, s.stride);
         const int cx0 = x / 2, cx1 = std::min(chromaSize(x + width), chromaColumns);
-        if (cx1 <= cx0) continue;
-        glBindFramebuffer(GL_FRAMEBUFFER, s.chroma.fbo.get());
-        if (s.stride % 2 == 0) {
-            glPixelStorei(GL_PACK_ROW_LENGTH, s.stride / 2);  // in CbCr pairs
-            glReadPixels(cx0, 0, cx1 - cx0, chromaRows, GL_RG, GL_UNSIGNED_BYTE, chroma + 2 * cx0);
-        } else {
-            glPixelStorei(GL_PACK_ROW_LENGTH, 0);  // rows that no pair count describes: one at a time
-            for (int cy = 0; cy < chromaRows; ++cy)
-                glReadPixels(cx0, cy, cx1 - cx0, 1, GL_RG, GL_UNSIGNED_BYTE,
-                             chroma + static_cast<size_t>(cy) * s.stride + 2 * cx0);
-        }
+        if (cx1 > cx0)
+            readPackedColumns(s.chroma.fbo.get(), kChromaPixelsPerTexel, cx0, cx1, chromaSize(s.height), chroma,
+                              s.stride);
     }
     glPixelStorei(GL_PACK_ROW_LENGTH, 0);
     glPixelStorei(GL_PACK_ALIGNMENT, 4);
@@ -334,6 +348,37 @@ bool PlaneIo::readBackSpans(Slot& s, const ColumnSpanList& spans)
         return false;
     }
     return true;
+}
+
+// Pixel columns [x0, x1) of every row of a packed target (texels of 4 bytes holding `pack`
+// pixels) into the caller's rows: whole texels straight into them; a texel shared with columns
+// the frame did not cover through `edgeTexels`, so that those columns keep their bytes.
+void PlaneIo::readPackedColumns(GLuint fbo, int pack, int x0, int x1, int rows, uint8_t* rowsStart, int stride)
+{
+    glBindFramebuffer(GL_FRAMEBUFFER, fbo);
+    PackedColumnDraw parts[3];
+    const int n = packedColumnDraws(pack, x0, x1 - x0, parts);
+    for (int i = 0; i < n; ++i) {
+        const PackedColumnDraw& part = parts[i];
+        uint8_t* first = rowsStart + 4 * static_cast<size_t>(part.texelX);
+        const bool whole = std::all_of(part.mask, part.mask + 4, [](GLboolean m) { return m == GL_TRUE; });
+        if (!whole) {
+            edgeTexels.resize(4 * static_cast<size_t>(rows));
+            glPixelStorei(GL_PACK_ROW_LENGTH, 0);
+            glReadPixels(part.texelX, 0, 1, rows, GL_RGBA, GL_UNSIGNED_BYTE, edgeTexels.data());
+            for (int y = 0; y < rows; ++y)
+                for (int c = 0; c < 4; ++c)
+                    if (part.mask[c]) first[static_cast<size_t>(y) * stride + c] = edgeTexels[4 * y + c];
+        } else if (stride % 4 == 0) {
+            glPixelStorei(GL_PACK_ROW_LENGTH, stride / 4);  // in texels
+            glReadPixels(part.texelX, 0, part.texelWidth, rows, GL_RGBA, GL_UNSIGNED_BYTE, first);
+        } else {
+            glPixelStorei(GL_PACK_ROW_LENGTH, 0);  // rows that no texel count describes: one at a time
+            for (int y = 0; y < rows; ++y)
+                glReadPixels(part.texelX, y, part.texelWidth, 1, GL_RGBA, GL_UNSIGNED_BYTE,
+                             first + static_cast<size_t>(y) * stride);
+        }
+    }
 }
 
 // ---- slot release --------------------------------------------------------------------------

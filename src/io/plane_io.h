@@ -1,5 +1,6 @@
 // The pieces of every path that draws NV12 planes instead of a YUV image (see gpu_caps.h):
-// luma into an R8 target at full size, chroma into an RG8 target at half size.
+// camera planes sampled as R8 luma and RG8 chroma; the output drawn into RGBA8 targets whose
+// texels hold 4 luma pixels, or 2 CbCr pairs at half size (see packed_columns.h).
 //
 // Zero-copy ("planes"): each plane of the caller's buffer is an EGL image, sampled or rendered
 // in place. Upload ("portable"): each input slot maps its descriptor once and uploads it every
@@ -13,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 #include "gl/common_resource.h"
 #include "io/frame_io.h"
@@ -134,8 +136,8 @@ public:
     bool bindInput(int slot, GLuint texture) const override;
 
     // Makes the luma and chroma render targets of the NV12 output of `fd` (rows of `stride`
-    // bytes). Returns the luma framebuffer and writes its texture to `*lumaTexture`; 0 when
-    // refused.
+    // bytes, a multiple of 4 for zero-copy planes: their texels are 4 bytes). Returns the luma
+    // framebuffer and writes its texture to `*lumaTexture`; 0 when refused.
     GLuint importOutput(int slot, int fd, uint32_t isAfbc, int width, int height, int stride,
                         GLuint* lumaTexture) override;
     // The planes of the output in `slot`; count 0 when the slot holds no output.
@@ -166,15 +168,18 @@ private:
 
     static bool validSlot(int slot) { return slot >= 0 && slot < kImportSlotCount; }
     bool makePlaneTextures(Slot& s, int fd);
+    bool makeOutputTargets(Slot& s, int fd);
     GlTexture importedPlaneTexture(EGLint fourcc, int fd, int width, int height, int offset, int pitch) const;
     void uploadInput(Slot& s);
     bool readBackSpans(Slot& s, const ColumnSpanList& spans);
+    void readPackedColumns(GLuint fbo, int pack, int x0, int x1, int rows, uint8_t* rowsStart, int stride);
     const Slot* slotHolding(int slot, Slot::Kind kind) const;
 
     EGLDisplay display;
     bool zeroCopy;
     Slot slots[kImportSlotCount];
     ColumnSpanList readSpans;  // normalised copy of the frame's spans
+    std::vector<uint8_t> edgeTexels;  // a read-back texel column that uncovered columns share
 };
 
 }  // namespace zqgfx_gpu_avs

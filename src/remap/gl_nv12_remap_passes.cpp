@@ -153,12 +153,12 @@ int drawBlock(ZQGL_Remap& engine, const PassReports& reports, GLuint program, co
 
 // The plane paths' step: the camera image, then the block as one quad with its mesh texture.
 int drawBlockQuad(ZQGL_Remap& engine, const PassReports& reports, MeshQuadRemap::Program program, int index,
-                  const BlockViewport& view, int y, int cam, GLuint fbo)
+                  const BlockViewport& view, int y, int cam, GLuint fbo, int pack)
 {
     if (bindBlockCamera(engine, reports, cam) != 0) return -1;
     std::array<GLfloat, 9> gain{};
     const bool compensated = engine.cameraGain(cam, &gain);
-    if (!engine.meshQuads.draw(program, index, fbo, view.x, y, view.w, view.h, engine.frameCounters(),
+    if (!engine.meshQuads.draw(program, index, fbo, pack, view.x, y, view.w, view.h, engine.frameCounters(),
                                compensated ? &gain : nullptr)) {
         reportStep(reports, reports.renderOnStderr, kRenderFailed);
         return -1;
@@ -274,7 +274,7 @@ int ZQGL_Remap::drawNonoverlapBlocks(const OutputPlane& plane)
             const BlockViewport onTarget = onPlane(view, plane);
             const int drawn =
                 meshQuads.ready()
-                    ? drawBlockQuad(*this, reports, quadProgram, index, onTarget, 0, cam, plane.fbo)
+                    ? drawBlockQuad(*this, reports, quadProgram, index, onTarget, 0, cam, plane.fbo, plane.pack)
                     : drawBlock(*this, reports, program, onTarget, cam, plane.fbo,
                                 stripVertexCount(vertex->meshWidth, vertex->meshHeight), [&](GLuint used) {
                                     return renderFrameNew(used, vertex->meshWidth, vertex->meshHeight,
@@ -336,7 +336,7 @@ int ZQGL_Remap::drawSeamSidesIntoAtlas()
             if (!findBlockMeshes(*this, reports.pass, index, &vertex, &tex)) return -1;
             const AtlasRect r = cells.sideRect(s, side == 0 ? SeamAtlasLayout::sideA : SeamAtlasLayout::sideB, 0);
             if (drawBlockQuad(*this, reports, MeshQuadRemap::rgbProgram, index, BlockViewport{r.x, r.w, r.h}, r.y,
-                              cam, fbo) != 0)
+                              cam, fbo, 1) != 0)
                 return -1;
         }
     }

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "shaders/avs_shader_texts.h"
+#include "gl/packed_columns.h"
 
 namespace zqgfx_gpu_avs {
 
@@ -26,8 +27,7 @@ bool MeshQuadRemap::create(bool filtered)
     release();
     filtered_ = filtered;
     for (int p = 0; p < programCount; ++p) {
-        programs_[p] = makeProgram(gMeshQuadVertexShader, gMeshFragmentShaders[filtered ? 1 : 0][p]);
-        if (!programs_[p]) {
+        if (!build(programs_[p], gMeshFragmentShaders[filtered ? 1 : 0][p])) {
             AVS_LOGE("mesh remap program %d does not build", p);
             release();
             return false;
@@ -47,20 +47,26 @@ bool MeshQuadRemap::create(bool filtered)
     return ready();
 }
 
+bool MeshQuadRemap::build(QuadProgram& made, const char* fragmentText)
+{
+    made.program = makeProgram(gMeshQuadVertexShader, fragmentText);
+    if (!made.program) return false;
+    made.packedColumns = glGetUniformLocation(made.program.get(), "packedColumns");
+    made.yuvGain = glGetUniformLocation(made.program.get(), "yuvGain");
+    return true;
+}
+
 bool MeshQuadRemap::createGainPrograms()
 {
     const int f = filtered_ ? 1 : 0;
     for (int kind = 0; kind < 2; ++kind) {
         for (int p = 0; p < (kind == 0 ? programCount : rgbProgram); ++p) {
-            GlProgram& program = gainPrograms_[kind][p];
-            if (program) continue;
-            program = makeProgram(gMeshQuadVertexShader,
-                                  kind == 0 ? gMeshGainFragmentShaders[f][p] : gMeshScalarGainFragmentShaders[f][p]);
-            if (!program) {
+            QuadProgram& program = gainPrograms_[kind][p];
+            if (program.program) continue;
+            if (!build(program, kind == 0 ? gMeshGainFragmentShaders[f][p] : gMeshScalarGainFragmentShaders[f][p])) {
                 AVS_LOGE("mesh remap program %d with exposure compensation does not build", p);
                 return false;
             }
-            gainLocations_[kind][p] = glGetUniformLocation(program.get(), "yuvGain");
         }
     }
     return true;
@@ -69,11 +75,11 @@ bool MeshQuadRemap::createGainPrograms()
 void MeshQuadRemap::release()
 {
     for (auto& kind : gainPrograms_)
-        for (GlProgram& program : kind) program.reset();
+        for (QuadProgram& program : kind) program = QuadProgram{};
     meshes_.clear();
     quad_.reset();
     vertices_.reset();
-    for (GlProgram& program : programs_) program.reset();
+    for (QuadProgram& program : programs_) program = QuadProgram{};
 }
 
 bool MeshQuadRemap::storeMesh(int index, const float* meshx, const float* meshy, int mesh_w, int mesh_h, int src_w,
@@ -100,7 +106,7 @@ bool MeshQuadRemap::storeMesh(int index, const float* meshx, const float* meshy,
     return true;
 }
 
-bool MeshQuadRemap::draw(Program program, int index, GLuint framebuffer, int x, int y, int w, int h,
+bool MeshQuadRemap::draw(Program program, int index, GLuint framebuffer, int pack, int x, int y, int w, int h,
                          FrameCounters& counters, const std::array<GLfloat, 9>* yuvGain)
 {
     const auto found = meshes_.find(index);
@@ -109,22 +115,19 @@ bool MeshQuadRemap::draw(Program program, int index, GLuint framebuffer, int x, 
         return false;
     }
     if (found->second.width < 2 || found->second.height < 2) return true;
-    glViewport(x, y, w, h);
     // A diagonal matrix spares the luma and chroma programs the other plane's samples.
     const int kind = yuvGain != nullptr && program != rgbProgram && diagonal(*yuvGain) ? 1 : 0;
-    if (yuvGain != nullptr && gainPrograms_[kind][program]) {
-        glUseProgram(gainPrograms_[kind][program].get());
-        glUniformMatrix3fv(gainLocations_[kind][program], 1, GL_FALSE, yuvGain->data());
-    } else {
-        glUseProgram(programs_[program].get());
-    }
+    const QuadProgram& used =
+        yuvGain != nullptr && gainPrograms_[kind][program].program ? gainPrograms_[kind][program] : programs_[program];
+    glUseProgram(used.program.get());
+    if (&used != &programs_[program]) glUniformMatrix3fv(used.yuvGain, 1, GL_FALSE, yuvGain->data());
     glActiveTexture(GL_TEXTURE0 + kMeshUnit);
     glBindTexture(GL_TEXTURE_2D, found->second.texture.get());
     glActiveTexture(GL_TEXTURE0);
     glBindVertexArray(quad_.get());
-    glDrawArrays(GL_TRIANGLE_STRIP, 0, kQuadVertices);
+    drawPackedColumns(framebuffer, pack, x, y, w, h, used.packedColumns, GL_TRIANGLE_STRIP, kQuadVertices, counters,
+                      [] { glDrawArrays(GL_TRIANGLE_STRIP, 0, kQuadVertices); });
     glBindVertexArray(0);
-    counters.draw(framebuffer, GL_TRIANGLE_STRIP, kQuadVertices, static_cast<int64_t>(w) * h);
     return checkGlError("glDrawArrays");
 }
 

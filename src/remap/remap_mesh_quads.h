@@ -28,12 +28,13 @@ public:
     bool storeMesh(int index, const float* meshx, const float* meshy, int mesh_w, int mesh_h, int src_w, int src_h);
     bool hasMesh(int index) const { return meshes_.count(index) != 0; }
 
-    // Draws block `index` with `program` into the viewport (x, y, w, h) of the bound `framebuffer`;
-    // the camera's textures are bound by the caller. A mesh of fewer than 2 x 2 nodes covers
-    // nothing and draws nothing. False on a GL error.
+    // Draws block `index` with `program` into the pixels (x, y, w, h) of the bound `framebuffer`,
+    // whose texels hold `pack` pixels of a row (the luma and chroma programs write 4 and 2, the
+    // RGB one 1); the camera's textures are bound by the caller. A mesh of fewer than 2 x 2 nodes
+    // covers nothing and draws nothing. False on a GL error.
     // `yuvGain`: the camera's exposure compensation (see yuvGainMatrix), or null for none.
-    bool draw(Program program, int index, GLuint framebuffer, int x, int y, int w, int h, FrameCounters& counters,
-              const std::array<GLfloat, 9>* yuvGain = nullptr);
+    bool draw(Program program, int index, GLuint framebuffer, int pack, int x, int y, int w, int h,
+              FrameCounters& counters, const std::array<GLfloat, 9>* yuvGain = nullptr);
     // The programs that apply a gain matrix, made on first call; false when they cannot be made.
     bool createGainPrograms();
 
@@ -42,10 +43,17 @@ private:
         GlTexture texture;
         int width = 0, height = 0;
     };
-    GlProgram programs_[programCount];
+    // A program and its uniforms' locations.
+    struct QuadProgram {
+        GlProgram program;
+        GLint packedColumns = -1;
+        GLint yuvGain = -1;
+    };
+    bool build(QuadProgram& made, const char* fragmentText);
+
+    QuadProgram programs_[programCount];
     // [0]: any gain matrix; [1]: luma and chroma for a diagonal one.
-    GlProgram gainPrograms_[2][programCount];
-    GLint gainLocations_[2][programCount] = {};
+    QuadProgram gainPrograms_[2][programCount];
     GlBuffer vertices_;
     GlVertexArray quad_;
     std::map<int, Mesh> meshes_;

@@ -43,6 +43,7 @@ extern const char* const gMeshGainFragmentShaders[2][3];
 // Luma and chroma for one gain per camera (a diagonal matrix): each reads its own plane only.
 extern const char* const gMeshScalarGainFragmentShaders[2][2];
 extern const char* const gSeamAtlasVertexShader;
+extern const char* const gSeamAtlasOutputVertexShader;
 extern const char* const gSeamAtlasFragmentShaders[7];
 
 }  // namespace zqgfx_gpu_avs

@@ -12,6 +12,7 @@
 #include "shaders/avs_shader_texts.h"
 #include "remap/gl_nv12_remap.h"
 #include "blend/gles_multiband_blend.h"
+#include "gl/packed_columns.h"
 #include "io/plane_io.h"
 #include "remap/remap_mesh_quads.h"
 #include "stitch_fixture.h"
@@ -22,24 +23,6 @@ using namespace zqgfx_gpu_avs;
 namespace {
 
 using Bytes = std::vector<uint8_t>;
-
-// The whole viewport through a remap-style program (vPosition / texCoords, no flip), sampling
-// texture unit 0.
-void drawViewport(GLuint program, int width, int height)
-{
-    static const GLfloat positions[] = {-1, -1, 1, -1, -1, 1, 1, 1}, coords[] = {0, 0, 1, 0, 0, 1, 1, 1};
-    glViewport(0, 0, width, height);
-    glBindVertexArray(0);  // the engine's arrays and buffers stay out of these client-side arrays
-    glBindBuffer(GL_ARRAY_BUFFER, 0);
-    glUseProgram(program);
-    glUniform1i(glGetUniformLocation(program, "outTexture"), 0);
-    for (const auto& [name, values] : {std::pair{"vPosition", positions}, {"texCoords", coords}}) {
-        const GLint attribute = glGetAttribLocation(program, name);
-        glVertexAttribPointer(attribute, 2, GL_FLOAT, GL_FALSE, 0, values);
-        glEnableVertexAttribArray(attribute);
-    }
-    glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
-}
 
 zqavs_synth::SharedBuffer sharedWith(const Bytes& content)
 {
@@ -91,8 +74,9 @@ TEST_P(PortableYuv, DrawnPlanesReachTheBufferOverTheCoveredColumns)
 {
     const uint8_t sentinel = 0xAB;
     const int stride = 32;
-    const GLuint programs[2] = {engine->createProgram(gRemapVertexShader, gPortableRemapFragmentShaderYUV),
-                                engine->createProgram(gRemapVertexShader, gPortableRemapFragmentShaderChroma)};
+    // A block whose mesh maps every pixel onto itself: its corners' nodes lie on the image's edges.
+    MeshQuadRemap quads;
+    ASSERT_TRUE(quads.create(true));
     for (const auto& [w, h] : {std::pair{20, 6}, std::pair{19, 5}}) {
         SCOPED_TRACE(std::to_string(w) + "x" + std::to_string(h));
         Bytes nv12(nv12ImageBytes(stride, h), sentinel);
@@ -115,12 +99,17 @@ TEST_P(PortableYuv, DrawnPlanesReachTheBufferOverTheCoveredColumns)
         ColumnSpanList spans;
         for (auto [x, width] : {std::pair{3, 4}, {16, 10}, {5, 3}, {-5, 3}, {w + 2, 4}}) spans.add(x, width);
         auto covered = [&, w = w](int x) { return GetParam() || (x < w && ((x >= 3 && x < 8) || x >= 16)); };
+        const float meshx[] = {-0.5f, w - 0.5f, -0.5f, w - 0.5f}, meshy[] = {-0.5f, -0.5f, h - 0.5f, h - 0.5f};
+        ASSERT_TRUE(quads.storeMesh(0, meshx, meshy, 2, 2, w, h));
         auto drawCamera = [&, w = w, h = h] {
+            FrameCounters counters;
             for (int p = 0; p < 2; ++p) {
-                glBindFramebuffer(GL_FRAMEBUFFER, planes.planes[p].fbo);
+                const OutputPlane& plane = planes.planes[p];
+                glBindFramebuffer(GL_FRAMEBUFFER, plane.fbo);
                 EXPECT_TRUE(io->bindInput(3, luma));
-                const int d = planes.planes[p].divisor;
-                drawViewport(programs[p], (w + d - 1) / d, (h + d - 1) / d);
+                const int d = plane.divisor;
+                EXPECT_TRUE(quads.draw(p == 0 ? MeshQuadRemap::lumaProgram : MeshQuadRemap::chromaProgram, 0,
+                                       plane.fbo, plane.pack, 0, 0, (w + d - 1) / d, (h + d - 1) / d, counters));
             }
             EXPECT_EQ(io->finishOutput(4, spans), 0);
             glFinish();  // as a frame without a fence ends
@@ -142,13 +131,14 @@ TEST_P(PortableYuv, DrawnPlanesReachTheBufferOverTheCoveredColumns)
         io->releaseSlot(3, false);
         io->releaseSlot(4, false);
     }
-    for (GLuint program : programs) glDeleteProgram(program);
 }
 
 // One block drawn as a quad with its mesh in a texture, with one filtered fetch of the mesh and
 // with four fetches of its nodes: every pixel samples the camera where the bilinear interpolation
 // of the four nodes around it points. The camera's luma is x + y, so the sample tells the source
 // position to a code value; the mesh bends in both axes, so a linear interpolation would not do.
+// The block starts 2 pixels into a texel of the packed plane: its end texels are shared with
+// columns it must leave alone, and groups of four straddle its mesh cells.
 TEST(MeshQuads, EveryPixelSamplesTheBilinearInterpolationOfItsMesh)
 {
     stitch_test::Rig rig{stitch_test::smallRig()};
@@ -169,7 +159,9 @@ TEST(MeshQuads, EveryPixelSamplesTheBilinearInterpolationOfItsMesh)
     glPixelStorei(GL_UNPACK_ALIGNMENT, 1);
     glTexSubImage2D(GL_TEXTURE_2D, 0, 0, 0, camW, camH, GL_RED, GL_UNSIGNED_BYTE, camera.data());
     glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    GlTexture target = makeTexture(GL_R8, blockW, blockH, false);
+    const int left = 2, planeW = 4 * packedWidth(left + blockW + 1, kLumaPixelsPerTexel);
+    const uint8_t untouched = 0xAB;
+    GlTexture target = makeTexture(GL_RGBA8, planeW / 4, blockH, false);
     GlFramebuffer fbo = makeFramebuffer(target.get());
     ASSERT_TRUE(fbo);
 
@@ -179,13 +171,17 @@ TEST(MeshQuads, EveryPixelSamplesTheBilinearInterpolationOfItsMesh)
         ASSERT_TRUE(quads.create(filtered));
         ASSERT_TRUE(quads.storeMesh(7, mx.data(), my.data(), meshW, meshH, camW, camH));
         glBindFramebuffer(GL_FRAMEBUFFER, fbo.get());
+        glClearColor(untouched / 255.0f, untouched / 255.0f, untouched / 255.0f, untouched / 255.0f);
+        glClear(GL_COLOR_BUFFER_BIT);
         glActiveTexture(GL_TEXTURE0);
         glBindTexture(GL_TEXTURE_2D, source.get());
         FrameCounters counters;
-        ASSERT_TRUE(quads.draw(MeshQuadRemap::lumaProgram, 7, fbo.get(), 0, 0, blockW, blockH, counters));
-        Bytes drawn(blockW * blockH);
-        glPixelStorei(GL_PACK_ALIGNMENT, 1);
-        glReadPixels(0, 0, blockW, blockH, GL_RED, GL_UNSIGNED_BYTE, drawn.data());
+        ASSERT_TRUE(quads.draw(MeshQuadRemap::lumaProgram, 7, fbo.get(), kLumaPixelsPerTexel, left, 0, blockW, blockH,
+                               counters));
+        Bytes plane(planeW * blockH);
+        glReadPixels(0, 0, planeW / 4, blockH, GL_RGBA, GL_UNSIGNED_BYTE, plane.data());
+        for (int y = 0; y < blockH; ++y)
+            for (int x : {0, 1, left + blockW, planeW - 1}) EXPECT_EQ(plane[y * planeW + x], untouched) << x << "," << y;
         int worst = 0;
         for (int y = 0; y < blockH; ++y)
             for (int x = 0; x < blockW; ++x) {
@@ -197,7 +193,7 @@ TEST(MeshQuads, EveryPixelSamplesTheBilinearInterpolationOfItsMesh)
                     return top * (1 - fv) + bottom * fv;
                 };
                 const double expected = at(mx, u - c, v - r) + at(my, u - c, v - r);
-                worst = std::max(worst, static_cast<int>(std::lround(std::abs(drawn[y * blockW + x] - expected))));
+                worst = std::max(worst, static_cast<int>(std::lround(std::abs(plane[y * planeW + left + x] - expected))));
             }
         // llvmpipe lands within one code on amd64 and two on arm64; a wrong interpolation is tens off.
         EXPECT_LE(worst, 2);

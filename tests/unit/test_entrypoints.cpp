@@ -590,13 +590,17 @@ TEST_P(PortableWiring, WarmFramesMakeNoObjectsAndMoveFramesTheirPathsWay)
     const std::vector<fakegl::Call> images = fakegl::callsTo("eglCreateImageKHR");
     if (zeroCopy()) {
         // One import per descriptor and plane (cameras, then the output), on the first frame only.
+        // The output's planes are drawn 4 luma pixels or 2 CbCr pairs to an RGBA texel.
         ASSERT_EQ(images.size(), probeImages + 2 * 5);
         for (int i = 0; i < 5; ++i) {
-            const EGLint w = i < 4 ? 320 : 1280;
-            const std::vector<EGLint> luma{DRM_FORMAT_R8, w, 240, fds[i], 0, w};
-            EXPECT_EQ(planeImageOf(images[probeImages + 2 * i]), luma);
+            const bool output = i == 4;
+            const EGLint w = output ? 1280 : 320;
+            EXPECT_EQ(planeImageOf(images[probeImages + 2 * i]),
+                      (std::vector<EGLint>{EGLint(output ? DRM_FORMAT_ABGR8888 : DRM_FORMAT_R8), output ? w / 4 : w, 240,
+                                           fds[i], 0, w}));
             EXPECT_EQ(planeImageOf(images[probeImages + 2 * i + 1]),
-                      (std::vector<EGLint>{DRM_FORMAT_GR88, w / 2, 120, fds[i], w * 240, w}));
+                      (std::vector<EGLint>{EGLint(output ? DRM_FORMAT_ABGR8888 : DRM_FORMAT_GR88), output ? w / 4 : w / 2,
+                                           120, fds[i], w * 240, w}));
         }
         // Nothing copied either way.
         EXPECT_EQ(fakegl::countCalls("glTexSubImage2D") - uploads, 0u);
@@ -675,9 +679,9 @@ TEST_P(PortableWiring, PlaneObjectsFollowReusedNumbersFlushesResizesAndDeinit)
     ASSERT_EQ(ZQGFX_AVS_resize(&context), ZQGFX_AVS_SUCCESS);
     ASSERT_EQ(frame(), ZQGFX_AVS_SUCCESS);
     EXPECT_EQ(fakegl::liveObjects("framebuffer"), framebuffers);
-    if (zeroCopy()) {  // chroma follows the rows of luma, not the pixels
+    if (zeroCopy()) {  // chroma follows the rows of luma, not the pixels: 315 pairs in 158 texels
         EXPECT_EQ(planeImageOf(fakegl::callsTo("eglCreateImageKHR").back()),
-                  (std::vector<EGLint>{DRM_FORMAT_GR88, 315, 120, fds[4], 640 * 240, 640}));
+                  (std::vector<EGLint>{DRM_FORMAT_ABGR8888, 158, 120, fds[4], 640 * 240, 640}));
     }
     EXPECT_EQ(fakegl::doubleDeletes(), 0u);
 

@@ -242,7 +242,7 @@ int runBench(const BenchOptions& options)
     if (options.opencv)
         printf("ratio: the library's frame over the OpenCV pipeline's, both medians of this run; same dB: PSNR of "
                "the two panoramas' luma\n");
-    printf("stage times: %s; passes, draws, triangles and fragments (pixels drawn) of one frame\n",
+    printf("stage times: %s; passes, draws, triangles and fragments (an output fragment draws 4 luma pixels or 2 CbCr pairs) of one frame\n",
            rows.empty() || !rows[0].stages.gpu_timers ? "finish-bracketed wall clock" : "GPU timer queries");
     if (!options.json.empty()) {
         std::ofstream out(options.json);

@@ -1,11 +1,10 @@
 // The block's mesh holds one normalised source position per node, nodes spread evenly over the
 // block; between them the position is bilinear in the four nodes around the pixel.
 layout(binding = 2) uniform highp sampler2D meshCoords;
-in vec2 vLocal;
-vec2 sourceCoords()
+vec2 sourceCoords(vec2 local)
 {
     ivec2 nodes = textureSize(meshCoords, 0);
-    vec2 m = vLocal * vec2(nodes - 1);
+    vec2 m = local * vec2(nodes - 1);
     ivec2 i = clamp(ivec2(floor(m)), ivec2(0), max(nodes - 2, ivec2(0)));
     vec2 f = m - vec2(i);
     ivec2 j = min(i + 1, nodes - 1);
